@@ -1,0 +1,164 @@
+/*
+ * imgapi.h - the one public header of trnw (libtrnw6w95.so, trnw6w95.dll).
+ *
+ * Every exported function returns a signed 32-bit result: 0 or a positive
+ * value on success, a negative IMG_ERR_* code on failure.  Rows are
+ * addressed with 0 at the top.  Image handles are small non-negative
+ * integers naming a slot of the library's image table.
+ *
+ * Only the functions declared here are exported.  Functions marked
+ * "extension" are not part of the original interface; docs/API.md lists them.
+ */
+#ifndef TRNW_IMGAPI_H
+#define TRNW_IMGAPI_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Calling conventions: exported functions and the progress callback use the
+ * standard Windows convention on 32-bit Windows; caller I/O functions use the
+ * C convention. */
+#if defined(_WIN32) && !defined(_WIN64)
+#define IMGAPI __stdcall
+#define IMGCDECL __cdecl
+#else
+#define IMGAPI
+#define IMGCDECL
+#endif
+
+#if defined(_WIN32)
+#if defined(TRNW_BUILDING_DLL)
+#define IMGEXPORT __declspec(dllexport)
+#else
+#define IMGEXPORT
+#endif
+#elif defined(__GNUC__)
+#define IMGEXPORT __attribute__((visibility("default")))
+#else
+#define IMGEXPORT
+#endif
+
+/* ---- Error codes (Part 1.1) ---- */
+#define IMG_ERR_MEMORY          (-1)  /* out of memory, or the image has no pixel block */
+#define IMG_ERR_OPEN            (-2)  /* the named file could not be opened */
+#define IMG_ERR_INVALID         (-3)  /* invalid image data or unsupported variant */
+#define IMG_ERR_CREATE          (-6)  /* an output or temporary file could not be created */
+#define IMG_ERR_TYPE            (-7)  /* unknown file type, or a parameter out of range */
+#define IMG_ERR_GDI             (-8)  /* a GDI bitmap or metafile handed in is not usable */
+#define IMG_ERR_WRITE           (-9)  /* a write stored fewer bytes than asked */
+#define IMG_ERR_DISPLAY_RECT    (-10) /* display rectangle width or height below 1 */
+#define IMG_ERR_PAGE            (-11) /* the requested page does not exist */
+#define IMG_ERR_READ            (-12) /* short read, or data not of the expected format */
+#define IMG_ERR_HANDLE          (-13) /* invalid image handle */
+#define IMG_ERR_SCAN_SOURCE     (-16) /* scanner data source could not be opened or driven */
+#define IMG_ERR_SCAN_MANAGER    (-17) /* scanner source manager not found */
+#define IMG_ERR_STOPPED         (-18) /* decoding stopped on purpose after the header */
+#define IMG_ERR_DEPTH           (-21) /* bit depth not supported by this writer or operation */
+#define IMG_ERR_INTERP_PALETTE  (-22) /* 8-bit colour-palette image cannot be interpolated */
+#define IMG_ERR_NO_TRANSPARENT  (-26) /* no transparent colour is set */
+#define IMG_ERR_COMPRESSION     (-27) /* compression scheme not supported */
+#define IMG_ERR_SCAN_CAPABILITY (-28) /* a scanner capability could not be set */
+
+/* ---- Type numbers (Part 1.3) ---- */
+#define IMG_TYPE_BY_EXTENSION     (-1) /* save: choose the type by the path's extension */
+#define IMG_TYPE_TIFF             0    /* TIFF, uncompressed */
+#define IMG_TYPE_BMP              1    /* Windows bitmap, uncompressed */
+#define IMG_TYPE_PCX              2
+#define IMG_TYPE_TGA              3
+#define IMG_TYPE_GIF              4    /* GIF, not interlaced */
+#define IMG_TYPE_WPG              5
+#define IMG_TYPE_WMF              6
+#define IMG_TYPE_TIFF_HUFFMAN     7    /* TIFF, CCITT modified Huffman (compression 2) */
+#define IMG_TYPE_TIFF_G3          8    /* TIFF, CCITT Group 3 (compression 3) */
+#define IMG_TYPE_TIFF_LZW         9    /* TIFF, LZW (compression 5) */
+#define IMG_TYPE_TIFF_G4          10   /* TIFF, CCITT Group 4 (compression 4) */
+#define IMG_TYPE_DCX              11
+#define IMG_TYPE_BMP_COMPRESSED   12   /* Windows bitmap with non-zero biCompression */
+#define IMG_TYPE_JPG              13
+#define IMG_TYPE_EPS              14
+#define IMG_TYPE_PCT              15
+#define IMG_TYPE_TIFF_PACKBITS    16   /* TIFF, PackBits (compression 32773) */
+#define IMG_TYPE_TIFF_G3_2D       17   /* TIFF, two-dimensional Group 3 */
+#define IMG_TYPE_CALS             18
+#define IMG_TYPE_LSD              19
+#define IMG_TYPE_XBM              20
+#define IMG_TYPE_MAC              21
+#define IMG_TYPE_GX2              22
+#define IMG_TYPE_KFX              23
+#define IMG_TYPE_ICA              24
+#define IMG_TYPE_ICO              25
+#define IMG_TYPE_IFF              26
+#define IMG_TYPE_CLP              27
+#define IMG_TYPE_IMG              28   /* GEM image */
+#define IMG_TYPE_BTR              29
+#define IMG_TYPE_MSP              30
+#define IMG_TYPE_CUT              31
+#define IMG_TYPE_TGA2             32   /* second Targa variant (writer only) */
+#define IMG_TYPE_FAX_G3           33   /* raw CCITT Group 3 (writer only) */
+#define IMG_TYPE_FAX_G4           34   /* raw CCITT Group 4, 1-bit only (writer only) */
+#define IMG_TYPE_XPM              35
+#define IMG_TYPE_XWD              36
+#define IMG_TYPE_RAS              37   /* Sun raster */
+#define IMG_TYPE_TXT              38   /* plain text rendered as an image */
+#define IMG_TYPE_PCD              39   /* Photo CD */
+#define IMG_TYPE_TIFF_JPEG        40   /* TIFF, JPEG (compression 6) */
+#define IMG_TYPE_PSD              41
+#define IMG_TYPE_IMT              42
+#define IMG_TYPE_PNG              43
+#define IMG_TYPE_GIF_INTERLACED   44
+#define IMG_TYPE_TIFF_32010       46   /* TIFF, compression 32010 */
+#define IMG_TYPE_TIFF_32008       47   /* TIFF, compression 32008 */
+#define IMG_TYPE_DIB              48   /* bitmap without file header */
+#define IMG_TYPE_MCA              49   /* writer only */
+#define IMG_TYPE_TIFF_51          51   /* further TIFF variant of the writer family */
+#define IMG_TYPE_FAX_G4_B         52   /* raw CCITT Group 4, second variant */
+#define IMG_TYPE_FAX_G3_B         53   /* raw CCITT Group 3, second variant */
+
+/* ---- Caller call-backs ---- */
+/* Caller I/O (IMGLOW_set_fileio): C calling convention, the same three
+ * arguments as the library's own primitives. */
+typedef int32_t(IMGCDECL *IMG_READ_FUNC)(int32_t handle, void *buffer, int32_t count);
+typedef int32_t(IMGCDECL *IMG_WRITE_FUNC)(int32_t handle, void *buffer, int32_t count);
+typedef int32_t(IMGCDECL *IMG_SEEK_FUNC)(int32_t handle, int32_t offset, int32_t whence);
+
+/* ---- Part 1.1: image table and image descriptor ---- */
+IMGEXPORT int32_t IMGAPI IMG_create_handle_keep(void *dib);
+IMGEXPORT int32_t IMGAPI IMG_delete_bitmap(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_delete_bitmap_keep(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_bitmap_info(int32_t handle, int32_t *width, int32_t *height,
+                                         int32_t *bitsPerPixel);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_bitmap_header(int32_t handle, void *buffer);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_palette(int32_t handle, void *buffer);
+IMGEXPORT int32_t IMGAPI IMGLOW_put_palette(int32_t handle, const void *buffer);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_raster(int32_t handle, void *buffer, int32_t row,
+                                           int32_t byteCount);
+IMGEXPORT int32_t IMGAPI IMGLOW_put_raster(int32_t handle, const void *buffer, int32_t row,
+                                           int32_t byteCount);
+IMGEXPORT int32_t IMGAPI IMG_get_croprect(int32_t handle, int32_t *x, int32_t *y,
+                                          int32_t *width, int32_t *height);
+IMGEXPORT int32_t IMGAPI IMG_set_croprect(int32_t handle, int32_t x, int32_t y,
+                                          int32_t width, int32_t height);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_rop(int32_t handle, uint32_t rop);
+IMGEXPORT int32_t IMGAPI IMG_set_gamma(int32_t handle, uint32_t gamma);
+IMGEXPORT int32_t IMGAPI IMG_set_lut(int32_t handle, int32_t contrast, int32_t brightness);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_transp_color(int32_t handle, uint32_t colour);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_transp_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_set_display_angle(int32_t handle, int32_t angle);
+IMGEXPORT int32_t IMGAPI IMG_ifl_version(int32_t *major, int32_t *minor);
+IMGEXPORT int32_t IMGAPI IMG_dib_to_runs(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_runs_to_dib(int32_t handle);
+
+/* ---- Part 1.2: caller I/O and the bitmap name texts ---- */
+IMGEXPORT int32_t IMGAPI IMGLOW_set_fileio(IMG_READ_FUNC read, IMG_WRITE_FUNC write,
+                                           IMG_SEEK_FUNC seek);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_bitmap_name(char *text, char *date);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_bitmap_name(const char *text, const char *date);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* TRNW_IMGAPI_H */

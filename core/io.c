@@ -1,0 +1,292 @@
+/*
+ * io.c - Part 1.2: the I/O layer.
+ */
+#include "io.h"
+
+#include <string.h>
+
+#include "../platform/platform.h"
+#include "imgapi.h"
+
+/* The memory image. */
+static uint8_t *memoryBase;
+static uint32_t memorySize;
+static uint32_t memoryPosition;
+
+/* Caller I/O; each null until set. */
+static IMG_READ_FUNC userRead;
+static IMG_WRITE_FUNC userWrite;
+static IMG_SEEK_FUNC userSeek;
+
+static void *trackedTable[IMG_TRACKED_SLOTS];
+
+static char bitmapNameText[IMG_NAME_TEXT_SIZE] = "1996 TARNWHEEL, ALL RIGHTS RESERVED";
+static char bitmapNameDate[IMG_NAME_DATE_SIZE] = "11-24-1992";
+
+static int failCountdown = -1;
+
+/* ---- the memory image ---- */
+
+void ImgSetMemorySourceSized(void *pointer, uint32_t size)
+{
+    memoryBase = pointer;
+    memoryPosition = 0;
+    memorySize = size ? size : IMG_MEMORY_UNBOUNDED;
+}
+
+void ImgSetMemorySource(void *pointer)
+{
+    size_t size = PlatformBlockSize(pointer);
+    /* No block, a discarded block or size 0: in effect unbounded. */
+    ImgSetMemorySourceSized(pointer, size > IMG_MEMORY_UNBOUNDED ? IMG_MEMORY_UNBOUNDED
+                                                                 : (uint32_t)size);
+}
+
+/* Read and write share one rule: at or past the end nothing moves and the
+ * whole count is claimed; otherwise the transfer stops at the end. */
+static uint32_t MemoryTransferSize(uint32_t count)
+{
+    if (memoryPosition >= memorySize)
+        return 0;
+    uint32_t left = memorySize - memoryPosition;
+    return count < left ? count : left;
+}
+
+static int32_t MemoryRead(void *buffer, uint32_t count)
+{
+    if (!memoryBase)
+        return 0;
+    if (memoryPosition >= memorySize)
+        return (int32_t)count;
+    uint32_t n = MemoryTransferSize(count);
+    memcpy(buffer, memoryBase + memoryPosition, n);
+    memoryPosition += n;
+    return (int32_t)n;
+}
+
+static int32_t MemoryWrite(const void *buffer, uint32_t count)
+{
+    if (!memoryBase)
+        return 0;
+    if (memoryPosition >= memorySize)
+        return (int32_t)count;
+    uint32_t n = MemoryTransferSize(count);
+    memcpy(memoryBase + memoryPosition, buffer, n);
+    memoryPosition += n;
+    return (int32_t)n;
+}
+
+static int32_t MemorySeek(int32_t offset, int whence)
+{
+    /* Nothing is clamped: the read and write rules cope with any position. */
+    if (whence == 0)
+        memoryPosition = (uint32_t)offset;
+    else if (whence == 1)
+        memoryPosition += (uint32_t)offset;
+    else
+        memoryPosition = memorySize + (uint32_t)offset;
+    return 0;
+}
+
+/* ---- the primitives ---- */
+
+int32_t ImgRead(int handle, void *buffer, uint32_t count)
+{
+    if (userRead)
+        return userRead(handle, buffer, (int32_t)count);
+    if (handle == IMG_MEMORY_HANDLE)
+        return MemoryRead(buffer, count);
+    return PlatformRead(handle, buffer, count);
+}
+
+int32_t ImgWrite(int handle, const void *buffer, uint32_t count)
+{
+    if (userWrite)
+        return userWrite(handle, (void *)buffer, (int32_t)count);
+    if (handle == IMG_MEMORY_HANDLE)
+        return MemoryWrite(buffer, count);
+    return PlatformWrite(handle, buffer, count);
+}
+
+int32_t ImgSeek(int handle, int32_t offset, int whence)
+{
+    if (userSeek)
+        return userSeek(handle, offset, whence);
+    if (handle == IMG_MEMORY_HANDLE)
+        return MemorySeek(offset, whence);
+    return PlatformSeek(handle, offset, whence);
+}
+
+int32_t ImgFileSize(int handle)
+{
+    if (handle == IMG_MEMORY_HANDLE && !userSeek)
+        return (int32_t)memoryPosition; /* the position, not the block size */
+    int32_t position = ImgSeek(handle, 0, 1);
+    int32_t end = ImgSeek(handle, 0, 2);
+    ImgSeek(handle, position, 0);
+    return end;
+}
+
+uint32_t ImgTell(void)
+{
+    return memoryPosition;
+}
+
+/* ---- files by name ---- */
+
+int ImgOpen(const char *path, int mode)
+{
+    return PlatformOpen(path, mode);
+}
+
+int ImgClose(int handle)
+{
+    return PlatformClose(handle);
+}
+
+int ImgDelete(const char *path)
+{
+    return PlatformDelete(path);
+}
+
+int ImgOpenTemp(char *pathBuffer, int mode)
+{
+    if (!pathBuffer)
+        return -1;
+    if (mode == 0)
+        return PlatformTempName(pathBuffer) < 0 ? -1 : PlatformOpen(pathBuffer, 2);
+    if (mode == 1)
+        return PlatformOpen(pathBuffer, 0);
+    return -1;
+}
+
+/* ---- memory helpers ---- */
+
+static int AllocationFails(void)
+{
+    if (failCountdown < 0)
+        return 0;
+    if (failCountdown == 0) {
+        failCountdown = -1;
+        return 1;
+    }
+    failCountdown--;
+    return 0;
+}
+
+void ImgTestFailAllocations(int countdown)
+{
+    failCountdown = countdown;
+}
+
+void *ImgAlloc(size_t size)
+{
+    return AllocationFails() ? NULL : PlatformAlloc(size);
+}
+
+void *ImgRealloc(void *pointer, size_t size)
+{
+    return AllocationFails() ? NULL : PlatformRealloc(pointer, size);
+}
+
+void ImgFree(void *pointer)
+{
+    PlatformFree(pointer);
+}
+
+void *ImgAllocTracked(size_t size)
+{
+    int slot = 0;
+    while (slot < IMG_TRACKED_SLOTS && trackedTable[slot])
+        slot++;
+    if (slot == IMG_TRACKED_SLOTS)
+        return NULL; /* a full table must not be overrun (docs/DEVIATIONS.md) */
+    void *pointer = ImgAlloc(size);
+    trackedTable[slot] = pointer;
+    return pointer;
+}
+
+void ImgFreeTracked(void *pointer)
+{
+    if (!pointer)
+        return;
+    for (int slot = 0; slot < IMG_TRACKED_SLOTS; slot++) {
+        if (trackedTable[slot] == pointer) {
+            ImgFree(pointer);
+            trackedTable[slot] = NULL;
+            return;
+        }
+    }
+}
+
+void ImgFreeAllTracked(void)
+{
+    for (int slot = IMG_TRACKED_SLOTS - 1; slot >= 0; slot--) {
+        if (trackedTable[slot]) {
+            ImgFree(trackedTable[slot]);
+            trackedTable[slot] = NULL;
+        }
+    }
+}
+
+int ImgTrackedCount(void)
+{
+    int count = 0;
+    for (int slot = 0; slot < IMG_TRACKED_SLOTS; slot++)
+        count += trackedTable[slot] != NULL;
+    return count;
+}
+
+/* ---- the bitmap name texts ---- */
+
+static void CopyBounded(char *target, size_t size, const char *source)
+{
+    size_t n = strlen(source);
+    if (n >= size)
+        n = size - 1; /* bounded: the original copied without a check */
+    memcpy(target, source, n);
+    target[n] = '\0';
+}
+
+const char *ImgBitmapNameText(void)
+{
+    return bitmapNameText;
+}
+
+const char *ImgBitmapNameDate(void)
+{
+    return bitmapNameDate;
+}
+
+void ImgStoreBitmapName(const char *text, const char *date)
+{
+    if (text)
+        CopyBounded(bitmapNameText, sizeof bitmapNameText, text);
+    if (date)
+        CopyBounded(bitmapNameDate, sizeof bitmapNameDate, date);
+}
+
+/* ---- exported ---- */
+
+int32_t IMGAPI IMGLOW_set_fileio(IMG_READ_FUNC read, IMG_WRITE_FUNC write, IMG_SEEK_FUNC seek)
+{
+    userRead = read;
+    userWrite = write;
+    userSeek = seek;
+    return 0;
+}
+
+int32_t IMGAPI IMGLOW_get_bitmap_name(char *text, char *date)
+{
+    if (text)
+        memcpy(text, bitmapNameText, strlen(bitmapNameText) + 1);
+    if (date)
+        memcpy(date, bitmapNameDate, strlen(bitmapNameDate) + 1);
+    return 0;
+}
+
+int32_t IMGAPI IMGLOW_set_bitmap_name(const char *text, const char *date)
+{
+    ImgStoreBitmapName(text, date);
+    return 0;
+}

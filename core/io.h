@@ -1,0 +1,55 @@
+/*
+ * io.h - the I/O layer of Part 1.2 (internal): byte source and sink over one
+ * integer handle, the memory image, files by name, the scratch file, memory
+ * helpers, tracked allocations and the bitmap name texts.
+ */
+#ifndef TRNW_IO_H
+#define TRNW_IO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#define IMG_MEMORY_HANDLE 32767          /* names the memory image */
+#define IMG_MEMORY_UNBOUNDED 0x70000000u /* size of a memory image of unknown size */
+#define IMG_CHUNK_SIZE 10000             /* the I/O block of readers and decoders */
+#define IMG_TRACKED_SLOTS 30
+#define IMG_NAME_TEXT_SIZE 200
+#define IMG_NAME_DATE_SIZE 40
+#define IMG_TEMP_PATH_SIZE 260           /* room a caller gives ImgOpenTemp */
+
+/* Byte-level primitives. */
+int32_t ImgRead(int handle, void *buffer, uint32_t count);
+int32_t ImgWrite(int handle, const void *buffer, uint32_t count);
+int32_t ImgSeek(int handle, int32_t offset, int whence);
+int32_t ImgFileSize(int handle);
+uint32_t ImgTell(void);
+void ImgSetMemorySource(void *pointer);
+/* Sized set-up for platforms where a block's size cannot be found from its
+ * pointer; size 0 means unknown (unbounded). */
+void ImgSetMemorySourceSized(void *pointer, uint32_t size);
+
+/* Files by name. */
+int ImgOpen(const char *path, int mode);
+int ImgClose(int handle);
+int ImgDelete(const char *path);
+int ImgOpenTemp(char *pathBuffer, int mode);
+
+/* Memory helpers. */
+void *ImgAlloc(size_t size);
+void *ImgRealloc(void *pointer, size_t size);
+void ImgFree(void *pointer);
+void *ImgAllocTracked(size_t size);
+void ImgFreeTracked(void *pointer);
+void ImgFreeAllTracked(void);
+int ImgTrackedCount(void);
+
+/* The bitmap name texts that writers stamp into files. */
+const char *ImgBitmapNameText(void);
+const char *ImgBitmapNameDate(void);
+void ImgStoreBitmapName(const char *text, const char *date);
+
+/* Test hook: the allocation after `countdown` more successful ones fails;
+ * a negative value switches the failure off. */
+void ImgTestFailAllocations(int countdown);
+
+#endif /* TRNW_IO_H */
