@@ -8,7 +8,7 @@
 
 #include "dib.h"
 #include "imgapi.h"
-#include "io.h"
+#include "imgio.h"
 #include "runs.h"
 
 /* The table: tableCount slots in use, each a descriptor or NULL. */

@@ -1,7 +1,7 @@
 /*
  * io.c - Part 1.2: the I/O layer.
  */
-#include "io.h"
+#include "imgio.h"
 
 #include <string.h>
 

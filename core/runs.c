@@ -11,7 +11,7 @@
 
 #include "dib.h"
 #include "imgapi.h"
-#include "io.h"
+#include "imgio.h"
 
 /* changeCount[t] and changeAt[t][]: the bit positions (0 = most significant)
  * set in t; t marks the pixels of a byte whose colour differs from the pixel

@@ -1,10 +1,10 @@
 /*
- * io.h - the I/O layer of Part 1.2 (internal): byte source and sink over one
+ * imgio.h - the I/O layer of Part 1.2 (internal): byte source and sink over one
  * integer handle, the memory image, files by name, the scratch file, memory
  * helpers, tracked allocations and the bitmap name texts.
  */
-#ifndef TRNW_IO_H
-#define TRNW_IO_H
+#ifndef TRNW_IMGIO_H
+#define TRNW_IMGIO_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -52,4 +52,4 @@ void ImgStoreBitmapName(const char *text, const char *date);
  * a negative value switches the failure off. */
 void ImgTestFailAllocations(int countdown);
 
-#endif /* TRNW_IO_H */
+#endif /* TRNW_IMGIO_H */

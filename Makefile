@@ -1,0 +1,29 @@
+# trnw: `make demo` runs the main job, `make test` the whole suite.
+JOBS ?= 2
+export JOBS
+
+.PHONY: all deps build demo test bench fuzz clean
+
+all: build
+
+deps:
+	@bash scripts/deps.sh
+
+build: deps
+	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake --build build -j$(JOBS) >/dev/null
+
+demo: build
+	@bash scripts/demo.sh
+
+test: deps
+	@bash scripts/test.sh
+
+bench: build
+	@./build/bin/bench_runs
+
+fuzz: deps
+	@bash scripts/fuzz.sh $(FUZZ_SECONDS)
+
+clean:
+	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples
