@@ -28,7 +28,11 @@ typedef struct tagBITMAPINFOHEADER {
 #pragma pack(pop)
 #endif
 
+#ifdef __cplusplus
+static_assert(sizeof(BITMAPINFOHEADER) == 40, "BITMAPINFOHEADER must be 40 bytes");
+#else
 _Static_assert(sizeof(BITMAPINFOHEADER) == 40, "BITMAPINFOHEADER must be 40 bytes");
+#endif
 
 #define DIB_HEADER_SIZE 40
 #define DIB_RUN_CODED 99u         /* biCompression of an image held as run records */

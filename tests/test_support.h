@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -22,6 +23,7 @@ extern "C" {
 #include "core/imgapi.h"
 #include "core/imgio.h"
 #include "core/runs.h"
+#include "platform/platform.h"
 }
 
 class TrnwTest : public ::testing::Test {
