@@ -18,6 +18,15 @@ done
 bash scripts/check_exports.sh build/lib/libtrnw6w95.so build-win-i686/bin/trnw6w95.dll \
   build-win-x86_64/bin/trnw6w95.dll
 
+# The 32-bit import library's name@N must be what the compiler gives each function.
+compiled=$(i686-w64-mingw32-nm build-win-i686/lib/libtrnw_static.a | awk '$2 == "T" && $3 ~ /^_IMG/ {print substr($3, 2)}' | sort)
+if [[ "$compiled" != "$(bash scripts/gen_def.sh --decorated)" ]]; then
+  echo "windows.sh: stdcall decorations differ from scripts/gen_def.sh --decorated:"
+  diff <(echo "$compiled") <(bash scripts/gen_def.sh --decorated) || true
+  exit 1
+fi
+echo "windows.sh: i686 import library decorations match the compiled functions"
+
 export WINEDEBUG=-all
 wine64=$(command -v wine64 || echo /usr/lib/wine/wine64)
 echo "windows.sh: x86_64 test suite under wine64"

@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# `make fuzz`: builds every fuzz/*.c target with clang's libFuzzer, ASan and
+# UBSan into build-fuzz/, replays the saved regression inputs of each target
+# (fuzz/regress/<target>/, one file per input: fuzz findings are kept there),
+# then fuzzes each target for ${1:-30} seconds with its corpus in
+# build-fuzz/corpus/<target>/.  Crash inputs land in build-fuzz/artifacts/.
+# Exits non-zero when a regression input or the fuzzing crashes a target.
+#
+# Needs clang and libFuzzer (Debian: clang, libclang-rt-14-dev).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-30}
+cc=${FUZZ_CC:-clang}
+out=build-fuzz
+
+if ! command -v "$cc" >/dev/null; then
+  echo "fuzz.sh: $cc not found (Debian packages clang and libclang-rt-14-dev)" >&2
+  exit 1
+fi
+
+# The library sources a reader can need, built once for all targets: the
+# core, the codecs and colour (when present) and the POSIX platform layer.
+shopt -s nullglob
+lib_sources=(core/*.c codecs/*/*.c color/*.c platform/posix.c)
+targets=(fuzz/*.c)
+shopt -u nullglob
+if [[ ${#targets[@]} -eq 0 ]]; then
+  echo "fuzz.sh: no fuzz targets in fuzz/" >&2
+  exit 1
+fi
+
+common=(-g -O1 -std=gnu11 -Wall -Wextra -Werror -fno-omit-frame-pointer -fno-sanitize-recover=all
+        -I core)
+mkdir -p "$out/obj" "$out/corpus" "$out/artifacts"
+
+# A check that libFuzzer is there, with a clear message when it is not.
+probe="$out/obj/probe.c"
+printf '#include <stddef.h>\n#include <stdint.h>\nint LLVMFuzzerTestOneInput(const uint8_t *d, size_t n) { (void)d; (void)n; return 0; }\n' >"$probe"
+if ! "$cc" -fsanitize=fuzzer,address,undefined "$probe" -o "$out/obj/probe" 2>"$out/obj/probe.log"; then
+  echo "fuzz.sh: $cc cannot link -fsanitize=fuzzer (install libclang-rt-14-dev):" >&2
+  cat "$out/obj/probe.log" >&2
+  exit 1
+fi
+
+objects=()
+for src in "${lib_sources[@]}"; do
+  obj="$out/obj/$(echo "${src%.c}" | tr '/' '_').o"
+  "$cc" "${common[@]}" -fsanitize=fuzzer-no-link,address,undefined -c "$src" -o "$obj"
+  objects+=("$obj")
+done
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+
+failed=()
+for src in "${targets[@]}"; do
+  name=$(basename "${src%.c}")
+  bin="$out/$name"
+  "$cc" "${common[@]}" -fsanitize=fuzzer,address,undefined "$src" "${objects[@]}" -o "$bin"
+  echo "fuzz.sh: built $bin"
+
+  # Regression inputs first: each runs once.
+  regress=(fuzz/regress/"$name"/*)
+  if [[ -d fuzz/regress/$name && -e ${regress[0]} ]]; then
+    if ! "$bin" "${regress[@]}" >"$out/$name.regress.log" 2>&1; then
+      echo "fuzz.sh: $name: a regression input crashes it (see $out/$name.regress.log)" >&2
+      tail -n 30 "$out/$name.regress.log" >&2
+      failed+=("$name")
+      continue
+    fi
+    echo "fuzz.sh: $name: ${#regress[@]} regression inputs pass"
+  fi
+
+  corpus="$out/corpus/$name"
+  mkdir -p "$corpus"
+  seeds=()
+  [[ -d fuzz/regress/$name ]] && seeds=(fuzz/regress/"$name")
+  log="$out/$name.log"
+  if "$bin" -max_total_time="$seconds" -timeout=25 -print_final_stats=1 \
+       -artifact_prefix="$out/artifacts/$name-" "$corpus" "${seeds[@]}" >"$log" 2>&1; then
+    runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' || true)
+    cov=$(grep -E '^#[0-9]+.*(DONE|pulse|NEW|REDUCE)' "$log" | tail -n 1 | grep -o 'cov: [0-9]*' || true)
+    echo "fuzz.sh: $name: no crash in ${seconds}s (${runs:-?} runs, ${cov:-cov: ?}, corpus $(ls "$corpus" | wc -l) files)"
+  else
+    echo "fuzz.sh: $name: CRASH (log $log, input in $out/artifacts/)" >&2
+    grep -E 'ERROR|SUMMARY|runtime error|fuzz_[a-z_]+:|Test unit written' "$log" | head -n 20 >&2 || true
+    failed+=("$name")
+  fi
+done
+
+if [[ ${#failed[@]} -gt 0 ]]; then
+  echo "fuzz.sh: failed: ${failed[*]}" >&2
+  exit 1
+fi
+echo "fuzz.sh: all ${#targets[@]} targets ran without a crash"
