@@ -97,7 +97,11 @@ static void ClearBits(uint8_t *row, uint32_t start, uint32_t end)
         return;
     }
     row[first] &= (uint8_t)~lead;
-    memset(row + first + 1, 0, last - first - 1);
+    if (last - first > 16)
+        memset(row + first + 1, 0, last - first - 1);
+    else
+        for (uint32_t i = first + 1; i < last; i++) /* short spans: no call */
+            row[i] = 0;
     row[last] &= (uint8_t)~trail;
 }
 
