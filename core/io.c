@@ -44,34 +44,18 @@ void ImgSetMemorySource(void *pointer)
 
 /* Read and write share one rule: at or past the end nothing moves and the
  * whole count is claimed; otherwise the transfer stops at the end. */
-static uint32_t MemoryTransferSize(uint32_t count)
+static int32_t MemoryTransfer(void *buffer, uint32_t count, int writing)
 {
-    if (memoryPosition >= memorySize)
+    if (!memoryBase)
         return 0;
+    if (memoryPosition >= memorySize)
+        return (int32_t)count;
     uint32_t left = memorySize - memoryPosition;
-    return count < left ? count : left;
-}
-
-static int32_t MemoryRead(void *buffer, uint32_t count)
-{
-    if (!memoryBase)
-        return 0;
-    if (memoryPosition >= memorySize)
-        return (int32_t)count;
-    uint32_t n = MemoryTransferSize(count);
-    memcpy(buffer, memoryBase + memoryPosition, n);
-    memoryPosition += n;
-    return (int32_t)n;
-}
-
-static int32_t MemoryWrite(const void *buffer, uint32_t count)
-{
-    if (!memoryBase)
-        return 0;
-    if (memoryPosition >= memorySize)
-        return (int32_t)count;
-    uint32_t n = MemoryTransferSize(count);
-    memcpy(memoryBase + memoryPosition, buffer, n);
+    uint32_t n = count < left ? count : left;
+    if (writing)
+        memcpy(memoryBase + memoryPosition, buffer, n);
+    else
+        memcpy(buffer, memoryBase + memoryPosition, n);
     memoryPosition += n;
     return (int32_t)n;
 }
@@ -95,7 +79,7 @@ int32_t ImgRead(int handle, void *buffer, uint32_t count)
     if (userRead)
         return userRead(handle, buffer, (int32_t)count);
     if (handle == IMG_MEMORY_HANDLE)
-        return MemoryRead(buffer, count);
+        return MemoryTransfer(buffer, count, 0);
     return PlatformRead(handle, buffer, count);
 }
 
@@ -104,7 +88,7 @@ int32_t ImgWrite(int handle, const void *buffer, uint32_t count)
     if (userWrite)
         return userWrite(handle, (void *)buffer, (int32_t)count);
     if (handle == IMG_MEMORY_HANDLE)
-        return MemoryWrite(buffer, count);
+        return MemoryTransfer((void *)buffer, count, 1);
     return PlatformWrite(handle, buffer, count);
 }
 
