@@ -1,21 +1,42 @@
 #!/usr/bin/env bash
 # `make test`: the native build with -Werror and its suite, the Windows cross
-# builds with the export check and the wine64 run, then the ASan+UBSan build
-# running the same suite.  Ends with ctest's summary.
+# builds with the export check and the wine64 run, a short run of every fuzz
+# target, then the ASan+UBSan build running the same suite.  Ends with
+# ctest's summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=${JOBS:-2}
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$jobs" >/dev/null
+# Runs a command quietly into a log: on success prints the log's last lines,
+# on failure the whole log, and fails.
+quiet() {
+  local log=$1 lines=$2
+  shift 2
+  if "$@" >"$log" 2>&1; then
+    tail -n "$lines" "$log"
+  else
+    cat "$log"
+    echo "test.sh: failed: $*" >&2
+    return 1
+  fi
+}
+
+mkdir -p build
+quiet build/configure.log 0 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+quiet build/build.log 0 cmake --build build -j"$jobs"
 echo "test.sh: native suite"
-(cd build && ctest -j"$jobs" --output-on-failure | tail -n 3)
+quiet build/ctest.log 3 ctest --test-dir build -j"$jobs" --output-on-failure
 
 bash scripts/windows.sh
 
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTRNW_SANITIZE=ON >/dev/null
-cmake --build build-asan -j"$jobs" >/dev/null
+echo "test.sh: every fuzz target, replaying its regression inputs and fuzzing briefly"
+mkdir -p build-fuzz
+quiet build-fuzz/fuzz.log 0 bash scripts/fuzz.sh 5
+grep '^fuzz.sh' build-fuzz/fuzz.log || true
+
+mkdir -p build-asan
+quiet build-asan/configure.log 0 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTRNW_SANITIZE=ON
+quiet build-asan/build.log 0 cmake --build build-asan -j"$jobs"
 echo "test.sh: ASan+UBSan suite"
-cd build-asan
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest -j"$jobs" --output-on-failure | tail -n 3
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1
+quiet build-asan/ctest.log 3 ctest --test-dir build-asan -j"$jobs" --output-on-failure
