@@ -82,6 +82,8 @@ done:
         *out++ = (uint16_t)width; /* a record never has the length of a plain row */
         length += 2;
     }
+    /* Word 0 wraps for records over 65535 bytes (very wide, very dense rows);
+     * the store and the sinks use the returned length, never word 0. */
     record[0] = (uint16_t)length;
     return length;
 }
