@@ -435,12 +435,7 @@ int32_t IMGAPI IMG_dib_to_runs(int32_t handle)
     }
     for (int32_t row = 0; result == 0 && row < d->height; row++) {
         uint32_t bytes = (uint32_t)RunEncodeRow(PlainRow(d, row), d->width, work);
-        uint32_t start = coded.rowIndex[row];
-        result = RunStoreReserve(&coded, (uint64_t)offset + start + bytes, row);
-        if (result == 0) {
-            memcpy(coded.dib + offset + start, work, bytes);
-            coded.rowIndex[row + 1] = start + bytes;
-        }
+        result = RunStoreAppend(&coded, row, work, bytes, row + 10);
     }
     ImgFree(work);
     if (result < 0) {

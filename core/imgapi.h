@@ -124,7 +124,23 @@ typedef int32_t(IMGCDECL *IMG_READ_FUNC)(int32_t handle, void *buffer, int32_t c
 typedef int32_t(IMGCDECL *IMG_WRITE_FUNC)(int32_t handle, void *buffer, int32_t count);
 typedef int32_t(IMGCDECL *IMG_SEEK_FUNC)(int32_t handle, int32_t offset, int32_t whence);
 
+/* Progress callback (IMG_set_statusbar): standard Windows convention; it
+ * receives the value given with it and the total row count; a negative
+ * result aborts the operation. */
+typedef int32_t(IMGAPI *IMG_STATUS_FUNC)(int32_t value, int32_t total);
+
+/* Caller-supplied sinks and source of IMGLOW_decompress_bitmap and
+ * IMGLOW_save_bitmap (C convention; the shapes of Parts 1.4 and 1.5). */
+typedef int32_t(IMGCDECL *IMG_HEADER_SINK)(const uint8_t *headerAndPalette, void *sinkContext);
+typedef int32_t(IMGCDECL *IMG_ROW_SINK)(const uint8_t *row, void *sinkContext, int32_t rowIndex,
+                                        int32_t rowBytes);
+typedef int32_t(IMGCDECL *IMG_ROW_SOURCE)(void *sourceContext, uint8_t *buffer, int32_t rowIndex,
+                                          int32_t rowBytes);
+
 /* ---- Part 1.1: image table and image descriptor ---- */
+IMGEXPORT int32_t IMGAPI IMG_create_handle(void *memory);
+IMGEXPORT int32_t IMGAPI IMG_create_handle_shell(const void *bitmapinfo);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_fileinfo(const char *path, void *info);
 IMGEXPORT int32_t IMGAPI IMG_create_handle_keep(void *dib);
 IMGEXPORT int32_t IMGAPI IMG_delete_bitmap(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_delete_bitmap_keep(int32_t handle);
@@ -156,6 +172,50 @@ IMGEXPORT int32_t IMGAPI IMGLOW_set_fileio(IMG_READ_FUNC read, IMG_WRITE_FUNC wr
                                            IMG_SEEK_FUNC seek);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_bitmap_name(char *text, char *date);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_bitmap_name(const char *text, const char *date);
+
+/* ---- Part 1.3: format registry and detection ---- */
+IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype(const char *path);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype_fd(int32_t fileHandle);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype_mem(void *memory);
+/* extension: the memory image with its size (0 = unknown) */
+IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype_mem_size(void *memory, uint32_t size);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_auto_detect(int32_t type);
+IMGEXPORT int32_t IMGAPI IMGLOW_unset_auto_detect(int32_t type);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_auto_detect(int32_t type);
+
+/* ---- Part 1.4: decode pipeline ---- */
+IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap(const char *path);
+IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_fd(int32_t fileHandle, uint32_t offset, int32_t page);
+IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_mem(void *memory, int32_t page);
+/* extension: the memory image with its size (0 = unknown) */
+IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_mem_size(void *memory, uint32_t size, int32_t page);
+IMGEXPORT int32_t IMGAPI IMGLOW_decompress_bitmap(int32_t fileHandle, uint32_t offset, int32_t page,
+                                                  IMG_ROW_SINK rowSink, void *sinkContext,
+                                                  IMG_HEADER_SINK headerSink);
+IMGEXPORT int32_t IMGAPI IMGLOW_decompress_bitmap_mem(void *memory, int32_t page,
+                                                      IMG_ROW_SINK rowSink, void *sinkContext,
+                                                      IMG_HEADER_SINK headerSink);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_pages(const char *path);
+IMGEXPORT int32_t IMGAPI IMGLOW_get_pages_fd(int32_t fileHandle);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_reduction(int32_t bits);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_decompsize(int32_t width, int32_t height);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32_t width,
+                                                int32_t height);
+IMGEXPORT int32_t IMGAPI IMG_set_statusbar(int32_t value, IMG_STATUS_FUNC callback, int32_t enable);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_dispfunc(void *callback, int32_t value);
+
+/* ---- Part 1.5: save pipeline ---- */
+IMGEXPORT int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type);
+IMGEXPORT int32_t IMGAPI IMG_save_bitmap_fd(int32_t handle, int32_t fileHandle, int32_t type);
+IMGEXPORT int32_t IMGAPI IMG_save_bitmap_mem(int32_t handle, void *memory, int32_t type);
+/* extension: the memory image with its size (0 = unknown) */
+IMGEXPORT int32_t IMGAPI IMG_save_bitmap_mem_size(int32_t handle, void *memory, uint32_t size,
+                                                  int32_t type);
+IMGEXPORT int32_t IMGAPI IMGLOW_save_bitmap(int32_t fileHandle, uint8_t *header, int32_t type,
+                                            IMG_ROW_SOURCE rowSource, void *sourceContext);
+IMGEXPORT int32_t IMGAPI IMGLOW_save_bitmap_mem(void *memory, uint8_t *header, int32_t type,
+                                                IMG_ROW_SOURCE rowSource, void *sourceContext);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality);
 
 #ifdef __cplusplus
 }

@@ -88,6 +88,15 @@ done:
     return length;
 }
 
+int RunWhiteRecord(int32_t width, uint16_t *record)
+{
+    int words = DibStride((uint32_t)width, 1) == 8 ? 5 : 4;
+    record[0] = (uint16_t)(words * 2);
+    for (int i = 1; i < words; i++)
+        record[i] = (uint16_t)width;
+    return words * 2;
+}
+
 /* Clears the bits start .. end-1 (end > start) of a packed row. */
 static void ClearBits(uint8_t *row, uint32_t start, uint32_t end)
 {
@@ -107,24 +116,52 @@ static void ClearBits(uint8_t *row, uint32_t start, uint32_t end)
     row[last] &= (uint8_t)~trail;
 }
 
-void RunExpandRow(const uint16_t *record, uint32_t recordBytes, int32_t width, uint8_t *row,
-                  uint32_t rowBytes)
+void RunExpandRowAt(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
+                    uint8_t *row, uint32_t rowBytes)
 {
     memset(row, 0xFF, rowBytes);
-    uint32_t limit = (uint32_t)(width > 0 ? width : 0);
-    if ((uint64_t)rowBytes * 8 < limit)
-        limit = rowBytes * 8;
+    int64_t limit = width > 0 ? width : 0;
+    if ((int64_t)rowBytes * 8 < limit)
+        limit = (int64_t)rowBytes * 8;
     uint32_t words = recordBytes / 2;
     for (uint32_t i = 1; i < words;) {
-        uint32_t start = record[i++];
+        int64_t start = (int64_t)record[i++] - left;
         if (start >= limit)
             break;
-        uint32_t end = i < words ? record[i++] : limit;
+        int64_t end = i < words ? (int64_t)record[i++] - left : limit;
+        if (start < 0)
+            start = 0; /* a run that began left of the origin */
         if (end > limit)
             end = limit;
         if (end > start)
-            ClearBits(row, start, end);
+            ClearBits(row, (uint32_t)start, (uint32_t)end);
     }
+}
+
+void RunExpandRow(const uint16_t *record, uint32_t recordBytes, int32_t width, uint8_t *row,
+                  uint32_t rowBytes)
+{
+    RunExpandRowAt(record, recordBytes, 0, width, row, rowBytes);
+}
+
+int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
+                  uint16_t *out)
+{
+    uint32_t words = recordBytes / 2, i = 1, skipped = 0;
+    uint16_t *o = out + 1;
+    while (i < words && record[i] < left) { /* positions before the rectangle */
+        skipped++;
+        i++;
+    }
+    if (skipped & 1)
+        *o++ = 0; /* inside a run of 0-bits: keep the colours in step */
+    for (; i < words && record[i] < (uint32_t)left + (uint32_t)width; i++)
+        *o++ = (uint16_t)(record[i] - left);
+    o[0] = o[1] = (uint16_t)width;
+    o += 2;
+    int length = (int)((o - out) * 2);
+    out[0] = (uint16_t)length;
+    return length;
 }
 
 /* ---- the row store ---- */
@@ -152,13 +189,13 @@ const uint16_t *RunStoreRow(const ImgDescriptor *d, int32_t row, uint32_t *bytes
     return (const uint16_t *)(d->dib + base + start);
 }
 
-int RunStoreReserve(ImgDescriptor *d, uint64_t end, int32_t row)
+int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored)
 {
     if (end <= d->dibSize)
         return 0;
     /* Extrapolate from the rows stored so far; never less than what is needed. */
-    double grown = (double)d->height / (double)(row + 10) * (double)d->dibSize;
-    uint64_t size = (uint64_t)grown + 32768;
+    double grown = (double)d->height / (rowsStored >= 1 ? rowsStored : 1) * (double)d->dibSize;
+    uint64_t size = grown < 4e9 ? (uint64_t)grown + 32768 : 0;
     if (size < end)
         size = end + 32768;
     if (size > 0x7FFFFFFFu - 200)
@@ -168,6 +205,46 @@ int RunStoreReserve(ImgDescriptor *d, uint64_t end, int32_t row)
         return IMG_ERR_MEMORY;
     d->dib = block;
     d->dibSize = (uint32_t)size;
+    return 0;
+}
+
+int RunStoreAppend(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
+                   double rowsStored)
+{
+    uint32_t base = ImgDescriptorBitsOffset(d);
+    uint32_t start = d->rowIndex[row];
+    int result = RunStoreReserve(d, (uint64_t)base + start + bytes, rowsStored);
+    if (result < 0)
+        return result;
+    memcpy(d->dib + base + start, record, bytes);
+    d->rowIndex[row + 1] = start + bytes;
+    return 0;
+}
+
+int RunStoreReverseRows(ImgDescriptor *d)
+{
+    uint32_t base = ImgDescriptorBitsOffset(d);
+    uint32_t end = d->rowIndex[d->height];
+    uint8_t *copy = ImgAlloc((size_t)end + 1);
+    uint32_t *index = RunStoreAllocateIndex(d->width, d->height);
+    if (!copy || !index) {
+        ImgFree(copy);
+        ImgFree(index);
+        return IMG_ERR_MEMORY;
+    }
+    memcpy(copy, d->dib + base, end);
+    uint32_t offset = 0;
+    for (int32_t r = 0; r < d->height; r++) {
+        int32_t from = d->height - 1 - r;
+        uint32_t bytes = d->rowIndex[from + 1] - d->rowIndex[from];
+        memcpy(d->dib + base + offset, copy + d->rowIndex[from], bytes);
+        index[r] = offset;
+        offset += bytes;
+    }
+    index[d->height] = offset;
+    ImgFree(copy);
+    ImgFree(d->rowIndex);
+    d->rowIndex = index;
     return 0;
 }
 
@@ -183,8 +260,8 @@ int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, ui
     if (storeEnd < tailStart || base + storeEnd > d->dibSize)
         return IMG_ERR_INVALID; /* the store is not complete */
     int64_t delta = (int64_t)bytes - (int64_t)oldBytes;
-    /* Extrapolating from row height - 10 grows by one step of 32768 bytes. */
-    int result = RunStoreReserve(d, (uint64_t)((int64_t)(base + storeEnd) + delta), d->height - 10);
+    /* Extrapolating from all rows grows by one step of 32768 bytes. */
+    int result = RunStoreReserve(d, (uint64_t)((int64_t)(base + storeEnd) + delta), d->height);
     if (result < 0)
         return result;
     uint8_t *store = d->dib + base;

@@ -31,12 +31,29 @@ static inline size_t RunRecordMaxBytes(int32_t width)
  * record's byte length. */
 int RunEncodeRow(const uint8_t *row, int32_t width, uint16_t *record);
 
+/* The record of an all-white row (what RunEncodeRow gives for one); room
+ * for 5 words.  Returns its byte length. */
+int RunWhiteRecord(int32_t width, uint16_t *record);
+
 /* Expands a record of `recordBytes` bytes into `row` (`rowBytes` bytes):
  * fills it with 0xFF and clears every listed run of 0-bits.  Positions are
  * clipped to the width and to the row; any record, however malformed, only
  * touches `row`. */
 void RunExpandRow(const uint16_t *record, uint32_t recordBytes, int32_t width, uint8_t *row,
                   uint32_t rowBytes);
+
+/* The same for the columns left .. left + width - 1 of the record's row,
+ * shifted to start at 0 (crop extraction: the scaler at 1.0). */
+void RunExpandRowAt(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
+                    uint8_t *row, uint32_t rowBytes);
+
+/* Clips a record to the columns left .. left + width - 1 as Part 1.4's
+ * sub-rectangle says: positions before left are skipped (an odd count starts
+ * the output with a 0 position), kept positions are shifted by left, copying
+ * stops at left + width, and width is appended twice.  `out` needs
+ * recordBytes + 6 bytes.  Returns the new length in bytes. */
+int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
+                  uint16_t *out);
 
 /* ---- the row store of a codedRows image ---- */
 
@@ -47,10 +64,17 @@ uint32_t *RunStoreAllocateIndex(int32_t width, int32_t height);
  * inside the store.  *bytes receives its length (0 for a row never stored). */
 const uint16_t *RunStoreRow(const ImgDescriptor *d, int32_t row, uint32_t *bytes);
 /* Makes room for a store ending at byte `end` of the block (header and
- * palette included): when `end` passes dibSize, dibSize grows by the
- * extrapolation of Part 1.4 from `row` rows stored so far and the block is
- * reallocated to dibSize + 200 bytes.  0 or -1. */
-int RunStoreReserve(ImgDescriptor *d, uint64_t end, int32_t row);
+ * palette included): when `end` passes dibSize, dibSize becomes
+ * trunc(height / rowsStored * dibSize) + 32768 (Part 1.4's extrapolation;
+ * rowsStored is row + 10, or the row index in the sub-rectangle path), never
+ * less than `end` needs, and the block is reallocated to dibSize + 200 bytes.
+ * 0 or -1. */
+int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored);
+/* Appends `record` as row `row` at rowIndex[row] and sets rowIndex[row + 1]. */
+int RunStoreAppend(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
+                   double rowsStored);
+/* Reverses the order of the rows of a complete store (top becomes bottom). */
+int RunStoreReverseRows(ImgDescriptor *d);
 /* Stores `record` as row `row` in place of what the row held, moving the
  * rows behind it.  0 or -1. */
 int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes);

@@ -9,3 +9,10 @@ mkdir -p samples out
 ./build/bin/trnw runs samples/page.dib out/page.dib
 cmp -s samples/page.dib out/page.dib && echo "out/page.dib: identical to the sample after the run store"
 ./build/bin/trnw runs samples/photo.dib out/photo.dib
+# The decode and save pipelines: detect, decode, crop or reduce, save by extension or type.
+./build/bin/trnw convert samples/page.dib out/page.bmp
+./build/bin/trnw convert samples/photo.dib out/photo.bmp
+./build/bin/trnw convert samples/photo.dib out/photo-crop.bmp --crop 170,90,300,300
+./build/bin/trnw convert samples/page.dib out/page-thumb.bmp --size 255x330
+./build/bin/trnw convert samples/page.dib out/page-rect.dib --rect 100,150,1200,600 --type 48
+./build/bin/trnw info samples/page.dib samples/photo.dib out/*.bmp out/page-rect.dib

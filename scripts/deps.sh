@@ -10,6 +10,7 @@ packages=(
   gcc-mingw-w64-i686 g++-mingw-w64-i686 gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 binutils-mingw-w64-i686
   binutils-mingw-w64-x86-64 wine64
   clang libclang-rt-14-dev
+  imagemagick python3-pil
 )
 
 missing=()

@@ -105,4 +105,17 @@ struct TestDib {
     uint8_t *Palette() { return block + 40; }
 };
 
+/* A library-owned image of the given geometry, zero bits (IMG_delete_bitmap
+ * frees its block). */
+inline int32_t NewImage(int32_t w, int32_t h, int bits)
+{
+    TestDib dib(w, h, bits);
+    int32_t handle = IMG_create_handle_keep(dib.block);
+    if (handle >= 0) {
+        dib.Release();
+        ImgTableGet(handle)->callerOwnsDib = 0;
+    }
+    return handle;
+}
+
 #endif /* TRNW_TEST_SUPPORT_H */

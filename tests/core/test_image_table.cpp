@@ -9,18 +9,6 @@ class Part1_1_Accessors : public TrnwTest {};
 class Part1_1_Raster : public TrnwTest {};
 class Part1_1_CodedStore : public TrnwTest {};
 
-// A library-owned image (IMG_delete_bitmap frees its block).
-int32_t NewImage(int32_t w, int32_t h, int bits)
-{
-    TestDib dib(w, h, bits);
-    int32_t handle = IMG_create_handle_keep(dib.block);
-    if (handle >= 0) {
-        dib.Release();
-        ImgTableGet(handle)->callerOwnsDib = 0;
-    }
-    return handle;
-}
-
 // ---- the table ----
 
 TEST_F(Part1_1_ImageTable, LowestFreeHandleIsReused)

@@ -7,6 +7,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#ifdef _WIN32
+#include <io.h>
+#define isatty _isatty
+#else
+#include <unistd.h>
+#endif
 
 #include "imgapi.h"
 
@@ -15,6 +21,12 @@ static const char usage[] =
     "\n"
     "commands:\n"
     "  version              print the library version\n"
+    "  info FILE...         type, pages, size, depth and resolution of each file\n"
+    "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
+    "          [--rect X,Y,W,H]\n"
+    "                       decode IN (page N, counted from 0; a fixed smaller size or\n"
+    "                       a sub-rectangle while decoding), crop, and save OUT as type\n"
+    "                       N (by OUT's extension when no type is given)\n"
     "  runs IN.dib [OUT.dib]\n"
     "                       load a bare DIB (40-byte header, palette, rows), hold a\n"
     "                       1-bit picture run-coded, expand it again row by row and\n"
@@ -127,6 +139,210 @@ static int CommandRuns(int argc, char **argv)
     return result < 0;
 }
 
+/* The meaning of each error code of Part 1.1, in words. */
+static const char *ErrorText(int32_t code)
+{
+    switch (code) {
+    case IMG_ERR_MEMORY: return "out of memory";
+    case IMG_ERR_OPEN: return "the file could not be opened";
+    case IMG_ERR_INVALID: return "invalid image data, or a variant of the format that is not handled";
+    case IMG_ERR_CREATE: return "the output file could not be created";
+    case IMG_ERR_TYPE: return "unknown or unsupported file type, or a parameter out of range";
+    case IMG_ERR_GDI: return "the GDI object is not usable";
+    case IMG_ERR_WRITE: return "a write stored fewer bytes than asked (disk full?)";
+    case IMG_ERR_DISPLAY_RECT: return "the display rectangle is empty";
+    case IMG_ERR_PAGE: return "the requested page does not exist";
+    case IMG_ERR_READ: return "the file is truncated or not of the expected format";
+    case IMG_ERR_HANDLE: return "invalid image handle";
+    case IMG_ERR_SCAN_SOURCE: return "the scanner source could not be opened";
+    case IMG_ERR_SCAN_MANAGER: return "the scanner source manager was not found";
+    case IMG_ERR_STOPPED: return "decoding stopped";
+    case IMG_ERR_DEPTH: return "the image's bit depth is not supported by this output or operation";
+    case IMG_ERR_INTERP_PALETTE: return "a colour-palette image cannot be resized with interpolation";
+    case IMG_ERR_NO_TRANSPARENT: return "no transparent colour is set";
+    case IMG_ERR_COMPRESSION: return "the file's compression scheme is not supported";
+    case IMG_ERR_SCAN_CAPABILITY: return "a scanner capability could not be set";
+    default: return "unknown error";
+    }
+}
+
+static int Fail(const char *what, int32_t code)
+{
+    fprintf(stderr, "trnw: %s: %s (error %d)\n", what, ErrorText(code), code);
+    return 1;
+}
+
+/* The name of each type number of Part 1.3. */
+static const char *TypeName(int32_t type)
+{
+    switch (type) {
+    case 0: return "TIFF, uncompressed";
+    case 1: return "Windows bitmap";
+    case 2: return "PCX";
+    case 3: return "Targa";
+    case 4: return "GIF";
+    case 5: return "WordPerfect graphics";
+    case 6: return "Windows metafile";
+    case 7: return "TIFF, CCITT modified Huffman";
+    case 8: return "TIFF, CCITT Group 3";
+    case 9: return "TIFF, LZW";
+    case 10: return "TIFF, CCITT Group 4";
+    case 11: return "DCX";
+    case 12: return "Windows bitmap, compressed";
+    case 13: return "JPEG";
+    case 14: return "Encapsulated PostScript";
+    case 15: return "Macintosh PICT";
+    case 16: return "TIFF, PackBits";
+    case 17: return "TIFF, two-dimensional CCITT Group 3";
+    case 18: return "CALS raster";
+    case 19: return "LSD";
+    case 20: return "X bitmap";
+    case 21: return "MacPaint";
+    case 22: return "GX2";
+    case 23: return "KFX";
+    case 24: return "IOCA";
+    case 25: return "Windows icon";
+    case 26: return "IFF";
+    case 27: return "Windows clipboard";
+    case 28: return "GEM image";
+    case 29: return "BTR";
+    case 30: return "MSP";
+    case 31: return "CUT";
+    case 35: return "X pixmap";
+    case 36: return "X window dump";
+    case 37: return "Sun raster";
+    case 38: return "plain text";
+    case 39: return "Photo CD";
+    case 40: return "TIFF, JPEG";
+    case 41: return "Photoshop";
+    case 42: return "IMT";
+    case 43: return "PNG";
+    case 44: return "GIF, interlaced";
+    case 46: return "TIFF, compression 32010";
+    case 47: return "TIFF, compression 32008";
+    default: return "unknown";
+    }
+}
+
+static int CommandInfo(int argc, char **argv)
+{
+    if (argc < 1) {
+        fputs(usage, stderr);
+        return 2;
+    }
+    int status = 0;
+    for (int i = 0; i < argc; i++) {
+        int32_t type = IMGLOW_get_filetype(argv[i]);
+        if (type < 0) {
+            status |= Fail(argv[i], type);
+            continue;
+        }
+        int32_t pages = IMGLOW_get_pages(argv[i]);
+        int32_t info[10] = {0};
+        int32_t result = IMGLOW_get_fileinfo(argv[i], info);
+        printf("%s: type %d (%s), %d page%s", argv[i], type, TypeName(type), pages,
+               pages == 1 ? "" : "s");
+        if (result == 0)
+            printf(", %d x %d, %d bit%s, %d x %d dpi", info[1], info[2], info[3] >> 16,
+                   (info[3] >> 16) == 1 ? "" : "s", info[6], info[7]);
+        else
+            printf(" (%s)", ErrorText(result));
+        putchar('\n');
+    }
+    return status;
+}
+
+/* The progress bar: the callback is told the total row count on every row. */
+static int32_t progressRows;
+static int32_t IMGAPI Progress(int32_t value, int32_t total)
+{
+    (void)value;
+    progressRows++;
+    if (total > 0 && (progressRows % 64 == 0 || progressRows >= total)) {
+        int percent = progressRows >= total ? 100 : (int)((int64_t)progressRows * 100 / total);
+        fprintf(stderr, "\r[%-40.*s] %3d%%", percent * 40 / 100,
+                "########################################", percent);
+        if (progressRows >= total) {
+            fputc('\n', stderr);
+            progressRows = 0;
+        }
+    }
+    return 0;
+}
+
+static int ParseNumbers(const char *text, int32_t *values, int count, char separator)
+{
+    for (int i = 0; i < count; i++) {
+        char *end;
+        long v = strtol(text, &end, 10);
+        if (end == text || (i < count - 1 ? *end != separator : *end != '\0'))
+            return 0;
+        values[i] = (int32_t)v;
+        text = end + 1;
+    }
+    return 1;
+}
+
+static int CommandConvert(int argc, char **argv)
+{
+    if (argc < 2) {
+        fputs(usage, stderr);
+        return 2;
+    }
+    const char *in = argv[0], *out = argv[1];
+    int32_t type = IMG_TYPE_BY_EXTENSION, page = 0, crop[4], size[2], rect[4];
+    int hasCrop = 0, hasSize = 0, hasRect = 0;
+    for (int i = 2; i < argc; i++) {
+        const char *value = i + 1 < argc ? argv[i + 1] : NULL;
+        int ok = value != NULL;
+        if (!strcmp(argv[i], "--type"))
+            ok = ok && ParseNumbers(value, &type, 1, 0);
+        else if (!strcmp(argv[i], "--page"))
+            ok = ok && ParseNumbers(value, &page, 1, 0);
+        else if (!strcmp(argv[i], "--crop"))
+            ok = ok && (hasCrop = ParseNumbers(value, crop, 4, ','));
+        else if (!strcmp(argv[i], "--size"))
+            ok = ok && (hasSize = ParseNumbers(value, size, 2, 'x'));
+        else if (!strcmp(argv[i], "--rect"))
+            ok = ok && (hasRect = ParseNumbers(value, rect, 4, ','));
+        else
+            ok = 0;
+        if (!ok) {
+            fprintf(stderr, "trnw: convert: bad option '%s'\n\n%s", argv[i], usage);
+            return 2;
+        }
+        i++;
+    }
+    if (hasSize)
+        IMGLOW_set_decompsize(size[0], size[1]);
+    if (hasRect)
+        IMGLOW_set_decomp_rect(rect[0], rect[1], rect[2], rect[3]);
+    if (isatty(2))
+        IMG_set_statusbar(0, Progress, 1);
+
+    int32_t handle;
+    if (page == 0) {
+        handle = IMG_decompress_bitmap(in);
+    } else {
+        long bytes = 0;
+        uint8_t *data = ReadWholeFile(in, &bytes);
+        if (!data)
+            return Fail(in, IMG_ERR_OPEN);
+        handle = IMG_decompress_bitmap_mem_size(data, (uint32_t)bytes, page);
+        free(data);
+    }
+    progressRows = 0;
+    if (handle < 0)
+        return Fail(in, handle);
+    int32_t result = hasCrop ? IMG_set_croprect(handle, crop[0], crop[1], crop[2], crop[3]) : 0;
+    if (result == 0)
+        result = IMG_save_bitmap(handle, out, type);
+    IMG_delete_bitmap(handle);
+    if (result < 0)
+        return Fail(out, result);
+    return 0;
+}
+
 int main(int argc, char **argv)
 {
     if (argc < 2 || !strcmp(argv[1], "--help") || !strcmp(argv[1], "-h") || !strcmp(argv[1], "help")) {
@@ -135,6 +351,10 @@ int main(int argc, char **argv)
     }
     if (!strcmp(argv[1], "version") || !strcmp(argv[1], "--version"))
         return CommandVersion();
+    if (!strcmp(argv[1], "info"))
+        return CommandInfo(argc - 2, argv + 2);
+    if (!strcmp(argv[1], "convert"))
+        return CommandConvert(argc - 2, argv + 2);
     if (!strcmp(argv[1], "runs"))
         return CommandRuns(argc - 2, argv + 2);
     fprintf(stderr, "trnw: unknown command '%s'\n\n%s", argv[1], usage);

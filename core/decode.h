@@ -1,0 +1,43 @@
+/*
+ * decode.h - Part 1.4 (internal): the decode pipeline's context, its sinks,
+ * and the progress reporting that other operations share.
+ */
+#ifndef TRNW_DECODE_H
+#define TRNW_DECODE_H
+
+#include <stdint.h>
+
+#include "contracts.h"
+
+/* Decode context, handed to readers as the opaque sink context. */
+typedef struct ImgDecodeContext {
+    const uint8_t *header; /* the reader's header block of this decode */
+    int32_t handle;        /* the image being filled */
+    int32_t rowOrder;      /* 1 after the header sink; 0 bottom row first (coded); 2 otherwise */
+    int32_t requestedBits; /* depth to reduce to, 0 = keep */
+    /* Ours: the source geometry, and how the output was chosen. */
+    int32_t sourceWidth, sourceHeight, sourceBits, sourceStride;
+    int32_t fixedSize;     /* step 5a applied */
+    int32_t subRectangle;  /* step 5b applied */
+    int32_t rowsStored;    /* coded rows appended in order so far */
+    int32_t storeComplete; /* every coded row has a record (rows then replace in place) */
+    uint8_t *work;         /* row and record scratch */
+} ImgDecodeContext;
+
+/* The library's sinks (Part 1.4's Algorithms). */
+int ImgLibraryHeaderSink(const uint8_t *headerAndPalette, void *sinkContext);
+int ImgLibraryRowSink(const uint8_t *row, void *sinkContext, int rowIndex, int rowBytes);
+
+/* Decodes with a given reader into a new image: the body of
+ * IMG_decompress_bitmap_fd once the reader is known.  Returns the handle or a
+ * negative code (the image deleted). */
+int ImgDecodeWithReader(ImgReader reader, uint32_t start, int fileHandle);
+
+/* Progress: calls the status callback with its value and `total` when
+ * reporting is on; its result (negative aborts), else 0. */
+int ImgReportProgress(int32_t total);
+/* Whether reporting is on, and switching it (Part 5.1 saves and restores it). */
+int ImgStatusEnabled(void);
+void ImgSetStatusEnabled(int enabled);
+
+#endif /* TRNW_DECODE_H */

@@ -1,0 +1,36 @@
+/*
+ * save.h - Part 1.5 (internal): the save context and the brightness,
+ * contrast and gamma table that the display shares.
+ */
+#ifndef TRNW_SAVE_H
+#define TRNW_SAVE_H
+
+#include <stdint.h>
+
+/* Save context, handed to writers as the opaque source context: the fields
+ * of Part 1.5 in order (the 16-bit ones limit a save to fewer than 32768
+ * rows and a stride below 32768 bytes), then our scratch row. */
+typedef struct ImgSaveContext {
+    uint8_t *bits;
+    int16_t handle;
+    int16_t imageHeight;
+    int16_t imageStride;
+    int16_t cropOffsetBytes;
+    int16_t cropTop;
+    uint8_t *lookupTable;
+    /* Ours. */
+    uint8_t table[256];
+    uint8_t *scratch; /* expanded coded row, width * 4 + 4000 bytes */
+} ImgSaveContext;
+
+/* The 256-entry table for gamma (percent; 0 means 100), brightness and
+ * contrast, in double precision exactly as Part 1.5 writes it. */
+void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, uint8_t *table);
+
+/* The library's row source. */
+int ImgLibraryRowSource(void *sourceContext, uint8_t *buffer, int rowIndex, int rowBytes);
+
+/* The quality last set by IMGLOW_set_comp_quality, for the JPEG encoder. */
+int32_t ImgCompressionQuality(void);
+
+#endif /* TRNW_SAVE_H */

@@ -1,0 +1,737 @@
+/* Part 1.4: the decode pipeline.  The library's sinks are driven by test
+ * readers (ImgDecodeWithReader) that hand over headers and rows exactly as
+ * a codec would, and by real files through IMG_decompress_bitmap. */
+#include "test_support.h"
+
+#include <functional>
+#include <random>
+
+extern "C" {
+#include "core/contracts.h"
+#include "core/decode.h"
+#include "core/bytes.h"
+#include "core/registry.h"
+}
+
+namespace {
+
+class Part1_4_Decode : public TrnwTest {
+  protected:
+    void TearDown() override
+    {
+        IMGLOW_set_decompsize(0, 0);
+        IMGLOW_set_decomp_rect(0, 0, 0, 0);
+        IMGLOW_set_decomp_reduction(0);
+        IMG_set_statusbar(0, nullptr, 0);
+        TrnwTest::TearDown();
+    }
+};
+
+// ---- a scriptable test reader ----
+
+struct Script {
+    std::vector<uint8_t> header; // 40 bytes + palette
+    std::function<int(ImgRowSink, void *)> rows;
+    int afterRows = 0; // the reader's result after the rows
+    uint32_t start = 0;
+};
+Script script;
+
+int ScriptReader(uint32_t start, ImgRowSink rowSink, void *context, ImgHeaderSink headerSink, int)
+{
+    script.start = start;
+    int result = headerSink(script.header.data(), context);
+    if (result < 0)
+        return result;
+    if (script.rows) {
+        result = script.rows(rowSink, context);
+        if (result < 0)
+            return result;
+    }
+    return script.afterRows;
+}
+
+std::vector<uint8_t> Header(int32_t width, int32_t height, int bits, uint32_t clrUsed = 0)
+{
+    std::vector<uint8_t> block(40 + 1024, 0);
+    BITMAPINFOHEADER h{};
+    h.biSize = 40;
+    h.biWidth = width;
+    h.biHeight = height;
+    h.biPlanes = 1;
+    h.biBitCount = (uint16_t)bits;
+    h.biXPelsPerMeter = 300;
+    h.biYPelsPerMeter = 300;
+    h.biClrUsed = clrUsed;
+    std::memcpy(block.data(), &h, 40);
+    for (int i = 0; i < 256; i++) // a recognisable palette
+        block[40 + 4 * i] = (uint8_t)i, block[41 + 4 * i] = (uint8_t)(255 - i), block[42 + 4 * i] = 7;
+    if (bits == 1) {
+        const uint8_t bw[8] = {0, 0, 0, 0, 255, 255, 255, 0};
+        std::memcpy(block.data() + 40, bw, 8);
+    }
+    return block;
+}
+
+int32_t Decode() { return ImgDecodeWithReader(ScriptReader, 0, IMG_MEMORY_HANDLE); }
+
+int32_t Stride(int32_t width, int bits) { return (int32_t)DibStride((uint32_t)width, bits); }
+
+std::vector<uint8_t> Row(int32_t handle, int32_t row)
+{
+    const ImgDescriptor *d = ImgTableGet(handle);
+    std::vector<uint8_t> buffer((size_t)d->stride);
+    EXPECT_EQ(IMGLOW_get_raster(handle, buffer.data(), row, 0), 0);
+    return buffer;
+}
+
+bool Pixel1(const std::vector<uint8_t> &row, int x) { return (row[(size_t)x >> 3] >> (7 - (x & 7))) & 1; }
+
+// An 8-bit source whose pixel (x, y) is (x * 3 + y * 7) & 0xFF.
+uint8_t Value8(int x, int y) { return (uint8_t)(x * 3 + y * 7); }
+
+std::function<int(ImgRowSink, void *)> Rows8(int32_t width, int32_t height, bool bottomFirst = false)
+{
+    return [=](ImgRowSink sink, void *context) {
+        std::vector<uint8_t> row((size_t)Stride(width, 8));
+        for (int32_t i = 0; i < height; i++) {
+            int32_t y = bottomFirst ? height - 1 - i : i;
+            for (int32_t x = 0; x < width; x++)
+                row[(size_t)x] = Value8(x, y);
+            int r = sink(row.data(), context, y, (int)row.size());
+            if (r < 0)
+                return r;
+        }
+        return 0;
+    };
+}
+
+// A 1-bit picture: pixel (x, y) is 0 (black) when (x * 5 + y * 3) % 13 < 5.
+bool Black(int x, int y) { return (x * 5 + y * 3) % 13 < 5; }
+
+std::vector<uint8_t> PackedRow1(int32_t width, int32_t y)
+{
+    std::vector<uint8_t> row((size_t)Stride(width, 1), 0xFF);
+    for (int32_t x = 0; x < width; x++)
+        if (Black(x, y))
+            row[(size_t)x >> 3] &= (uint8_t)~(0x80 >> (x & 7));
+    return row;
+}
+
+// The same row as a run record in the one-dimensional decoder's form
+// (changes, then the width three times; +2 when the length equals (w+7)/8).
+std::vector<uint16_t> RecordRow1(int32_t width, int32_t y)
+{
+    std::vector<uint16_t> record = {0};
+    bool colour = true;
+    for (int32_t x = 0; x < width; x++)
+        if (!Black(x, y) != colour) {
+            record.push_back((uint16_t)x);
+            colour = !colour;
+        }
+    record.insert(record.end(), {(uint16_t)width, (uint16_t)width, (uint16_t)width});
+    record[0] = (uint16_t)(record.size() * 2);
+    if (record[0] == (width + 7) / 8)
+        record[0] += 2;
+    return record;
+}
+
+std::function<int(ImgRowSink, void *)> Rows1(int32_t width, int32_t height, bool asRecords,
+                                              std::vector<int32_t> order = {})
+{
+    if (order.empty())
+        for (int32_t y = 0; y < height; y++)
+            order.push_back(y);
+    return [=](ImgRowSink sink, void *context) {
+        for (int32_t y : order) {
+            int r;
+            if (asRecords) {
+                std::vector<uint16_t> record = RecordRow1(width, y);
+                r = sink(reinterpret_cast<const uint8_t *>(record.data()), context, y,
+                         (int)(record.size() * 2));
+            } else {
+                std::vector<uint8_t> row = PackedRow1(width, y);
+                r = sink(row.data(), context, y, (int)row.size());
+            }
+            if (r < 0)
+                return r;
+        }
+        return 0;
+    };
+}
+
+void ExpectPicture1(int32_t handle, int32_t width, int32_t height, int32_t x0 = 0, int32_t y0 = 0)
+{
+    for (int32_t y = 0; y < height; y++) {
+        std::vector<uint8_t> row = Row(handle, y);
+        for (int32_t x = 0; x < width; x++)
+            ASSERT_EQ(Pixel1(row, x), !Black(x + x0, y + y0)) << "pixel " << x << "," << y;
+    }
+}
+
+// ---- the header sink ----
+
+TEST_F(Part1_4_Decode, PlainImageTakesTheReadersGeometryAndPalette)
+{
+    script = {Header(10, 4, 8), Rows8(10, 4)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    const ImgDescriptor *d = ImgTableGet(h);
+    EXPECT_EQ(d->width, 10);
+    EXPECT_EQ(d->height, 4);
+    EXPECT_EQ(d->stride, 12);
+    EXPECT_EQ(d->codedRows, 0);
+    EXPECT_EQ(d->gamma, 150u);
+    EXPECT_EQ(d->rasterOp, 0x00CC0020u);
+    EXPECT_EQ(d->lastReducedRow, -1);
+    EXPECT_EQ(d->cropWidth, 10);
+    EXPECT_EQ(d->cropHeight, 4);
+    // total = stride * H rounded up to 4 + palette + 40 = 12 * 4 + 1024 + 40.
+    EXPECT_EQ(d->dibSize, 48u + 1024u + 40u);
+    EXPECT_EQ(0, std::memcmp(d->dib + 40, script.header.data() + 40, 1024));
+    BITMAPINFOHEADER out;
+    std::memcpy(&out, d->dib, 40);
+    EXPECT_EQ(out.biSizeImage, 48u);
+    EXPECT_EQ(out.biXPelsPerMeter, 300); // dots per inch, as handed over
+    for (int32_t y = 0; y < 4; y++)
+        for (int32_t x = 0; x < 10; x++)
+            ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x, y));
+}
+
+TEST_F(Part1_4_Decode, HeightIsRoundedUpToFourForTheBlock)
+{
+    script = {Header(10, 5, 24), Rows8(0, 0)};
+    script.rows = nullptr;
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(ImgTableGet(h)->dibSize, 32u * 8u + 40u); // stride 32, height 5 -> 8
+}
+
+TEST_F(Part1_4_Decode, BilevelImageIsRunCoded)
+{
+    // 100 x 50: stride 16, total = 16 * 52 + 8 + 40 = 880, held as 880 / 8 = 110.
+    script = {Header(100, 50, 1), nullptr};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    const ImgDescriptor *d = ImgTableGet(h);
+    EXPECT_EQ(d->codedRows, 1);
+    EXPECT_NE(d->rowIndex, nullptr);
+    BITMAPINFOHEADER out;
+    std::memcpy(&out, d->dib, 40);
+    EXPECT_EQ(out.biCompression, 99u);
+    EXPECT_GE(d->dibSize, 110u); // 110, or more after the white rows were stored
+    EXPECT_EQ(Row(h, 49), std::vector<uint8_t>(16, 0xFF)); // rows never delivered are white
+}
+
+TEST_F(Part1_4_Decode, WideBilevelStoreStartsAtOneFiftieth)
+{
+    // 10000 x 4: stride 1252, total = 1252 * 4 + 48 = 5056, / 50 = 101 (then grows).
+    int32_t calls = 0;
+    script = {Header(10000, 4, 1), [&](ImgRowSink, void *) {
+                  calls++;
+                  return 0;
+              }};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    // Four white records of 8 bytes: 48 + 32 = 80 fit in 101 bytes.
+    EXPECT_EQ(ImgTableGet(h)->dibSize, 101u);
+}
+
+TEST_F(Part1_4_Decode, GeometryBelowOneGivesMinus3AndNoImage)
+{
+    for (auto g : {std::array<int32_t, 3>{0, 5, 8}, {5, 0, 8}, {5, 5, 0}, {-5, 5, 8}}) {
+        script = {Header(g[0], g[1], g[2]), nullptr};
+        EXPECT_EQ(Decode(), IMG_ERR_INVALID);
+        EXPECT_EQ(ImgTableCount(), 0);
+    }
+}
+
+TEST_F(Part1_4_Decode, TransparentIndexFlagIsTaken)
+{
+    script = {Header(4, 4, 8, 0x1000 | 0x2A), nullptr};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(IMGLOW_get_transp_color(h), 0x2A);
+    script = {Header(4, 4, 8, 0x2A), nullptr};
+    int32_t h2 = Decode();
+    EXPECT_EQ(IMGLOW_get_transp_color(h2), IMG_ERR_NO_TRANSPARENT);
+}
+
+// ---- failures ----
+
+TEST_F(Part1_4_Decode, ReaderFailingAfterHeaderLeavesNoImage)
+{
+    script = {Header(10, 4, 8), Rows8(10, 2)};
+    script.afterRows = IMG_ERR_READ;
+    ASSERT_GE(NewImage(4, 4, 8), 0); // an unrelated image stays
+    EXPECT_EQ(Decode(), IMG_ERR_READ);
+    EXPECT_EQ(ImgTableCount(), 1);
+    EXPECT_EQ(ImgTableGet(1), nullptr);
+}
+
+int32_t statusCalls, statusTotal, statusValueSeen, statusAnswer;
+extern "C" int32_t IMGAPI Status(int32_t value, int32_t total)
+{
+    statusCalls++;
+    statusValueSeen = value;
+    statusTotal = total;
+    return statusAnswer;
+}
+
+TEST_F(Part1_4_Decode, StatusCallbackGetsTheTotalOnEveryRow)
+{
+    statusCalls = 0;
+    statusAnswer = 0;
+    IMG_set_statusbar(77, Status, 1);
+    script = {Header(10, 6, 8), Rows8(10, 6)};
+    ASSERT_GE(Decode(), 0);
+    EXPECT_EQ(statusCalls, 6);
+    EXPECT_EQ(statusTotal, 6); // the total row count, not the row number
+    EXPECT_EQ(statusValueSeen, 77);
+    IMG_set_statusbar(0, nullptr, 0); // off: the callback is kept but not called
+    statusCalls = 0;
+    ASSERT_GE(Decode(), 0);
+    EXPECT_EQ(statusCalls, 0);
+}
+
+TEST_F(Part1_4_Decode, StatusCallbackMinus1AbortsTheDecode)
+{
+    statusCalls = 0;
+    statusAnswer = -1;
+    IMG_set_statusbar(1, Status, 1);
+    script = {Header(10, 6, 8), Rows8(10, 6)};
+    EXPECT_EQ(Decode(), -1);
+    EXPECT_EQ(statusCalls, 1);
+    EXPECT_EQ(ImgTableCount(), 0);
+}
+
+TEST_F(Part1_4_Decode, HostileRowsAreRefused)
+{
+    script = {Header(10, 4, 8), [](ImgRowSink sink, void *c) {
+                  uint8_t row[12] = {};
+                  return sink(row, c, 4, 12); // beyond the last row
+              }};
+    EXPECT_EQ(Decode(), IMG_ERR_INVALID);
+    script = {Header(10, 4, 8), [](ImgRowSink sink, void *c) {
+                  uint8_t row[12] = {};
+                  return sink(row, c, -1, 12);
+              }};
+    EXPECT_EQ(Decode(), IMG_ERR_INVALID);
+    script = {Header(40, 4, 1), [](ImgRowSink sink, void *c) {
+                  uint8_t row[7] = {7, 0, 40, 0, 40, 0, 40};
+                  return sink(row, c, 0, 7); // odd: not a run record
+              }};
+    EXPECT_EQ(Decode(), IMG_ERR_INVALID);
+    EXPECT_EQ(ImgTableCount(), 0);
+}
+
+TEST_F(Part1_4_Decode, ShortPlainRowsLeaveZeroBytes)
+{
+    script = {Header(10, 2, 8), [](ImgRowSink sink, void *c) {
+                  uint8_t row[3] = {9, 9, 9};
+                  return sink(row, c, 0, 3);
+              }};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(Row(h, 0), std::vector<uint8_t>({9, 9, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(Row(h, 1), std::vector<uint8_t>(12, 0));
+}
+
+// ---- row order and run-coded storage ----
+
+TEST_F(Part1_4_Decode, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
+{
+    for (bool records : {false, true}) {
+        SCOPED_TRACE(records);
+        script = {Header(203, 31, 1), Rows1(203, 31, records)};
+        int32_t h = Decode();
+        ASSERT_GE(h, 0);
+        ExpectPicture1(h, 203, 31);
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST_F(Part1_4_Decode, BottomRowFirstDecodesToTheSamePicture)
+{
+    std::vector<int32_t> bottomUp;
+    for (int32_t y = 30; y >= 0; y--)
+        bottomUp.push_back(y);
+    for (bool records : {false, true}) {
+        SCOPED_TRACE(records);
+        script = {Header(203, 31, 1), Rows1(203, 31, records, bottomUp)};
+        int32_t h = Decode();
+        ASSERT_GE(h, 0);
+        ExpectPicture1(h, 203, 31); // the final flip restores the order
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST_F(Part1_4_Decode, InterlacedBilevelRowsAreStoredInAnyOrder)
+{
+    std::vector<int32_t> order;
+    for (int32_t start : {0, 4, 2, 1})
+        for (int32_t y = start; y < 37; y += start == 0 ? 8 : start == 4 ? 8 : start == 2 ? 4 : 2)
+            order.push_back(y);
+    ASSERT_EQ(order.size(), 37u);
+    script = {Header(150, 37, 1), Rows1(150, 37, true, order)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    ExpectPicture1(h, 150, 37);
+}
+
+TEST_F(Part1_4_Decode, RunStoreGrowsForDenseRows)
+{
+    // Every pixel a change: records of about 2 * width bytes, far beyond the
+    // initial store of one eighth of the plain size.
+    script = {Header(3000, 60, 1), [](ImgRowSink sink, void *c) {
+                  std::vector<uint8_t> row((size_t)Stride(3000, 1), 0x55);
+                  for (int y = 0; y < 60; y++)
+                      if (int r = sink(row.data(), c, y, (int)row.size()))
+                          return r;
+                  return 0;
+              }};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    std::vector<uint8_t> row = Row(h, 59);
+    EXPECT_EQ(std::vector<uint8_t>(row.begin(), row.begin() + 375), std::vector<uint8_t>(375, 0x55));
+    EXPECT_EQ(row[375], 0xFF); // pixels 3000-3007 lie beyond the width: 1-bits
+}
+
+// ---- fixed size ----
+
+TEST_F(Part1_4_Decode, FixedSizeMustBeSmallerBothWays)
+{
+    IMGLOW_set_decompsize(100, 100);
+    script = {Header(50, 400, 8), Rows8(50, 400)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(ImgTableGet(h)->width, 50);
+    EXPECT_EQ(ImgTableGet(h)->height, 400);
+    EXPECT_EQ(Row(h, 399)[49], Value8(49, 399));
+}
+
+TEST_F(Part1_4_Decode, FixedSizeTakesTheFirstSourceRowOfEachDestinationRow)
+{
+    // 1000 x 800 to 100 x 100: destination row = row * 100 / 800, so source
+    // rows 0, 8, 16, ...; columns by the step (1000 << 16) / 100 = 10.0.
+    IMGLOW_set_decompsize(100, 100);
+    script = {Header(1000, 800, 8), Rows8(1000, 800)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    const ImgDescriptor *d = ImgTableGet(h);
+    EXPECT_EQ(d->width, 100);
+    EXPECT_EQ(d->height, 100);
+    EXPECT_EQ(d->lastReducedRow, 99);
+    for (int32_t y = 0; y < 100; y++) {
+        std::vector<uint8_t> row = Row(h, y);
+        for (int32_t x = 0; x < 100; x++)
+            ASSERT_EQ(row[(size_t)x], Value8(x * 10, y * 8)) << x << "," << y;
+    }
+}
+
+TEST_F(Part1_4_Decode, FixedSizeReducesEachDepth)
+{
+    // 9 -> 3 columns (step 3.0), 6 -> 2 rows (rows 0 and 3).
+    IMGLOW_set_decompsize(3, 2);
+    for (int bits : {1, 4, 24}) {
+        SCOPED_TRACE(bits);
+        std::vector<std::vector<uint8_t>> source;
+        std::mt19937 random((unsigned)bits);
+        for (int y = 0; y < 6; y++) {
+            std::vector<uint8_t> row((size_t)Stride(9, bits));
+            for (auto &b : row)
+                b = (uint8_t)random();
+            source.push_back(row);
+        }
+        script = {Header(9, 6, bits), [&](ImgRowSink sink, void *c) {
+                      for (int y = 0; y < 6; y++)
+                          if (int r = sink(source[(size_t)y].data(), c, y, (int)source[(size_t)y].size()))
+                              return r;
+                      return 0;
+                  }};
+        int32_t h = Decode();
+        ASSERT_GE(h, 0);
+        for (int y = 0; y < 2; y++) {
+            std::vector<uint8_t> row = Row(h, y);
+            const std::vector<uint8_t> &from = source[(size_t)y * 3];
+            for (int x = 0; x < 3; x++) {
+                int sx = x * 3;
+                if (bits == 1)
+                    EXPECT_EQ(Pixel1(row, x), Pixel1(from, sx));
+                else if (bits == 4)
+                    EXPECT_EQ((row[(size_t)x / 2] >> (x & 1 ? 0 : 4)) & 15, (from[(size_t)sx / 2] >> (sx & 1 ? 0 : 4)) & 15);
+                else
+                    EXPECT_EQ(0, std::memcmp(&row[3 * (size_t)x], &from[3 * (size_t)sx], 3));
+            }
+        }
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST_F(Part1_4_Decode, FixedSizeOfRunRecords)
+{
+    IMGLOW_set_decompsize(100, 20);
+    script = {Header(300, 60, 1), Rows1(300, 60, true)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    for (int32_t y = 0; y < 20; y++) {
+        std::vector<uint8_t> row = Row(h, y);
+        for (int32_t x = 0; x < 100; x++)
+            ASSERT_EQ(Pixel1(row, x), !Black(x * 3, y * 3));
+    }
+}
+
+// ---- sub-rectangle ----
+
+TEST_F(Part1_4_Decode, SubRectangleOfPlainRows)
+{
+    // 20 x 10, rectangle at 5, 2 of 8 x 4: 8 - 5 < 20 and 4 - 2 < 10.
+    IMGLOW_set_decomp_rect(5, 2, 8, 4);
+    script = {Header(20, 10, 8), Rows8(20, 10)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(ImgTableGet(h)->width, 8);
+    EXPECT_EQ(ImgTableGet(h)->height, 4);
+    for (int32_t y = 0; y < 4; y++)
+        for (int32_t x = 0; x < 8; x++)
+            ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x + 5, y + 2));
+}
+
+TEST_F(Part1_4_Decode, SubRectangleComparesExtentMinusOrigin)
+{
+    // Width 30 at left 15 on a 40-wide source: 30 - 15 = 15 < 40, so the
+    // output is 30 wide although only 25 source columns remain; the columns
+    // beyond the source come out as zero bytes.  Height: 10 - 0 is not below 10.
+    IMGLOW_set_decomp_rect(15, 0, 30, 10);
+    script = {Header(40, 10, 8), Rows8(40, 10)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(ImgTableGet(h)->width, 30);
+    EXPECT_EQ(ImgTableGet(h)->height, 10);
+    std::vector<uint8_t> row = Row(h, 3);
+    EXPECT_EQ(row[0], Value8(15, 3));
+    EXPECT_EQ(row[24], Value8(39, 3));
+    EXPECT_EQ(row[25], 0);
+}
+
+TEST_F(Part1_4_Decode, SubRectangleOfRunRecordsKeepsColoursInStep)
+{
+    for (int32_t left : {0, 7, 13, 64}) {
+        SCOPED_TRACE(left);
+        IMGLOW_set_decomp_rect(left, 3, 90, 20);
+        script = {Header(203, 31, 1), Rows1(203, 31, true)};
+        int32_t h = Decode();
+        ASSERT_GE(h, 0);
+        ASSERT_EQ(ImgTableGet(h)->width, 90);
+        ASSERT_EQ(ImgTableGet(h)->height, 20);
+        ExpectPicture1(h, 90, 20, left, 3);
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST_F(Part1_4_Decode, SubRectangleOfPackedBilevelRowsStartsAtAByte)
+{
+    // 1 bit: the first byte is rectLeft / 8, so left 13 starts at pixel 8.
+    IMGLOW_set_decomp_rect(13, 0, 40, 0);
+    script = {Header(100, 5, 1), Rows1(100, 5, false)};
+    int32_t h = Decode();
+    ASSERT_EQ(h, IMG_ERR_INVALID); // height 0 - 0 < 5: an empty output (docs/DEVIATIONS.md)
+    IMGLOW_set_decomp_rect(13, 0, 40, 5);
+    script = {Header(100, 5, 1), Rows1(100, 5, false)};
+    h = Decode();
+    ASSERT_GE(h, 0);
+    ExpectPicture1(h, 40, 5, 8, 0);
+}
+
+// ---- create_handle_shell and settings ----
+
+TEST_F(Part1_4_Decode, CreateHandleShell)
+{
+    std::vector<uint8_t> info = Header(33, 7, 1);
+    const uint8_t whiteBlack[8] = {255, 255, 255, 0, 0, 0, 0, 0};
+    std::memcpy(info.data() + 40, whiteBlack, 8);
+    BITMAPINFOHEADER h;
+    std::memcpy(&h, info.data(), 40);
+    h.biXPelsPerMeter = 11811; // 300 dpi: 11811 * 0.0254 = 299.9994, truncated 299
+    h.biYPelsPerMeter = 3780;  // 96.012 -> 96
+    std::memcpy(info.data(), &h, 40);
+    int32_t handle = IMG_create_handle_shell(info.data());
+    ASSERT_GE(handle, 0);
+    const ImgDescriptor *d = ImgTableGet(handle);
+    EXPECT_EQ(d->codedRows, 0); // coding switched off
+    EXPECT_EQ(d->rowIndex, nullptr);
+    EXPECT_EQ(d->width, 33);
+    EXPECT_EQ(d->stride, 8);
+    BITMAPINFOHEADER out;
+    std::memcpy(&out, d->dib, 40);
+    EXPECT_EQ(out.biXPelsPerMeter, 299);
+    EXPECT_EQ(out.biYPelsPerMeter, 96);
+    EXPECT_EQ(out.biSizeImage, 56u);
+    EXPECT_EQ(out.biCompression, 0u);
+    const uint8_t blackWhite[8] = {0, 0, 0, 0, 255, 255, 255, 0};
+    EXPECT_EQ(0, std::memcmp(d->dib + 40, blackWhite, 8));
+    std::vector<uint8_t> row(8, 0xA5);
+    EXPECT_EQ(IMGLOW_put_raster(handle, row.data(), 6, 0), 0); // a plain bitmap
+    EXPECT_EQ(Row(handle, 6), row);
+}
+
+TEST_F(Part1_4_Decode, CreateHandleShellRejectsBadGeometry)
+{
+    std::vector<uint8_t> info = Header(0, 7, 8);
+    EXPECT_EQ(IMG_create_handle_shell(info.data()), IMG_ERR_INVALID);
+    EXPECT_EQ(ImgTableCount(), 0);
+}
+
+TEST_F(Part1_4_Decode, SettingsReturnZeroAndReductionIsChecked)
+{
+    EXPECT_EQ(IMGLOW_set_decomp_reduction(8), 0);
+    EXPECT_EQ(IMGLOW_set_decomp_reduction(4), 0);
+    EXPECT_EQ(IMGLOW_set_decomp_reduction(1), 0);
+    EXPECT_EQ(IMGLOW_set_decomp_reduction(0), 0);
+    EXPECT_EQ(IMGLOW_set_decomp_reduction(2), IMG_ERR_TYPE);
+    EXPECT_EQ(IMGLOW_set_decompsize(0, 0), 0);
+    EXPECT_EQ(IMGLOW_set_decomp_rect(-4, -4, 10, 10), 0); // negative origin stored as 0
+    script = {Header(20, 20, 8), Rows8(20, 20)};
+    int32_t h = Decode();
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(ImgTableGet(h)->width, 10);
+    EXPECT_EQ(Row(h, 0)[0], Value8(0, 0));
+    EXPECT_EQ(IMGLOW_set_dispfunc(nullptr, 5), 0);
+    EXPECT_EQ(IMG_set_statusbar(0, nullptr, 0), 0);
+}
+
+// ---- through the registry ----
+
+TEST_F(Part1_4_Decode, MissingFileGivesMinus2)
+{
+    EXPECT_EQ(IMG_decompress_bitmap(TempPath("does_not_exist.bmp").c_str()), IMG_ERR_OPEN);
+    EXPECT_EQ(IMGLOW_get_pages(TempPath("does_not_exist.bmp").c_str()), IMG_ERR_OPEN);
+    int32_t info[10];
+    EXPECT_EQ(IMGLOW_get_fileinfo(TempPath("does_not_exist.bmp").c_str(), info), IMG_ERR_OPEN);
+}
+
+TEST_F(Part1_4_Decode, UnknownTypeGivesMinus7AndNoImage)
+{
+    // Twelve printable bytes: plain text, whose probe is off at start; and
+    // nothing else accepts "ZZZZ...".
+    uint8_t data[80];
+    std::memset(data, 'Z', sizeof data);
+    EXPECT_EQ(IMG_decompress_bitmap_mem_size(data, sizeof data, 0), IMG_ERR_TYPE);
+    EXPECT_EQ(ImgTableCount(), 0);
+    EXPECT_EQ(ImgTrackedCount(), 0);
+}
+
+// A small BMP file built byte by byte: 4 x 2, 8 bits, 300 dpi written as
+// 11811 pixels per metre.
+std::vector<uint8_t> SmallBmp()
+{
+    std::vector<uint8_t> f(54 + 1024 + 8, 0);
+    f[0] = 'B', f[1] = 'M';
+    PutLE32(&f[2], (uint32_t)f.size());
+    PutLE32(&f[10], 54 + 1024);
+    PutLE32(&f[14], 40);
+    PutLE32(&f[18], 4);
+    PutLE32(&f[22], 2);
+    PutLE16(&f[26], 1);
+    PutLE16(&f[28], 8);
+    PutLE32(&f[38], 11811);
+    PutLE32(&f[42], 11811);
+    for (int i = 0; i < 8; i++)
+        f[54 + 1024 + (size_t)i] = (uint8_t)(10 + i);
+    return f;
+}
+
+uint32_t startSeen;
+int StartRecorder(uint32_t start, ImgRowSink, void *, ImgHeaderSink, int)
+{
+    startSeen = start;
+    return 0;
+}
+
+TEST_F(Part1_4_Decode, PageTwoReachesTheReaderAsFlaggedStart)
+{
+    std::vector<uint8_t> file = SmallBmp();
+    ImgReader previous = RegistrySetReaderForTest("bmp", StartRecorder);
+    startSeen = 0;
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(file.data(), 2, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(startSeen, 0x80000002u);
+    startSeen = 1;
+    ImgSetMemorySourceSized(file.data(), (uint32_t)file.size());
+    EXPECT_EQ(IMGLOW_decompress_bitmap(IMG_MEMORY_HANDLE, 0, 0, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(startSeen, 0u); // page 0: the offset itself
+    RegistrySetReaderForTest("bmp", previous);
+}
+
+TEST_F(Part1_4_Decode, DecodesARealFileThroughDetection)
+{
+    std::vector<uint8_t> file = SmallBmp();
+    std::string path = TempPath("decode_small.bmp");
+    FILE *f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    std::fwrite(file.data(), 1, file.size(), f);
+    std::fclose(f);
+    int32_t h = IMG_decompress_bitmap(path.c_str());
+    ASSERT_GE(h, 0);
+    // The file's first stored row is the bottom row (row 1).
+    EXPECT_EQ(Row(h, 1), std::vector<uint8_t>({10, 11, 12, 13}));
+    EXPECT_EQ(Row(h, 0), std::vector<uint8_t>({14, 15, 16, 17}));
+    EXPECT_EQ(IMGLOW_get_pages(path.c_str()), 1);
+    int32_t info[10] = {};
+    EXPECT_EQ(IMGLOW_get_fileinfo(path.c_str(), info), 0);
+    EXPECT_EQ(info[1], 4);
+    EXPECT_EQ(info[2], 2);
+    EXPECT_EQ(info[3] >> 16, 8);
+    EXPECT_EQ(info[6], 300); // 11811 * 0.0254 + 0.5 = 300.5, truncated
+    EXPECT_EQ(ImgTableCount(), 1); // get_fileinfo creates no image
+    std::remove(path.c_str());
+}
+
+TEST_F(Part1_4_Decode, CreateHandleDecodesMemory)
+{
+    std::vector<uint8_t> file = SmallBmp();
+    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(file.size()));
+    std::memcpy(block, file.data(), file.size());
+    int32_t h = IMG_create_handle(block);
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(Row(h, 0), std::vector<uint8_t>({14, 15, 16, 17}));
+    ImgFree(block);
+}
+
+// Part 1.2's edge case at the decode level: caller I/O serves handle 32767.
+std::vector<uint8_t> callerFile;
+uint32_t callerPosition;
+int32_t callerReads, callerSeeks;
+extern "C" int32_t IMGCDECL CallerRead(int32_t handle, void *buffer, int32_t count)
+{
+    EXPECT_EQ(handle, IMG_MEMORY_HANDLE);
+    callerReads++;
+    int32_t n = 0;
+    while (n < count && callerPosition < callerFile.size())
+        static_cast<uint8_t *>(buffer)[n++] = callerFile[callerPosition++];
+    return n;
+}
+extern "C" int32_t IMGCDECL CallerSeek(int32_t handle, int32_t offset, int32_t whence)
+{
+    EXPECT_EQ(handle, IMG_MEMORY_HANDLE);
+    callerSeeks++;
+    int64_t base = whence == 0 ? 0 : whence == 1 ? callerPosition : (int64_t)callerFile.size();
+    callerPosition = (uint32_t)(base + offset);
+    return (int32_t)callerPosition;
+}
+
+TEST_F(Part1_4_Decode, CallerIoServesAMemoryDecode)
+{
+    callerFile = SmallBmp();
+    callerPosition = 0;
+    callerReads = callerSeeks = 0;
+    IMGLOW_set_fileio(CallerRead, nullptr, CallerSeek);
+    uint8_t unused[4] = {};
+    int32_t h = IMG_decompress_bitmap_mem(unused, 0);
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    ASSERT_GE(h, 0);
+    EXPECT_GT(callerReads, 0);
+    EXPECT_GT(callerSeeks, 0);
+    EXPECT_EQ(Row(h, 1), std::vector<uint8_t>({10, 11, 12, 13}));
+}
+
+} // namespace
