@@ -26,6 +26,14 @@ extern "C" {
 #include "platform/platform.h"
 }
 
+#ifdef _WIN32
+#include <process.h>
+inline int TestProcessId() { return _getpid(); }
+#else
+#include <unistd.h>
+inline int TestProcessId() { return (int)getpid(); }
+#endif
+
 class TrnwTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(ImgTableCount(), 0) << "a previous test left images behind"; }
@@ -47,18 +55,20 @@ class TrnwTest : public ::testing::Test {
         ImgStoreBitmapName("1996 TARNWHEEL, ALL RIGHTS RESERVED", "11-24-1992");
     }
 
-    // A path for a scratch file of this test, in the system's temporary directory.
+    // A path for a scratch file of this test, in the system's temporary
+    // directory; the process id keeps tests running in parallel apart.
     static std::string TempPath(const std::string &name)
     {
+        std::string unique = std::to_string((long)TestProcessId()) + "_" + name;
         const char *dir = std::getenv("TRNW_TEST_TMP");
 #ifdef _WIN32
         std::string base = dir ? dir : (std::getenv("TEMP") ? std::getenv("TEMP") : ".");
-        return base + "\\trnw_" + name;
+        return base + "\\trnw_" + unique;
 #else
         std::string base = dir ? dir : (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp");
         std::string cmd = "mkdir -p '" + base + "'";
         (void)!std::system(cmd.c_str());
-        return base + "/trnw_" + name;
+        return base + "/trnw_" + unique;
 #endif
     }
 };
