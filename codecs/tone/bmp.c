@@ -578,12 +578,6 @@ typedef struct BmpWriteInfo {
     const uint8_t *palette; /* just behind the image's header */
 } BmpWriteInfo;
 
-/* Palette bytes by the rule of Part 1.4: 4 * 2^bits; 1024 at 16; none at 24, 32. */
-static uint32_t BmpPaletteBytes(int bits)
-{
-    return bits >= 24 ? 0 : bits == 16 ? 1024 : 4u << bits;
-}
-
 /* Reads and (hardening) checks the header copy: depths the format carries
  * (-21), a positive geometry whose sizes fit the 32-bit fields, and a biSize
  * that keeps header and palette inside the 1064-byte copy (-3). */
@@ -595,13 +589,13 @@ static int BmpWriteSetup(const uint8_t *header, BmpWriteInfo *info)
     info->headerSize = GetLE32(header);
     if (!DibDepthSupported(info->bits))
         return IMG_ERR_DEPTH;
-    info->paletteBytes = BmpPaletteBytes(info->bits);
+    info->paletteBytes = DibPaletteSize(info->bits); /* 4 * 2^bits; 1024 at 16; none at 24, 32 */
     if (info->width < 1 || info->height < 1)
         return IMG_ERR_INVALID;
     if (info->headerSize < BMP_INFO_SIZE ||
         info->headerSize > IMG_HEADER_BLOCK_SIZE - info->paletteBytes)
         return IMG_ERR_INVALID;
-    uint64_t stride = BmpStride((uint32_t)info->width, info->bits);
+    uint64_t stride = DibStride((uint32_t)info->width, info->bits);
     if (stride * (uint64_t)info->height > BMP_MAX_PIXEL_BYTES - 4096)
         return IMG_ERR_INVALID;
     info->stride = (uint32_t)stride;
