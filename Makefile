@@ -21,6 +21,7 @@ test: deps
 
 bench: build
 	@./build/bin/bench_runs
+	@./build/bin/bench_rotate
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

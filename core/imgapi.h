@@ -217,6 +217,12 @@ IMGEXPORT int32_t IMGAPI IMGLOW_save_bitmap_mem(void *memory, uint8_t *header, i
                                                 IMG_ROW_SOURCE rowSource, void *sourceContext);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality);
 
+/* ---- Part 5.1: rotate, flip and invert ---- */
+IMGEXPORT int32_t IMGAPI IMG_rotate_bitmap(int32_t handle, int32_t angle);
+IMGEXPORT int32_t IMGAPI IMG_flip_bitmapx(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_flip_bitmapy(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_invert_bitmap(int32_t handle);
+
 #ifdef __cplusplus
 }
 #endif

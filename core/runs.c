@@ -273,3 +273,55 @@ int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, ui
     memcpy(store + start, record, bytes);
     return 0;
 }
+
+/* ---- record transforms of Part 5.1 ---- */
+
+int RunMirrorRecord(const uint16_t *record, uint32_t recordBytes, int32_t width, uint16_t *out)
+{
+    uint32_t words = recordBytes / 2, end = 1, kept = 0;
+    while (end < words && (int32_t)record[end] < width) {
+        if (record[end] != 0)
+            kept++; /* width - 0 is not below the width */
+        end++;
+    }
+    int odd = (end - 1) & 1; /* the mirrored row starts with the other colour */
+    uint32_t length = 2 * kept + 8 + (odd ? 2u : 0u);
+    int fourth = (uint64_t)length == DibStride((uint32_t)(width > 0 ? width : 0), 1);
+    if (fourth)
+        length += 2;
+    if (!out)
+        return (int)length;
+    uint16_t *o = out + 1;
+    if (odd)
+        *o++ = 0;
+    for (uint32_t i = end; i-- > 1;)
+        if (record[i] != 0)
+            *o++ = (uint16_t)(width - record[i]);
+    for (int k = 0; k < 3 + fourth; k++)
+        *o++ = (uint16_t)width;
+    out[0] = (uint16_t)length;
+    return (int)length;
+}
+
+int RunInvertRecord(const uint16_t *record, uint32_t recordBytes, uint16_t *out)
+{
+    uint32_t words = recordBytes / 2;
+    if (words >= 2 && record[1] == 0) {
+        uint32_t length = (words - 1) * 2;
+        if (out) {
+            out[0] = (uint16_t)length;
+            if (words > 2)
+                memcpy(out + 1, record + 2, (size_t)(words - 2) * 2);
+        }
+        return (int)length;
+    }
+    uint32_t body = words > 1 ? words - 1 : 0; /* the words behind the length */
+    uint32_t length = (body + 2) * 2;
+    if (out) {
+        out[0] = (uint16_t)length;
+        out[1] = 0;
+        if (body)
+            memcpy(out + 2, record + 1, (size_t)body * 2);
+    }
+    return (int)length;
+}

@@ -79,4 +79,20 @@ int RunStoreReverseRows(ImgDescriptor *d);
  * rows behind it.  0 or -1. */
 int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes);
 
+/* ---- record transforms of Part 5.1 (flip left-right, invert) ----
+ * Both read at most recordBytes bytes of `record`, write only the length
+ * they return, and with `out` NULL only measure.  `out` must not overlap
+ * `record`. */
+
+/* The mirror of a record over `width`: its positions t below the width,
+ * each toggling a parity, kept as width - t when t is not 0, written in
+ * reverse order behind a leading 0 when the parity is odd; then width three
+ * times, four times when the length would equal the 1-bit stride.  Returns
+ * the length: 2 * kept + 8 (+2 with the leading 0, +2 with the fourth width). */
+int RunMirrorRecord(const uint16_t *record, uint32_t recordBytes, int32_t width, uint16_t *out);
+
+/* The complement of a record: a first position of 0 is removed (length - 2),
+ * any other record gets a 0 in front (length + 2).  Returns the length. */
+int RunInvertRecord(const uint16_t *record, uint32_t recordBytes, uint16_t *out);
+
 #endif /* TRNW_RUNS_H */

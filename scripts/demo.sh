@@ -15,4 +15,9 @@ cmp -s samples/page.dib out/page.dib && echo "out/page.dib: identical to the sam
 ./build/bin/trnw convert samples/photo.dib out/photo-crop.bmp --crop 170,90,300,300
 ./build/bin/trnw convert samples/page.dib out/page-thumb.bmp --size 255x330
 ./build/bin/trnw convert samples/page.dib out/page-rect.dib --rect 100,150,1200,600 --type 48
+# Rotate, flip and invert, also on the run-coded fax page.
+./build/bin/trnw convert samples/page.dib out/page-90.bmp --rotate 90
+./build/bin/trnw convert samples/page.dib out/page-skew.bmp --rotate 3.5
+./build/bin/trnw convert samples/photo.dib out/photo-30.bmp --rotate 30 --flip x
+./build/bin/trnw convert samples/photo.dib out/photo-negative.bmp --invert
 ./build/bin/trnw info samples/page.dib samples/photo.dib out/*.bmp out/page-rect.dib

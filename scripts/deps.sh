@@ -11,6 +11,7 @@ packages=(
   binutils-mingw-w64-x86-64 wine64
   clang libclang-rt-14-dev
   imagemagick python3-pil
+  libvips-tools
 )
 
 missing=()

@@ -23,10 +23,12 @@ static const char usage[] =
     "  version              print the library version\n"
     "  info FILE...         type, pages, size, depth and resolution of each file\n"
     "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
-    "          [--rect X,Y,W,H]\n"
+    "          [--rect X,Y,W,H] [--rotate DEGREES] [--flip x|y] [--invert]\n"
     "                       decode IN (page N, counted from 0; a fixed smaller size or\n"
     "                       a sub-rectangle while decoding), crop, and save OUT as type\n"
-    "                       N (by OUT's extension when no type is given)\n"
+    "                       N (by OUT's extension when no type is given); --rotate\n"
+    "                       (90, 270, 12.5, ...), --flip and --invert are applied in\n"
+    "                       the order given\n"
     "  runs IN.dib [OUT.dib]\n"
     "                       load a bare DIB (40-byte header, palette, rows), hold a\n"
     "                       1-bit picture run-coded, expand it again row by row and\n"
@@ -292,10 +294,28 @@ static int CommandConvert(int argc, char **argv)
     const char *in = argv[0], *out = argv[1];
     int32_t type = IMG_TYPE_BY_EXTENSION, page = 0, crop[4], size[2], rect[4];
     int hasCrop = 0, hasSize = 0, hasRect = 0;
+    /* Transforms in the order given: 'r' rotate (hundredths), 'x'/'y' flip, 'i' invert. */
+    char ops[64];
+    int32_t angles[64];
+    int opCount = 0;
     for (int i = 2; i < argc; i++) {
         const char *value = i + 1 < argc ? argv[i + 1] : NULL;
         int ok = value != NULL;
-        if (!strcmp(argv[i], "--type"))
+        if (opCount == 64) {
+            ok = 0;
+        } else if (!strcmp(argv[i], "--invert")) {
+            ops[opCount++] = 'i';
+            continue;
+        } else if (!strcmp(argv[i], "--rotate")) {
+            char *end = NULL;
+            double degrees = ok ? strtod(value, &end) : 0;
+            ok = ok && end != value && *end == '\0' && degrees > -2e7 && degrees < 2e7;
+            angles[opCount] = (int32_t)(degrees * 100 + (degrees < 0 ? -0.5 : 0.5));
+            ops[opCount++] = 'r';
+        } else if (!strcmp(argv[i], "--flip")) {
+            ok = ok && (!strcmp(value, "x") || !strcmp(value, "y"));
+            ops[opCount++] = ok ? value[0] : '?';
+        } else if (!strcmp(argv[i], "--type"))
             ok = ok && ParseNumbers(value, &type, 1, 0);
         else if (!strcmp(argv[i], "--page"))
             ok = ok && ParseNumbers(value, &page, 1, 0);
@@ -334,7 +354,20 @@ static int CommandConvert(int argc, char **argv)
     progressRows = 0;
     if (handle < 0)
         return Fail(in, handle);
-    int32_t result = hasCrop ? IMG_set_croprect(handle, crop[0], crop[1], crop[2], crop[3]) : 0;
+    int32_t result = 0;
+    for (int k = 0; k < opCount && result >= 0; k++) {
+        if (ops[k] == 'r')
+            result = IMG_rotate_bitmap(handle, angles[k]);
+        else if (ops[k] == 'x')
+            result = IMG_flip_bitmapx(handle);
+        else if (ops[k] == 'y')
+            result = IMG_flip_bitmapy(handle);
+        else
+            result = IMG_invert_bitmap(handle);
+        progressRows = 0;
+    }
+    if (result >= 0 && hasCrop)
+        result = IMG_set_croprect(handle, crop[0], crop[1], crop[2], crop[3]);
     if (result == 0)
         result = IMG_save_bitmap(handle, out, type);
     IMG_delete_bitmap(handle);
