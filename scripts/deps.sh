@@ -12,6 +12,7 @@ packages=(
   clang libclang-rt-14-dev
   imagemagick python3-pil
   libvips-tools
+  libtiff-tools libtiff-dev netpbm
 )
 
 missing=()
