@@ -239,10 +239,10 @@ static int32_t LzwCodeAfterClear(LzwBits *b)
     return IMG_ERR_INVALID;
 }
 
-/* The rare steps of the decoding loop, outside its hot path: Clear (and
- * the code after it) or end of information.  *code is the code read; on
- * return 0 it holds the single-byte code that now starts the table, which
- * has been appended.  1 / negative: the strip's result. */
+/* The rare steps of decoding: Clear (and the code after it) or end of
+ * information.  *code is the code read; on return 0 it holds the
+ * single-byte code that now starts the table, which has been appended.
+ * 1 / negative: the strip's result. */
 static int LzwRestart(LzwBits *b, LzwOutput *o, int32_t *code)
 {
     if (*code == LZW_CLEAR)
@@ -254,6 +254,139 @@ static int LzwRestart(LzwBits *b, LzwOutput *o, int32_t *code)
     /* Rows leave the buffer below rowBytes <= size, so a byte always fits. */
     o->buffer[o->fill++] = (uint8_t)*code;
     return 0;
+}
+
+/* The table state between codes. */
+typedef struct LzwTableState {
+    int32_t previous; /* the previous code */
+    int32_t nextFree; /* the next free code */
+    int32_t limit;    /* the width limit */
+    int32_t code;     /* the code that stopped LzwDecodeCodes */
+} LzwTableState;
+
+/* Why LzwDecodeCodes stopped. */
+enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_BAD };
+
+/* Makes entry nextFree = (previous string, first) and grows the width as
+ * the Part says (early change); shared by both paths. */
+#define LZW_ADD_ENTRY(table, first, previous, nextFree, limit, width, mask)  \
+    do {                                                                     \
+        LzwEntry *e_ = &(table)[nextFree];                                   \
+        e_->last = (first);                                                  \
+        e_->prefix = (previous);                                             \
+        e_->length = (uint16_t)((table)[previous].length + 1);               \
+        (nextFree)++;                                                        \
+        if ((limit) - (nextFree) == 1) {                                     \
+            if ((width) < LZW_MAX_WIDTH) {                                   \
+                (width)++;                                                   \
+                (mask) = (1u << (width)) - 1;                                \
+            }                                                                \
+            (limit) *= 2;                                                    \
+        }                                                                    \
+    } while (0)
+
+/* The hot loop: decodes codes while the output holds less than a row, the
+ * buffer holds a whole code and the code is an ordinary one whose string
+ * fits; everything on locals and no calls, so that it stays in registers
+ * (the Part's limit is kept as the code at which the width grows next:
+ * limit - 1 while the width is below 12; at 12 bits the doubling limit
+ * changes nothing).  Returns why it stopped; the code read is in t->code
+ * for SPECIAL, LONG and BAD. */
+static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
+{
+    const uint8_t *const coded = b->buffer;
+    uint32_t bitPosition = b->bitPosition;
+    const uint32_t endBits = b->endBits;
+    uint32_t width = b->width;
+    int32_t growAt = width < LZW_MAX_WIDTH ? t->limit - 1 : -1;
+    uint8_t *out = o->buffer + o->fill;
+    uint8_t *const rowEnd = o->buffer + o->rowBytes;
+    uint8_t *const outEnd = o->buffer + o->size;
+    const LzwEntry *const table = entries;
+    LzwEntry *const newEntries = entries;
+    int32_t previous = t->previous, nextFree = t->nextFree, code = 0;
+    uint32_t previousLength = table[previous].length;
+    int stop;
+    for (;;) {
+        if (out >= rowEnd) {
+            stop = LZW_STOP_ROWS;
+            break;
+        }
+        if (endBits - bitPosition < width) {
+            stop = LZW_STOP_BITS;
+            break;
+        }
+        code = (int32_t)((GetBE32(coded + bitPosition / 8) << (bitPosition % 8)) >> (32 - width));
+        bitPosition += width;
+        uint8_t first;
+        uint32_t n;
+        if (code < 256) {
+            if (nextFree >= LZW_ENTRIES) {
+                stop = LZW_STOP_BAD; /* the block is full */
+                break;
+            }
+            *out++ = (uint8_t)code; /* a single byte: no table walk */
+            first = (uint8_t)code;
+            n = 1;
+        } else {
+            if (code == LZW_CLEAR || code == LZW_END) {
+                stop = LZW_STOP_SPECIAL;
+                break;
+            }
+            if (code > nextFree || nextFree >= LZW_ENTRIES) {
+                stop = LZW_STOP_BAD; /* above the next free code, or the block full */
+                break;
+            }
+            /* KwKwK (the next free code): the previous string and its own
+             * first byte.  Otherwise the code's string. */
+            int kwkwk = code == nextFree;
+            int32_t source = kwkwk ? previous : code;
+            n = kwkwk ? previousLength : table[source].length;
+            if ((size_t)(outEnd - out) < n + (uint32_t)kwkwk) {
+                stop = LZW_STOP_LONG;
+                break;
+            }
+            first = LzwWriteString(table, out + n, source);
+            out += n;
+            if (kwkwk) {
+                *out++ = first;
+                n++;
+            }
+        }
+        LzwEntry *e = &newEntries[nextFree];
+        e->last = first;
+        e->prefix = previous;
+        e->length = (uint16_t)(previousLength + 1);
+        if (++nextFree == growAt) { /* limit - next free code = 1 */
+            width++;
+            growAt = width < LZW_MAX_WIDTH ? (1 << width) - 1 : -1;
+        }
+        previous = code;
+        previousLength = n;
+    }
+    b->bitPosition = bitPosition;
+    b->width = width;
+    b->mask = (1u << width) - 1;
+    o->fill = (uint32_t)(out - o->buffer);
+    t->previous = previous;
+    t->nextFree = nextFree;
+    t->limit = 1 << width;
+    if (width == LZW_MAX_WIDTH)
+        t->limit = nextFree < 4095 ? 4096 : 8192; /* as the doubling left it */
+    t->code = code;
+    return stop;
+}
+
+/* A code whose string does not fit the free room: LzwAppendLong, then the
+ * new entry.  1 / 0 / negative as LzwAppendLong. */
+static int LzwLongString(LzwBits *b, LzwOutput *o, LzwTableState *t)
+{
+    int kwkwk = t->code == t->nextFree;
+    uint8_t first;
+    int r = LzwAppendLong(o, kwkwk ? t->previous : t->code, kwkwk, &first);
+    LZW_ADD_ENTRY(entries, first, t->previous, t->nextFree, t->limit, b->width, b->mask);
+    t->previous = t->code;
+    return r;
 }
 
 int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t rowBytes,
@@ -270,104 +403,37 @@ int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t r
     LzwBits bits = {handle, codedBuffer, 0, 0, 9, 511};
     LzwOutput out = {output, (uint32_t)outputSize, 0, rowBytes, firstRow, rowCount, 0,
                      adapter, context};
-    int32_t code = LzwReadCode(&bits);
-    if (code < 0)
-        return code;
-    if (code != LZW_CLEAR)
+    LzwTableState table = {0, LZW_FIRST_FREE, 512, 0};
+    table.code = LzwReadCode(&bits);
+    if (table.code < 0)
+        return table.code;
+    if (table.code != LZW_CLEAR)
         return IMG_ERR_INVALID;
-    int r = LzwRestart(&bits, &out, &code);
-    if (r != 0)
-        return r;
-
-    /* The hot loop works on locals only (byte stores through the output
-     * pointer could otherwise alias the state); the rare paths take the
-     * state in the two structs and hand it back. */
-    const uint8_t *const coded = codedBuffer;
-    uint32_t bitPosition = bits.bitPosition, endBits = bits.endBits;
-    uint32_t width = bits.width, mask = bits.mask;
-    uint8_t *const buffer = output;
-    const uint32_t size = (uint32_t)outputSize;
-    uint32_t fill = out.fill;
-    LzwEntry *const table = entries;
-    int32_t previous = code, nextFree = LZW_FIRST_FREE, limit = 512;
-
-#define LZW_STATE_OUT()                                                                         \
-    (bits.bitPosition = bitPosition, bits.endBits = endBits, bits.width = width, bits.mask = mask, \
-     out.fill = fill)
-#define LZW_STATE_IN()                                                                          \
-    (bitPosition = bits.bitPosition, endBits = bits.endBits, width = bits.width, mask = bits.mask, \
-     fill = out.fill)
-
+    int r = LZW_STOP_SPECIAL;
     for (;;) {
-        if (fill >= (uint32_t)rowBytes) {
-            LZW_STATE_OUT();
+        switch (r) {
+        case LZW_STOP_ROWS:
             r = LzwDeliverRows(&out);
-            if (r != 0)
-                return r;
-            LZW_STATE_IN();
-        }
-        if (endBits - bitPosition < width) {
-            LZW_STATE_OUT();
+            break;
+        case LZW_STOP_BITS:
             r = LzwRefill(&bits);
-            if (r < 0)
-                return r;
-            LZW_STATE_IN();
-        }
-        code = (int32_t)LzwPeek(coded, bitPosition, width, mask);
-        bitPosition += width;
-
-        if ((uint32_t)(code - LZW_CLEAR) < 2) { /* Clear or end of information */
-            LZW_STATE_OUT();
-            r = LzwRestart(&bits, &out, &code);
-            if (r != 0)
-                return r;
-            LZW_STATE_IN();
-            previous = code;
-            nextFree = LZW_FIRST_FREE;
-            limit = 512;
-            continue;
-        }
-        if (code > nextFree)
+            break;
+        case LZW_STOP_SPECIAL:
+            r = LzwRestart(&bits, &out, &table.code);
+            table.previous = table.code;
+            table.nextFree = LZW_FIRST_FREE;
+            table.limit = 512;
+            break;
+        case LZW_STOP_LONG:
+            r = LzwLongString(&bits, &out, &table);
+            break;
+        default:
             return IMG_ERR_INVALID;
-        if (nextFree >= LZW_ENTRIES)
-            return IMG_ERR_INVALID; /* hardening: the entry block is full */
-
-        /* KwKwK (the next free code): the previous string and its own first
-         * byte.  Otherwise the code's string. */
-        int kwkwk = code == nextFree;
-        int32_t source = kwkwk ? previous : code;
-        uint32_t n = table[source].length;
-        uint8_t first;
-        r = 0;
-        if (n + (uint32_t)kwkwk <= size - fill) {
-            first = LzwWriteString(table, buffer + fill + n, source);
-            if (kwkwk)
-                buffer[fill + n++] = first;
-            fill += n;
-        } else {
-            LZW_STATE_OUT();
-            r = LzwAppendLong(&out, source, kwkwk, &first);
-            LZW_STATE_IN();
-        }
-
-        LzwEntry *e = &table[nextFree];
-        e->last = first;
-        e->prefix = previous;
-        e->length = (uint16_t)(table[previous].length + 1);
-        nextFree++;
-        if (limit - nextFree == 1) {
-            if (width < LZW_MAX_WIDTH) {
-                width++;
-                mask = (1u << width) - 1;
-            }
-            limit *= 2;
         }
         if (r != 0)
-            return r; /* 1: the strip completed inside a long string */
-        previous = code;
+            return r; /* 1: the strip is complete; or an error */
+        r = LzwDecodeCodes(&bits, &out, &table);
     }
-#undef LZW_STATE_OUT
-#undef LZW_STATE_IN
 }
 
 /* ---- encoding ---- */
