@@ -265,7 +265,7 @@ typedef struct LzwTableState {
 } LzwTableState;
 
 /* Why LzwDecodeCodes stopped. */
-enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_BAD };
+enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_BAD, LZW_STOP_FULL };
 
 /* Makes entry nextFree = (previous string, first) and grows the width as
  * the Part says (early change); shared by both paths. */
@@ -298,7 +298,11 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
     uint32_t bitPosition = b->bitPosition;
     const uint32_t endBits = b->endBits;
     uint32_t width = b->width;
-    int32_t growAt = width < LZW_MAX_WIDTH ? t->limit - 1 : -1;
+    if (t->nextFree >= LZW_ENTRIES)
+        return LZW_STOP_FULL;
+    /* The next free code at which the width grows, or at 12 bits the end
+     * of the entry block. */
+    int32_t growAt = width < LZW_MAX_WIDTH ? t->limit - 1 : LZW_ENTRIES;
     uint8_t *out = o->buffer + o->fill;
     uint8_t *const rowEnd = o->buffer + o->rowBytes;
     uint8_t *const outEnd = o->buffer + o->size;
@@ -321,10 +325,6 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
         uint8_t first;
         uint32_t n;
         if (code < 256) {
-            if (nextFree >= LZW_ENTRIES) {
-                stop = LZW_STOP_BAD; /* the block is full */
-                break;
-            }
             *out++ = (uint8_t)code; /* a single byte: no table walk */
             first = (uint8_t)code;
             n = 1;
@@ -333,8 +333,8 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
                 stop = LZW_STOP_SPECIAL;
                 break;
             }
-            if (code > nextFree || nextFree >= LZW_ENTRIES) {
-                stop = LZW_STOP_BAD; /* above the next free code, or the block full */
+            if (code > nextFree) {
+                stop = LZW_STOP_BAD; /* above the next free code */
                 break;
             }
             /* KwKwK (the next free code): the previous string and its own
@@ -357,12 +357,16 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
         e->last = first;
         e->prefix = previous;
         e->length = (uint16_t)(previousLength + 1);
-        if (++nextFree == growAt) { /* limit - next free code = 1 */
-            width++;
-            growAt = width < LZW_MAX_WIDTH ? (1 << width) - 1 : -1;
-        }
         previous = code;
         previousLength = n;
+        if (++nextFree == growAt) { /* limit - next free code = 1, or the block full */
+            if (width == LZW_MAX_WIDTH) {
+                stop = LZW_STOP_FULL;
+                break;
+            }
+            width++;
+            growAt = width < LZW_MAX_WIDTH ? (1 << width) - 1 : LZW_ENTRIES;
+        }
     }
     b->bitPosition = bitPosition;
     b->width = width;
@@ -386,6 +390,26 @@ static int LzwLongString(LzwBits *b, LzwOutput *o, LzwTableState *t)
     int r = LzwAppendLong(o, kwkwk ? t->previous : t->code, kwkwk, &first);
     LZW_ADD_ENTRY(entries, first, t->previous, t->nextFree, t->limit, b->width, b->mask);
     t->previous = t->code;
+    return r;
+}
+
+/* Every entry is taken: the rows the output holds go out, then only Clear
+ * or end of information may follow.  Hardening: any other code would make
+ * an entry beyond 4661: -3. */
+static int LzwBlockFull(LzwBits *b, LzwOutput *o, LzwTableState *t)
+{
+    int r = LzwDeliverRows(o);
+    if (r != 0)
+        return r;
+    t->code = LzwReadCode(b);
+    if (t->code < 0)
+        return t->code;
+    if (t->code != LZW_CLEAR && t->code != LZW_END)
+        return IMG_ERR_INVALID;
+    r = LzwRestart(b, o, &t->code);
+    t->previous = t->code;
+    t->nextFree = LZW_FIRST_FREE;
+    t->limit = 512;
     return r;
 }
 
@@ -426,6 +450,9 @@ int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t r
             break;
         case LZW_STOP_LONG:
             r = LzwLongString(&bits, &out, &table);
+            break;
+        case LZW_STOP_FULL:
+            r = LzwBlockFull(&bits, &out, &table);
             break;
         default:
             return IMG_ERR_INVALID;

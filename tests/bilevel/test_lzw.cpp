@@ -591,3 +591,21 @@ TEST_F(Part2_5_Lzw, ClearsInARow)
     Collected d;
     EXPECT_EQ(Decode(many.bytes, 1, 1, d), -3);
 }
+
+TEST_F(Part2_5_Lzw, ClearWhenEntryBlockIsFull)
+{
+    // 4405 single-byte codes fill the entries up to 4661 (all at 12 bits from
+    // code 1791 on); a Clear (12 bits) then restarts the table: 'Z' and 257
+    // follow at 9 bits.
+    BitWriter w = LiteralStream(4405, false);
+    w.Put(256, 12);
+    w.Put('Z', 9);
+    w.Put(257, 9);
+    std::vector<uint8_t> expected;
+    for (int k = 1; k <= 4405; k++)
+        expected.push_back((uint8_t)(k * 7));
+    expected.push_back('Z');
+    Collected c;
+    ASSERT_EQ(Decode(w.bytes, 4406, 1, c), 1);
+    EXPECT_EQ(Flatten(c), expected);
+}
