@@ -490,7 +490,7 @@ static void LzwHashClear(LzwEncoder *e)
 }
 
 /* Writes one code of the current width, flushing 2000 bytes when full. */
-static int LzwPutCode(LzwEncoder *e, uint32_t code)
+static inline int LzwPutCode(LzwEncoder *e, uint32_t code)
 {
     uint32_t byte = e->bitPosition >> 3, bit = e->bitPosition & 7;
     uint32_t v = code << (24 - e->width - bit);
@@ -542,7 +542,7 @@ static int LzwEncodeBytes(LzwEncoder *e, const uint8_t *bytes, int32_t count, ui
     for (int32_t i = 0; i < count; i++) {
         uint32_t key = current << 8 | bytes[i];
         uint32_t slot = (key * 2654435761u) % LZW_HASH_SLOTS;
-        uint32_t step = 1 + key % (LZW_HASH_SLOTS - 2);
+        uint32_t step = 0; /* found on collision only */
         for (;;) {
             uint32_t s = slots[slot];
             if (s == LZW_SLOT_EMPTY) {
@@ -558,6 +558,8 @@ static int LzwEncodeBytes(LzwEncoder *e, const uint8_t *bytes, int32_t count, ui
                 current = s & 0xFFF;
                 break;
             }
+            if (!step)
+                step = 1 + key % (LZW_HASH_SLOTS - 2);
             slot += step;
             if (slot >= LZW_HASH_SLOTS)
                 slot -= LZW_HASH_SLOTS;
