@@ -4,16 +4,21 @@
  * code 258, widths 9 to 12 bits with the early-change width switch).
  *
  * The decoder keeps the Part's entry block (41960 bytes, 4662 entries of
- * last byte, prefix code and string length); the block is laid out as three
- * arrays (prefixes, lengths, last bytes: 4662 x 9 = 41958 bytes) so that the
- * walk along a prefix chain touches as little memory as possible.  Strings
- * are written backwards straight into the output buffer, ending where the
- * stored length says; no stack.
+ * last byte, prefix code and string length, here 8 bytes each).  Strings are
+ * written backwards straight into the output buffer, ending where the stored
+ * length says; no stack.  The per-code loop (LzwDecodeCodes) runs on locals
+ * without calls and stops for the rare steps: a row to deliver, a refill,
+ * Clear or end of information, a string longer than the free room, a full
+ * entry block.
  *
  * Hardening (docs/DEVIATIONS.md, Part 2.5): an entry beyond 4661 closes the
  * strip with -3, and a string longer than the free room of the output buffer
  * goes out through a scratch string in pieces, rows being delivered between
  * them, so that no stream can write past the output buffer.
+ *
+ * The encoder: a hash table in the Part's 20580-byte block maps (string
+ * code, byte) to codes; codes go into the 2100-byte output buffer, 2000
+ * bytes at a time to the byte sink.
  */
 #include "lzw.h"
 
