@@ -127,6 +127,16 @@ static void LoadColourRow(const Source *s, int32_t y, int32_t *accumulator, int 
     }
 }
 
+/* Step 3 of the diffusions: the next row becomes the current one.  The
+ * rows are swapped rather than copied; the old current row is then loaded
+ * whole (margins included), which gives the same contents. */
+static void SwapRows(int32_t **current, int32_t **next)
+{
+    int32_t *t = *current;
+    *current = *next;
+    *next = t;
+}
+
 static size_t AccumulatorInts(int32_t width, int slots)
 {
     return ((size_t)width + 2 * PALETTE_MARGIN) * (size_t)slots;
@@ -184,14 +194,14 @@ static int32_t Finish(int32_t result)
     return result;
 }
 
-static int32_t Clamp255(int32_t v)
+static inline int32_t Clamp255(int32_t v)
 {
     return v < 0 ? 0 : v > 255 ? 255 : v;
 }
 
 /* An arithmetic right shift (rounding toward minus infinity) that does not
  * depend on how the compiler shifts negative numbers. */
-static int32_t FloorShift(int32_t v, int k)
+static inline int32_t FloorShift(int32_t v, int k)
 {
     return v >= 0 ? v >> k : ~(~v >> k);
 }
@@ -214,7 +224,7 @@ void PaletteFixedEntries(uint8_t *palette)
 
 /* Spreads one component's error: 1/4 and 1/8 ahead on the same row, 1/16,
  * 1/8, 1/4, 1/8, 1/16 on the next row at x-2..x+2. */
-static void SpreadByShifts(int32_t *p, int32_t *q, ptrdiff_t ahead, int32_t error)
+static inline void SpreadByShifts(int32_t *p, int32_t *q, ptrdiff_t ahead, int32_t error)
 {
     const ptrdiff_t s = PALETTE_FIXED_SLOTS;
     int32_t quarter = FloorShift(error, 2), eighth = FloorShift(error, 3),
@@ -270,7 +280,7 @@ int32_t IMGAPI IMG_mediancut_color(int32_t handle)
     LoadColourRow(&s, 1, next, PALETTE_FIXED_SLOTS);
     for (int32_t y = 0; y < d->height; y++) {
         PaletteFixedDiffuseRow(current, next, d->width, y, row);
-        memcpy(current, next, ints * sizeof(int32_t));
+        SwapRows(&current, &next); /* "copy next over current": the load rewrites all of next */
         LoadColourRow(&s, y + 2, next, PALETTE_FIXED_SLOTS);
         result = StoreRow(bitmap, 1024, stride, y, row, d->height);
         if (result < 0) {
@@ -407,11 +417,29 @@ typedef struct OctreeMap {
     int16_t *nearest;      /* per halved colour: -1 not yet searched, else the entry */
 } OctreeMap;
 
-static unsigned PathIndex(const uint8_t *c, int level)
+/* The path of a colour: bit 7 - L of c0, c1, c2 as the index at level L.
+ * All eight indices are interleaved once into a 24-bit code (3 bits a
+ * level, level 0 highest) by a table of spread bits. */
+static uint32_t spreadBits[256];
+
+static void BuildSpreadBits(void)
 {
-    int bit = 7 - level;
-    return ((unsigned)((c[0] >> bit) & 1) << 2) | ((unsigned)((c[1] >> bit) & 1) << 1) |
-           (unsigned)((c[2] >> bit) & 1);
+    for (unsigned v = 0; v < 256; v++) {
+        uint32_t spread = 0;
+        for (int bit = 0; bit < 8; bit++)
+            spread |= ((v >> bit) & 1u) << (3 * bit);
+        spreadBits[v] = spread;
+    }
+}
+
+static inline uint32_t PathCode(const uint8_t *c)
+{
+    return spreadBits[c[0]] << 2 | spreadBits[c[1]] << 1 | spreadBits[c[2]];
+}
+
+static inline unsigned PathIndex(uint32_t code, int level)
+{
+    return (code >> (3 * (7 - level))) & 7u;
 }
 
 /* Step 5: a free node for `level` from the pool of its parity (the root
@@ -458,6 +486,8 @@ static int OctreeCreate(OctreeQuantizer **out, int32_t count)
     memset(q, 0, sizeof *q);
     memset(odd, 0, OCTREE_POOL_NODES * sizeof(OctreeNode));
     memset(even, 0, OCTREE_POOL_NODES * sizeof(OctreeNode));
+    if (!spreadBits[1])
+        BuildSpreadBits();
     q->maxColours = count >= 256 ? 256 : count >= 8 ? count : 8;
     q->reductionLevel = 7;
     q->oddPool = odd;
@@ -469,12 +499,12 @@ static int OctreeCreate(OctreeQuantizer **out, int32_t count)
 
 /* Walks from the root along the colour's path; stops at a leaf or before a
  * missing child (*missing set). */
-static OctreeNode *OctreeWalk(const OctreeQuantizer *q, const uint8_t *c, int *missing)
+static OctreeNode *OctreeWalk(const OctreeQuantizer *q, uint32_t code, int *missing)
 {
     OctreeNode *node = q->root;
     *missing = 0;
     for (int level = 0; level < 8 && !node->pixelCount; level++) {
-        OctreeNode *child = node->children[PathIndex(c, level)];
+        OctreeNode *child = node->children[PathIndex(code, level)];
         if (!child) {
             *missing = 1;
             break;
@@ -550,13 +580,14 @@ static int OctreeReduce(OctreeQuantizer *q)
 static int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
 {
     int missing;
-    OctreeNode *node = OctreeWalk(q, c, &missing);
+    uint32_t code = PathCode(c);
+    OctreeNode *node = OctreeWalk(q, code, &missing);
     while (missing && q->leafCount >= q->maxColours && OctreeReduce(q))
-        node = OctreeWalk(q, c, &missing);
+        node = OctreeWalk(q, code, &missing);
     if (missing) {
         node = q->root;
         for (int level = 0; level <= q->reductionLevel; level++) {
-            unsigned index = PathIndex(c, level);
+            unsigned index = PathIndex(code, level);
             OctreeNode *child = node->children[index];
             if (!child) {
                 child = OctreeTakeNode(q, level & 1, level);
@@ -642,8 +673,9 @@ static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c)
 static unsigned OctreeIndex(const OctreeQuantizer *q, OctreeMap *map, const uint8_t *c)
 {
     const OctreeNode *node = q->root;
+    uint32_t code = PathCode(c);
     for (int level = 0; level < 8; level++) {
-        const OctreeNode *child = node->children[PathIndex(c, level)];
+        const OctreeNode *child = node->children[PathIndex(code, level)];
         if (!child)
             return OctreeNearest(map, c);
         node = child;
@@ -742,7 +774,7 @@ static int OctreeMapRows(const OctreeQuantizer *q, OctreeMap *map, const Source 
     LoadColourRow(s, 1, next, OCTREE_SLOTS);
     for (int32_t y = 0; y < height; y++) {
         OctreeDiffuseRow(q, map, current, next, width, y, indices);
-        memcpy(current, next, ints * sizeof(int32_t));
+        SwapRows(&current, &next);
         LoadColourRow(s, y + 2, next, OCTREE_SLOTS);
         PackIndices(indices, width, bits, row);
         int result = StoreRow(bitmap, paletteBytes, stride, y, row, 2 * height);
