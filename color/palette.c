@@ -31,6 +31,7 @@
 #define OCTREE_SLACK 2000
 #define OCTREE_SLOTS 3
 #define NEAREST_START 65535u
+#define NEAREST_CACHE_PIXELS 65536 /* pictures from this size on remember searches */
 #define BLOCK_LIMIT 0x7FFFFFFFu /* the largest bitmap a descriptor records */
 
 /* ---- the source image ---- */
@@ -784,16 +785,18 @@ static int OctreeMapRows(const OctreeQuantizer *q, OctreeMap *map, const Source 
     return 0;
 }
 
-static void OctreeMapInit(OctreeMap *map)
+static void OctreeMapInit(OctreeMap *map, const ImgDescriptor *d)
 {
     memset(map->palette, 0, sizeof map->palette);
     map->entries = 0;
     map->squares[0] = 0;
     for (int i = 0; i < 256; i++)
         map->squares[i + 1] = (uint32_t)((i - 127) * (i - 127));
-    /* The search cache is an optimisation only: without memory the search
-     * runs every time. */
-    map->nearest = ImgAllocTracked(((size_t)1 << 21) * sizeof(int16_t));
+    /* The search cache is an optimisation only, worth its 4 MiB on larger
+     * pictures; without it (or without memory) the search runs every time. */
+    map->nearest = NULL;
+    if ((int64_t)d->width * d->height >= NEAREST_CACHE_PIXELS)
+        map->nearest = ImgAllocTracked(((size_t)1 << 21) * sizeof(int16_t));
     if (map->nearest)
         memset(map->nearest, 0xFF, ((size_t)1 << 21) * sizeof(int16_t));
 }
@@ -828,7 +831,7 @@ int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colour
     else
         result = OctreeBuildFromImage(q, &s);
     if (result >= 0) {
-        OctreeMapInit(map);
+        OctreeMapInit(map, d);
         q->leafCount = 0;
         OctreePaletteWalk(q, q->root, map);
         map->entries = q->leafCount;

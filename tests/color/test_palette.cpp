@@ -902,6 +902,41 @@ TEST_F(Part4_1_Palette, OctreeAgreesWithNaiveModel)
                     }
 }
 
+TEST_F(Part4_1_Palette, OctreeLargePicturesAgreeWithNaiveModel)
+{
+    // From 65536 pixels on the library remembers its nearest-colour searches.
+    std::mt19937 rng(45);
+    for (int smooth = 0; smooth < 2; smooth++) {
+        int32_t h = smooth ? SmoothImage(rng, 301, 219, 24) : RandomImage(rng, 257, 256, 32);
+        Colours src = SourceColours(h);
+        int32_t count = smooth ? 256 : 40;
+        int32_t made = IMG_octree_color(h, 8, nullptr, count);
+        NaiveOctree model(count);
+        for (auto &row : src)
+            for (auto &c : row)
+                model.Insert(c);
+        model.PaletteWalk(0);
+        ASSERT_EQ(made, (int32_t)model.palette.size());
+        for (int i = 0; i < made; i++)
+            EXPECT_EQ(PaletteEntry(h, i), model.palette[i]);
+        EXPECT_EQ(ResultIndices(h, 8), model.Map(src)) << smooth;
+        IMG_delete_bitmap(h);
+    }
+}
+
+TEST_F(Part4_1_Palette, OctreeEmptyColourListMakesNoEntries)
+{
+    // A colour list of count 0: nothing is inserted, the walk makes no entry,
+    // every pixel's search over no entries keeps index 0 (a choice: DEVIATIONS.md).
+    int32_t h = NewImage(3, 2, 24);
+    const uint8_t list[4] = {9, 9, 9, 0};
+    EXPECT_EQ(IMG_octree_color(h, 8, list, 0), 0);
+    for (auto &row : ResultIndices(h, 8))
+        for (int v : row)
+            EXPECT_EQ(v, 0);
+    EXPECT_EQ(PaletteEntry(h, 0), (Colour{0, 0, 0}));
+}
+
 TEST_F(Part4_1_Palette, OctreeWithColourListAgreesWithNaiveModel)
 {
     std::mt19937 rng(44);
