@@ -686,3 +686,98 @@ TEST_F(TrnwTest, Part2_2_CcittEncoder_RawTypesSaveTheCropRectangle)
     // V0 1.
     EXPECT_EQ(g4, BytesOf("001" "00110101" "010" "1" "0001" "1" + kEol + kEol + kEol + kEol));
 }
+
+/* ---- round trip through our decoder (Part 2.1) ---- */
+
+extern "C" {
+#include "codecs/bilevel/ccitt_decode.h"
+}
+
+namespace {
+
+// Compares the padding-free pixels of two rows of `width` pixels.
+bool SameRow(const uint8_t *a, const uint8_t *b, int32_t width)
+{
+    for (int32_t x = 0; x < width; x++)
+        if (((a[x / 8] ^ b[x / 8]) >> (7 - x % 8)) & 1)
+            return false;
+    return true;
+}
+
+struct Collected {
+    int32_t width = 0;
+    std::vector<std::vector<uint8_t>> rows;
+};
+
+int CollectRecord(const uint8_t *record, void *context, int rowIndex, int recordBytes)
+{
+    Collected *c = static_cast<Collected *>(context);
+    if (rowIndex < 0 || rowIndex >= (int)c->rows.size())
+        return -3;
+    std::vector<uint16_t> words((size_t)recordBytes / 2 + 1);
+    std::memcpy(words.data(), record, (size_t)recordBytes);
+    auto &row = c->rows[(size_t)rowIndex];
+    RunExpandRow(words.data(), (uint32_t)recordBytes, c->width, row.data(), (uint32_t)row.size());
+    return 0;
+}
+
+} // namespace
+
+TEST_F(TrnwTest, Part2_2_CcittEncoder_RawTypesRoundTripThroughOurDecoder)
+{
+    // Types 33/53 decode as IMG_decompress_fax type 3 (one-dimensional with
+    // EOLs) with fill order 1/2; 34/52 as type 4 (Group 4).  The height is
+    // given: our five closing EOLs are one short of the decoder's six.
+    const int32_t width = 1728, height = 300;
+    Rows rows = RandomRows(width, height, 21); // TextLikeImage's rows
+    int32_t h = TextLikeImage(width, height);
+    ASSERT_GE(h, 0);
+    uint32_t stride = DibStride((uint32_t)width, 1);
+    struct { int32_t type, decodeType, fillOrder; } cases[] = {{33, 3, 1}, {53, 3, 2}, {34, 4, 1}, {52, 4, 2}};
+    for (const auto &c : cases) {
+        int32_t result;
+        std::vector<uint8_t> stream = SaveRaw(h, c.type, TempPath("rt.fax"), &result);
+        ASSERT_EQ(result, 0) << c.type;
+        int32_t back = IMG_decompress_fax_mem_size(stream.data(), (uint32_t)stream.size(), width,
+                                                   height, c.decodeType, c.fillOrder);
+        ASSERT_GE(back, 0) << c.type;
+        std::vector<uint8_t> row(stride);
+        for (int32_t y = 0; y < height; y++) {
+            ASSERT_GE(IMGLOW_get_raster(back, row.data(), y, (int32_t)stride), 0);
+            ASSERT_TRUE(SameRow(row.data(), rows.rows[(size_t)y].data(), width))
+                << "type " << c.type << " row " << y;
+        }
+        IMG_delete_bitmap(back);
+    }
+}
+
+TEST(Part2_2_CcittEncoder, Mode2RoundTripsThroughOurOneDimensionalDecoder)
+{
+    // TIFF compression 2: the one-dimensional decoder in mode 2 (byte-aligned
+    // rows, no EOLs), fed from the memory image.
+    for (int32_t width : {1, 13, 1728, 2600}) {
+        Rows rows = RandomRows(width, 40, (unsigned)width);
+        rows.rows[3].assign(rows.rows[3].size(), 0x00); // an all-black row
+        Encoded e = Encode(rows, k1D, 0, 2);
+        ASSERT_EQ(e.result, 0);
+        std::vector<uint8_t> stream = e.bytes;
+        stream.resize(stream.size() + 400, 0);
+        ImgSetMemorySourceSized(stream.data(), (uint32_t)e.bytes.size());
+        CcittParameters p{};
+        p.height = 40;
+        p.width = (uint16_t)width;
+        p.rowsPerStrip = 40;
+        p.mode = 2;
+        p.whiteIsZero = 1;
+        p.fillOrder = 1;
+        std::vector<uint8_t> buffer(CCITT_CHUNK + 500, 0);
+        Collected got;
+        got.width = width;
+        got.rows.assign(40, std::vector<uint8_t>((size_t)(width + 7) / 8, 0));
+        ASSERT_GE(CcittDecode1D(buffer.data(), 40, 0, &p, IMG_MEMORY_HANDLE, CollectRecord, &got), 0)
+            << width;
+        for (int32_t y = 0; y < 40; y++)
+            ASSERT_TRUE(SameRow(got.rows[(size_t)y].data(), rows.rows[(size_t)y].data(), width))
+                << "width " << width << " row " << y;
+    }
+}
