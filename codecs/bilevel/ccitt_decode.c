@@ -168,6 +168,12 @@ static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
 
 /* ---- the bit reader ---- */
 
+#if defined(__GNUC__)
+#define RARELY(condition) __builtin_expect(!!(condition), 0)
+#else
+#define RARELY(condition) (condition)
+#endif
+
 typedef struct BitReader {
     uint8_t *buffer;
     uint32_t pos;     /* byte offset of the 32-bit window (even) */
@@ -235,11 +241,9 @@ static inline uint32_t LoadWindow(const uint8_t *p)
 static inline int ReadCode(BitReader *r, const uint16_t *values, const uint8_t *lengths)
 {
     for (;;) {
-        if (r->bit >= 16) {
-            r->pos += 2;
-            r->bit -= 16;
-        }
-        if (r->pos >= r->fastEnd && !SlowWindow(r))
+        r->pos += (r->bit >> 4) * 2; /* the offset is at most 28: one step */
+        r->bit &= 15;
+        if (RARELY(r->pos >= r->fastEnd) && !SlowWindow(r))
             return CODE_END;
         uint32_t index = (LoadWindow(r->buffer + r->pos) >> r->bit) & 0x1FFF;
         r->bit += 1u + lengths[index];
@@ -252,11 +256,9 @@ static inline int ReadCode(BitReader *r, const uint16_t *values, const uint8_t *
 
 static inline int ReadMode(BitReader *r)
 {
-    if (r->bit >= 16) {
-        r->pos += 2;
-        r->bit -= 16;
-    }
-    if (r->pos >= r->fastEnd && !SlowWindow(r))
+    r->pos += (r->bit >> 4) * 2;
+    r->bit &= 15;
+    if (RARELY(r->pos >= r->fastEnd) && !SlowWindow(r))
         return MODE_END;
     int mode = modeTable[(LoadWindow(r->buffer + r->pos) >> r->bit) & 0xFF];
     r->bit += modeCost[mode + 3];
@@ -424,7 +426,7 @@ typedef struct ChangeList {
     int32_t width;
 } ChangeList;
 
-static inline void PutChange(ChangeList *c, int32_t position)
+static void PutChangeSlow(ChangeList *c, int32_t position)
 {
     if (position > c->width)
         position = c->width;
@@ -433,6 +435,17 @@ static inline void PutChange(ChangeList *c, int32_t position)
     if (c->n >= c->cancelFrom && position == c->last && c->n > LIST_START) {
         c->n--;
         c->last = c->n > LIST_START ? c->list[c->n - 1] : 0;
+        return;
+    }
+    c->list[c->n++] = (uint16_t)position;
+    c->last = position;
+}
+
+static inline void PutChange(ChangeList *c, int32_t position)
+{
+    /* The usual case: a change beyond the last one, inside the row. */
+    if (RARELY(position <= c->last || position > c->width || c->n >= c->cancelFrom)) {
+        PutChangeSlow(c, position);
         return;
     }
     c->list[c->n++] = (uint16_t)position;
