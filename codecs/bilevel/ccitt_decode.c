@@ -662,6 +662,8 @@ static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c
         case 2:
         case 3:
             a1 = ref[b] + mode;
+            if (a1 > width)
+                a1 = width; /* the walk then stops at the width + 1 terminators */
             b++;
             while (ref[b] <= a1)
                 b += 2;
