@@ -168,6 +168,12 @@ static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
 
 /* ---- the bit reader ---- */
 
+#if defined(__GNUC__)
+#define RARELY(condition) __builtin_expect(!!(condition), 0)
+#else
+#define RARELY(condition) (condition)
+#endif
+
 typedef struct BitReader {
     uint8_t *buffer;
     uint32_t pos;     /* byte offset of the 32-bit window (even) */
@@ -218,6 +224,7 @@ static void Refill(BitReader *r)
 
 /* The window at pos reaches past the data: refill when the source has more;
  * 0 when every data bit is consumed. */
+static int SlowWindow(BitReader *r) __attribute__((noinline));
 static int SlowWindow(BitReader *r)
 {
     if (r->reading && !r->sourceDone)
@@ -234,11 +241,9 @@ static inline uint32_t LoadWindow(const uint8_t *p)
 static inline int ReadCode(BitReader *r, const uint16_t *values, const uint8_t *lengths)
 {
     for (;;) {
-        if (r->bit >= 16) {
-            r->pos += 2;
-            r->bit -= 16;
-        }
-        if (r->pos >= r->fastEnd && !SlowWindow(r))
+        r->pos += (r->bit >> 4) * 2; /* the offset is at most 28: one step */
+        r->bit &= 15;
+        if (RARELY(r->pos >= r->fastEnd) && !SlowWindow(r))
             return CODE_END;
         uint32_t index = (LoadWindow(r->buffer + r->pos) >> r->bit) & 0x1FFF;
         r->bit += 1u + lengths[index];
@@ -251,11 +256,9 @@ static inline int ReadCode(BitReader *r, const uint16_t *values, const uint8_t *
 
 static inline int ReadMode(BitReader *r)
 {
-    if (r->bit >= 16) {
-        r->pos += 2;
-        r->bit -= 16;
-    }
-    if (r->pos >= r->fastEnd && !SlowWindow(r))
+    r->pos += (r->bit >> 4) * 2;
+    r->bit &= 15;
+    if (RARELY(r->pos >= r->fastEnd) && !SlowWindow(r))
         return MODE_END;
     int mode = modeTable[(LoadWindow(r->buffer + r->pos) >> r->bit) & 0xFF];
     r->bit += modeCost[mode + 3];
@@ -423,7 +426,7 @@ typedef struct ChangeList {
     int32_t width;
 } ChangeList;
 
-static inline void PutChange(ChangeList *c, int32_t position)
+static void PutChangeSlow(ChangeList *c, int32_t position)
 {
     if (position > c->width)
         position = c->width;
@@ -432,6 +435,17 @@ static inline void PutChange(ChangeList *c, int32_t position)
     if (c->n >= c->cancelFrom && position == c->last && c->n > LIST_START) {
         c->n--;
         c->last = c->n > LIST_START ? c->list[c->n - 1] : 0;
+        return;
+    }
+    c->list[c->n++] = (uint16_t)position;
+    c->last = position;
+}
+
+static inline void PutChange(ChangeList *c, int32_t position)
+{
+    /* The usual case: a change beyond the last one, inside the row. */
+    if (RARELY(position <= c->last || position > c->width || c->n >= c->cancelFrom)) {
+        PutChangeSlow(c, position);
         return;
     }
     c->list[c->n++] = (uint16_t)position;
@@ -461,7 +475,7 @@ static void CutAtWidth(ChangeList *c)
 /* Decodes one Modified Huffman row into c.  countEols: mode 3 or 128 (EOLs
  * counted in *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END,
  * or 1 when the data ended before the row began. */
-static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
+static inline int Decode1DRowAt(BitReader *r, ChangeList *c, int countEols, int *eols)
 {
     int32_t width = c->width, position = 0;
     int white = 1;
@@ -495,6 +509,17 @@ static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
             break;
     }
     return 0;
+}
+
+/* The row decoders work on a local copy of the reader (kept in registers). */
+static int Decode1DRow(BitReader *shared, ChangeList *c, int countEols, int *eols)
+{
+    BitReader local = *shared;
+    ChangeList list = *c;
+    int result = Decode1DRowAt(&local, &list, countEols, eols);
+    *shared = local;
+    *c = list;
+    return result;
 }
 
 /* Looks for EOL: one code, then up to `further` more.  The end of the data
@@ -613,7 +638,7 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
 /* Decodes one Modified READ row against the reference changes `ref` (a
  * list ending in entries beyond the width) into c.  Returns 0, or 1 when the
  * data ended before the row began. */
-static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
+static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c)
 {
     int32_t width = c->width, a0 = 0;
     int white = 1;
@@ -637,6 +662,8 @@ static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
         case 2:
         case 3:
             a1 = ref[b] + mode;
+            if (a1 > width)
+                a1 = width; /* the walk then stops at the width + 1 terminators */
             b++;
             while (ref[b] <= a1)
                 b += 2;
@@ -692,6 +719,16 @@ static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
         white = !white;
     }
     return 0;
+}
+
+static int Decode2DRow(BitReader *shared, const uint16_t *ref, ChangeList *c)
+{
+    BitReader local = *shared;
+    ChangeList list = *c;
+    int result = Decode2DRowAt(&local, ref, &list);
+    *shared = local;
+    *c = list;
+    return result;
 }
 
 /* Sets the reference row of an image's first row: `count` terminators. */

@@ -734,3 +734,16 @@ TEST_F(Part2_1_CcittDecoder, DecompressFaxFromAFile)
     std::vector<uint16_t> words(rec, rec + bytes / 2);
     EXPECT_EQ(words, Rec1D({10, 30}, 100));
 }
+
+TEST_F(Part2_1_CcittDecoder, RightStepsPastTheWidthStayInTheReferenceRow)
+{
+    // Every row: VR3 from b1 = width gives width + 3 (cut at the width); the
+    // reference walk must stop at the terminators.  Then V0 rows copy it.
+    std::string bits;
+    for (int r = 0; r < 20; r++)
+        bits += std::string(kVR3) + kVR2 + kV0;
+    Capture c;
+    ASSERT_EQ(Decode(kG4, Pack(bits, 1), Params(20, 20, 4), 20, 0, c), 0);
+    for (auto &rec : c.records)
+        EXPECT_EQ(rec, Rec2D({}, 20));
+}

@@ -15,6 +15,7 @@
  */
 #include "test_support.h"
 
+#include <cctype>
 #include <fstream>
 #include <iterator>
 
