@@ -223,6 +223,18 @@ IMGEXPORT int32_t IMGAPI IMG_flip_bitmapx(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_flip_bitmapy(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_invert_bitmap(int32_t handle);
 
+/* ---- Part 4.2: dithering and colour conversion ---- */
+IMGEXPORT int32_t IMGAPI IMG_bayer_mono(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_halftone_mono(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_diffusion_mono(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_thresh_mono(int32_t handle, int32_t threshold);
+IMGEXPORT int32_t IMGAPI IMG_bayer_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_diffusion_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_color_gray(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_promote_8(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_promote_24(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_dithermode(int32_t mode);
+
 #ifdef __cplusplus
 }
 #endif
