@@ -20,4 +20,6 @@ cmp -s samples/page.dib out/page.dib && echo "out/page.dib: identical to the sam
 ./build/bin/trnw convert samples/page.dib out/page-skew.bmp --rotate 3.5
 ./build/bin/trnw convert samples/photo.dib out/photo-30.bmp --rotate 30 --flip x
 ./build/bin/trnw convert samples/photo.dib out/photo-negative.bmp --invert
+# Dithering and colour conversion: Stucki diffusion to a run-coded 1-bit picture.
+./build/bin/trnw convert samples/photo.dib out/photo-stucki.bmp --dither stucki
 ./build/bin/trnw info samples/page.dib samples/photo.dib out/*.bmp out/page-rect.dib
