@@ -12,6 +12,7 @@
  */
 #include "test_support.h"
 
+#include <functional>
 #include <random>
 
 namespace {
@@ -100,20 +101,20 @@ TEST_F(Part4_2_DitherInterop, SavedResultsReadByImageMagickAsWeHoldThem)
     struct Case {
         const char *name;
         int bits;
-        int32_t (*op)(int32_t);
+        std::function<int32_t(int32_t)> op;
         int outBits;
     };
     const Case cases[] = {
-        {"bayer_mono", 24, IMG_bayer_mono, 1},
-        {"halftone_mono", 8, IMG_halftone_mono, 1},
-        {"diffusion_mono", 24, IMG_diffusion_mono, 1},
+        {"bayer_mono", 24, [](int32_t h) { return IMG_bayer_mono(h); }, 1},
+        {"halftone_mono", 8, [](int32_t h) { return IMG_halftone_mono(h); }, 1},
+        {"diffusion_mono", 24, [](int32_t h) { return IMG_diffusion_mono(h); }, 1},
         {"thresh_auto", 32, [](int32_t h) { return IMG_thresh_mono(h, -1); }, 1},
         {"thresh_100", 4, [](int32_t h) { return IMG_thresh_mono(h, 100); }, 1},
-        {"bayer_color", 24, IMG_bayer_color, 4},
-        {"diffusion_color", 8, IMG_diffusion_color, 4},
-        {"color_gray", 24, IMG_color_gray, 8},
-        {"promote_8", 4, IMG_promote_8, 8},
-        {"promote_24", 8, IMG_promote_24, 24},
+        {"bayer_color", 24, [](int32_t h) { return IMG_bayer_color(h); }, 4},
+        {"diffusion_color", 8, [](int32_t h) { return IMG_diffusion_color(h); }, 4},
+        {"color_gray", 24, [](int32_t h) { return IMG_color_gray(h); }, 8},
+        {"promote_8", 4, [](int32_t h) { return IMG_promote_8(h); }, 8},
+        {"promote_24", 8, [](int32_t h) { return IMG_promote_24(h); }, 24},
     };
     uint32_t seed = 1;
     for (const Case &c : cases)
