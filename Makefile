@@ -26,6 +26,7 @@ bench: build
 	@./build/bin/bench_ccitt_encode
 	@./build/bin/bench_palette
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
+	@./build/bin/bench_dither
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

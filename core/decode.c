@@ -16,6 +16,8 @@
 #include "imgio.h"
 #include "registry.h"
 #include "runs.h"
+#include "../color/default_palette.h"
+#include "../color/dither.h"
 
 /* Decode-time settings: process-wide, persistent, all 0 at start. */
 static int32_t reductionBits;
@@ -91,30 +93,44 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
         d->transparentColour = h.biClrUsed;
         d->hasTransparentColour = 1;
     }
-    /* Step 4: depth reduction is wired with the ordered dithers of Part 4.2;
-     * until then the file's depth is kept. */
-    c->requestedBits = 0;
+    /* Step 4: the reduction applies only as 8 from 24 bits, 4 from 8 bits
+     * or more, 1 from 4 bits or more (16-bit rows have no colour row, so
+     * they keep their depth for 4: docs/DEVIATIONS.md). */
+    if (!DitherReductionApplies(bits, c->requestedBits))
+        c->requestedBits = 0;
+    int outBits = c->requestedBits ? c->requestedBits : bits;
     c->sourceWidth = h.biWidth;
     c->sourceHeight = h.biHeight;
     c->sourceBits = bits;
     c->sourceStride = (int32_t)DibStride((uint32_t)h.biWidth, bits);
+    c->rowBits = outBits;
+    c->rowStride = (int32_t)DibStride((uint32_t)h.biWidth, outBits);
 
     int32_t width, height;
     ChooseOutputSize(c, &width, &height);
-    int coded = bits == 1;
+    int coded = outBits == 1;
     if (width < 1 || height < 1 || (coded && width > RUN_MAX_WIDTH))
         return IMG_ERR_INVALID; /* docs/DEVIATIONS.md */
-    uint64_t stride = DibStride((uint32_t)width, bits);
+    uint64_t stride = DibStride((uint32_t)width, outBits);
     uint32_t palette = DibPaletteSize(bits);
-    uint64_t total = stride * (((uint64_t)height + 3) & ~(uint64_t)3) + palette + DIB_HEADER_SIZE;
+    uint32_t outPalette = DibPaletteSize(outBits);
+    /* The palette of the file's depth, or of the reduced depth where that
+     * is larger (24 to 8 bits), so that dibSize covers the bitmap. */
+    uint64_t total = stride * (((uint64_t)height + 3) & ~(uint64_t)3) +
+                     (outPalette > palette ? outPalette : palette) + DIB_HEADER_SIZE;
     if (total > 0x7FFFFFFFu - 8192)
         return IMG_ERR_MEMORY;
     if (coded)
         total = width >= 10000 ? total / 50 : total / 8;
 
-    /* Scratch: a packed source row, an output row, and a run record. */
+    /* Scratch: a packed source row, an output row, a run record, the
+     * reduced row and the dither routines' scratch. */
     uint64_t widest = (uint64_t)(width > h.biWidth ? width : h.biWidth);
-    size_t work = (size_t)c->sourceStride + (size_t)stride + RunRecordMaxBytes((int32_t)widest) + 64;
+    size_t recordAt = ((size_t)c->sourceStride + (size_t)stride + 1) & ~(size_t)1;
+    size_t reducedAt = (recordAt + RunRecordMaxBytes((int32_t)widest) + 7) & ~(size_t)7;
+    size_t ditherAt = (reducedAt + (size_t)c->rowStride + 7) & ~(size_t)7;
+    size_t paletteAt = ditherAt + (c->requestedBits ? DitherRowScratchBytes(h.biWidth) : 0);
+    size_t work = paletteAt + (c->requestedBits ? 1024 : 0) + 64;
     c->work = ImgAlloc(work);
     uint32_t *index = coded ? RunStoreAllocateIndex(width, height) : NULL;
     uint8_t *dib = ImgAlloc((size_t)total + 8192);
@@ -123,16 +139,26 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
         ImgFree(dib);
         return IMG_ERR_MEMORY;
     }
-    memcpy(dib, block, DIB_HEADER_SIZE + palette);
+    c->reduced = c->work + reducedAt;
+    c->ditherScratch = c->work + ditherAt;
+    c->palette = c->work + paletteAt; /* the reader may free its block before the rows */
+    if (c->requestedBits)
+        memcpy(c->palette, block + DIB_HEADER_SIZE, palette);
+    memcpy(dib, block, DIB_HEADER_SIZE + (outBits == bits ? palette : 0));
     /* Rows a reader never delivers read as zero bytes, not as stale memory. */
-    memset(dib + DIB_HEADER_SIZE + palette, 0, (size_t)total + 8192 - DIB_HEADER_SIZE - palette);
+    uint32_t offset = DIB_HEADER_SIZE + outPalette;
+    memset(dib + offset, 0, (size_t)total + 8192 - offset);
     BITMAPINFOHEADER *out = (BITMAPINFOHEADER *)dib;
-    out->biBitCount = (uint16_t)bits;
+    out->biBitCount = (uint16_t)outBits;
     out->biWidth = width;
     out->biHeight = height;
     out->biSizeImage = (uint32_t)(stride * (uint64_t)height);
     if (coded)
         out->biCompression = DIB_RUN_CODED;
+    /* Step 9: the fixed palette of the reduced depth: 3-3-2; the 16 colours
+     * with 200 (kind "dither"); black and white. */
+    if (c->requestedBits)
+        BuildDefaultPalette(dib, outBits == 8 ? "332" : "dither");
     ImgDescriptorSetImage(d, dib, width, height, (int32_t)stride);
     d->dibSize = (uint32_t)total;
     d->codedRows = coded;
@@ -254,15 +280,15 @@ static int FixedSizeRow(ImgDecodeContext *c, ImgDescriptor *d, const uint8_t *ro
     const uint8_t *packed = row;
     if (runForm) {
         RunExpandRow((const uint16_t *)row, (uint32_t)rowBytes, c->sourceWidth, PackedScratch(c),
-                     (uint32_t)c->sourceStride);
+                     (uint32_t)c->rowStride);
         packed = PackedScratch(c);
-    } else if (rowBytes < c->sourceStride) {
-        memset(PackedScratch(c), 0, (size_t)c->sourceStride);
+    } else if (rowBytes < c->rowStride) {
+        memset(PackedScratch(c), 0, (size_t)c->rowStride);
         memcpy(PackedScratch(c), row, (size_t)rowBytes);
         packed = PackedScratch(c);
     }
     uint8_t *reduced = OutputScratch(c);
-    ReduceRow(packed, c->sourceBits, c->sourceWidth, reduced, d->width, d->stride, c->sourceStride);
+    ReduceRow(packed, c->rowBits, c->sourceWidth, reduced, d->width, d->stride, c->rowStride);
     return StoreRow(c, d, dest, reduced, d->stride, 0, rowIndex + 10);
 }
 
@@ -281,7 +307,7 @@ static int SubRectangleRow(ImgDecodeContext *c, ImgDescriptor *d, const uint8_t 
                                    record);
         return StoreRow(c, d, dest, (const uint8_t *)record, length, 1, rowsStored);
     }
-    int bits = c->sourceBits;
+    int bits = c->rowBits;
     /* The first byte: rectLeft / (8 / bits) below 24 bits (16 bits, where
      * that divides by zero, takes two bytes a pixel), rectLeft * 3 at 24 and 32. */
     int64_t first = bits == 16 ? (int64_t)rectLeft * 2
@@ -296,6 +322,26 @@ static int SubRectangleRow(ImgDecodeContext *c, ImgDescriptor *d, const uint8_t 
     return StoreRow(c, d, dest, clipped, d->stride, 0, rowsStored);
 }
 
+/* Step 2: the row dithered to the requested depth with the ordered
+ * routines of Part 4.2 (matrix row rowIndex & 7); the reduced stride
+ * becomes rowBytes.  A short row is padded with zeros first. */
+static int ReduceDepth(ImgDecodeContext *c, const uint8_t **row, int rowIndex, int *rowBytes)
+{
+    const uint8_t *source = *row;
+    if (*rowBytes < c->sourceStride) {
+        memset(PackedScratch(c), 0, (size_t)c->sourceStride);
+        memcpy(PackedScratch(c), source, (size_t)*rowBytes);
+        source = PackedScratch(c);
+    }
+    int result = DitherReduceRow(source, c->sourceBits, c->palette, c->sourceWidth,
+                                 rowIndex, c->requestedBits, c->reduced, c->ditherScratch);
+    if (result < 0)
+        return result;
+    *row = c->reduced;
+    *rowBytes = c->rowStride;
+    return 0;
+}
+
 int ImgLibraryRowSink(const uint8_t *row, void *sinkContext, int rowIndex, int rowBytes)
 {
     ImgDecodeContext *c = sinkContext;
@@ -305,12 +351,16 @@ int ImgLibraryRowSink(const uint8_t *row, void *sinkContext, int rowIndex, int r
     int result = ImgReportProgress(c->sourceHeight);
     if (result < 0)
         return result;
-    /* Step 2, depth reduction, is wired with Part 4.2. */
     if (rowIndex < 0 || rowIndex >= c->sourceHeight || rowBytes < 0)
         return IMG_ERR_INVALID; /* docs/DEVIATIONS.md */
+    if (c->requestedBits) {
+        result = ReduceDepth(c, &row, rowIndex, &rowBytes);
+        if (result < 0)
+            return result;
+    }
     if (c->rowOrder == 1)
         c->rowOrder = d->codedRows && c->sourceHeight - rowIndex == 1 ? 0 : 2;
-    int runForm = d->codedRows && rowBytes != c->sourceStride;
+    int runForm = d->codedRows && rowBytes != c->rowStride;
     if (runForm && ((rowBytes & 1) || rowBytes < 4 ||
                     (size_t)rowBytes > RunRecordMaxBytes(c->sourceWidth) + 16))
         return IMG_ERR_INVALID; /* not a run record */

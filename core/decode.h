@@ -21,7 +21,11 @@ typedef struct ImgDecodeContext {
     int32_t subRectangle;  /* step 5b applied */
     int32_t rowsStored;    /* coded rows appended in order so far */
     int32_t storeComplete; /* every coded row has a record (rows then replace in place) */
+    int32_t rowBits, rowStride; /* rows after step 2's reduction (the output depth) */
     uint8_t *work;         /* row and record scratch */
+    uint8_t *reduced;      /* step 2: the reduced row (inside work) */
+    uint8_t *ditherScratch; /* step 2: the dither routines' scratch (inside work) */
+    uint8_t *palette;      /* step 2: the file's palette (inside work) */
 } ImgDecodeContext;
 
 /* The library's sinks (Part 1.4's Algorithms). */

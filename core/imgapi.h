@@ -238,6 +238,17 @@ IMGEXPORT int32_t IMGAPI IMG_mediancut_color(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_popularity_color(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colours,
                                           int32_t count);
+/* ---- Part 4.2: dithering and colour conversion ---- */
+IMGEXPORT int32_t IMGAPI IMG_bayer_mono(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_halftone_mono(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_diffusion_mono(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_thresh_mono(int32_t handle, int32_t threshold);
+IMGEXPORT int32_t IMGAPI IMG_bayer_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_diffusion_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_color_gray(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_promote_8(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_promote_24(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMGLOW_set_dithermode(int32_t mode);
 
 #ifdef __cplusplus
 }

@@ -33,6 +33,12 @@ static const char usage[] =
     "                       fixed 3-3-2 one or the most popular colours; or an octree\n"
     "                       of N colours, 8 to 256, default 256, in 4 or 8 bits,\n"
     "                       default 8; 4 bits hold at most 16)\n"
+    "          [--dither bayer|halftone|stucki|threshold[:T]] [--dither-color bayer|diffusion]\n"
+    "          [--gray] [--promote 8|24] [--reduce-bits 8|4|1]\n"
+    "                       dither to 1 bit (threshold T, default automatic) or to\n"
+    "                       4-bit colour, convert to 8-bit grey, promote to 8 or 24\n"
+    "                       bits (in the order given, with the transforms); reduce\n"
+    "                       the depth while decoding with the ordered dithers\n"
     "  runs IN.dib [OUT.dib]\n"
     "                       load a bare DIB (40-byte header, palette, rows), hold a\n"
     "                       1-bit picture run-coded, expand it again row by row and\n"
@@ -336,6 +342,60 @@ static int32_t ApplyColors(int32_t handle, const ColourOption *option)
     return result < 0 ? result : 0; /* the octree returns its entry count */
 }
 
+/* Part 4.2's options: sets *op (and *arg) for an operation; returns 2 when
+ * the option takes no value, 1 when it took `value`, 0 for a bad value and
+ * -1 for an option that is not one of these.  --reduce-bits sets *reduce. */
+static int ParseColourOption(const char *option, const char *value, char *op, int32_t *arg,
+                             int32_t *reduce)
+{
+    *arg = 0;
+    if (!strcmp(option, "--gray")) {
+        *op = 'G';
+        return 2;
+    }
+    if (strcmp(option, "--dither") && strcmp(option, "--dither-color") &&
+        strcmp(option, "--promote") && strcmp(option, "--reduce-bits"))
+        return -1;
+    if (!value)
+        return 0;
+    *op = 0;
+    if (!strcmp(option, "--dither")) {
+        if (!strcmp(value, "bayer"))
+            *op = 'B';
+        else if (!strcmp(value, "halftone"))
+            *op = 'H';
+        else if (!strcmp(value, "stucki"))
+            *op = 'S';
+        else if (!strcmp(value, "threshold"))
+            *op = 'T', *arg = -1;
+        else if (!strncmp(value, "threshold:", 10) && ParseNumbers(value + 10, arg, 1, 0))
+            *op = 'T';
+    } else if (!strcmp(option, "--dither-color")) {
+        *op = !strcmp(value, "bayer") ? 'C' : !strcmp(value, "diffusion") ? 'D' : 0;
+    } else if (!strcmp(option, "--promote")) {
+        *op = !strcmp(value, "8") ? '8' : !strcmp(value, "24") ? '2' : 0;
+    } else if (!strcmp(value, "8") || !strcmp(value, "4") || !strcmp(value, "1")) {
+        *reduce = atoi(value);
+        *op = 'R'; /* a decode setting, not an operation */
+    }
+    return *op ? 1 : 0;
+}
+
+static int32_t ApplyColourOperation(int32_t handle, char op, int32_t arg)
+{
+    switch (op) {
+    case 'B': return IMG_bayer_mono(handle);
+    case 'H': return IMG_halftone_mono(handle);
+    case 'S': return IMG_diffusion_mono(handle);
+    case 'T': return IMG_thresh_mono(handle, arg);
+    case 'C': return IMG_bayer_color(handle);
+    case 'D': return IMG_diffusion_color(handle);
+    case 'G': return IMG_color_gray(handle);
+    case '8': return IMG_promote_8(handle);
+    default: return IMG_promote_24(handle);
+    }
+}
+
 static int CommandConvert(int argc, char **argv)
 {
     if (argc < 2) {
@@ -350,10 +410,20 @@ static int CommandConvert(int argc, char **argv)
     int32_t angles[64];
     ColourOption colourOptions[64];
     int opCount = 0;
+    int32_t reduceBits = 0;
     for (int i = 2; i < argc; i++) {
         const char *value = i + 1 < argc ? argv[i + 1] : NULL;
         int ok = value != NULL;
-        if (opCount == 64) {
+        int colour = opCount < 64 ? ParseColourOption(argv[i], value, &ops[opCount],
+                                                      &angles[opCount], &reduceBits)
+                                  : -1;
+        if (colour >= 0) {
+            ok = colour > 0;
+            if (ok && ops[opCount] != 'R')
+                opCount++;
+            if (colour == 2)
+                continue;
+        } else if (opCount == 64) {
             ok = 0;
         } else if (!strcmp(argv[i], "--invert")) {
             ops[opCount++] = 'i';
@@ -392,6 +462,8 @@ static int CommandConvert(int argc, char **argv)
         IMGLOW_set_decompsize(size[0], size[1]);
     if (hasRect)
         IMGLOW_set_decomp_rect(rect[0], rect[1], rect[2], rect[3]);
+    if (reduceBits)
+        IMGLOW_set_decomp_reduction(reduceBits);
     if (isatty(2))
         IMG_set_statusbar(0, Progress, 1);
 
@@ -419,8 +491,10 @@ static int CommandConvert(int argc, char **argv)
             result = IMG_flip_bitmapy(handle);
         else if (ops[k] == 'c')
             result = ApplyColors(handle, &colourOptions[k]);
-        else
+        else if (ops[k] == 'i')
             result = IMG_invert_bitmap(handle);
+        else
+            result = ApplyColourOperation(handle, ops[k], angles[k]);
         progressRows = 0;
     }
     if (result >= 0 && hasCrop)

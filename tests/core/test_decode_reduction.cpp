@@ -1,0 +1,177 @@
+// Part 1.4: depth reduction during decode (header sink steps 4 and 9, row
+// sink step 2 with the ordered dithers of Part 4.2).  Files are written as
+// BMP by the library's BMP writer and decoded with IMGLOW_set_decomp_reduction;
+// the expected rows come from a naive model of the Parts' words.
+#include "test_support.h"
+
+#include <random>
+
+namespace {
+
+const int kBayer[64] = {
+    4,   128, 32,  160, 8,   136, 40,  168, 192, 64,  224, 96,  200, 72,  232, 104,
+    48,  176, 16,  144, 56,  184, 24,  152, 240, 112, 208, 80,  248, 120, 216, 88,
+    12,  140, 44,  172, 4,   132, 36,  164, 204, 76,  236, 108, 196, 68,  228, 100,
+    60,  188, 28,  156, 52,  180, 20,  148, 252, 124, 220, 92,  244, 116, 212, 84,
+};
+
+class Part1_4_DecodeReduction : public TrnwTest {
+  protected:
+    void TearDown() override
+    {
+        IMGLOW_set_decomp_reduction(0);
+        TrnwTest::TearDown();
+    }
+
+    // A random image of `bits` saved as BMP; its top-down B, G, R pixels.
+    std::string WriteRandom(int32_t w, int32_t h, int bits,
+                            std::vector<std::array<int, 3>> &pixels)
+    {
+        std::mt19937 rng(99 + bits);
+        int32_t handle = NewImage(w, h, bits);
+        ImgDescriptor *d = ImgTableGet(handle);
+        uint32_t off = ImgDescriptorBitsOffset(d);
+        for (uint32_t i = 40; i < off + (uint32_t)d->stride * (uint32_t)h; i++)
+            d->dib[i] = (uint8_t)rng();
+        for (uint32_t i = 43; i < off; i += 4)
+            d->dib[i] = 0;
+        pixels.clear();
+        for (int y = 0; y < h; y++) {
+            const uint8_t *row = d->dib + off + (size_t)(h - 1 - y) * d->stride;
+            for (int x = 0; x < w; x++) {
+                int index = bits == 4 ? (x % 2 ? row[x / 2] & 15 : row[x / 2] >> 4) : row[x];
+                const uint8_t *c = bits == 24 ? row + 3 * x : d->dib + 40 + 4 * index;
+                pixels.push_back({c[0], c[1], c[2]});
+            }
+        }
+        std::string path = TempPath("reduce_" + std::to_string(bits) + ".bmp");
+        EXPECT_EQ(IMG_save_bitmap(handle, path.c_str(), IMG_TYPE_BMP), 0);
+        IMG_delete_bitmap(handle);
+        return path;
+    }
+
+    static int Pixel(int32_t handle, int y, int x, int bits)
+    {
+        std::vector<uint8_t> row((size_t)ImgTableGet(handle)->stride);
+        EXPECT_EQ(IMGLOW_get_raster(handle, row.data(), y, 0), 0);
+        if (bits == 1)
+            return (row[x / 8] >> (7 - x % 8)) & 1;
+        if (bits == 4)
+            return x % 2 ? row[x / 2] & 15 : row[x / 2] >> 4;
+        return row[x];
+    }
+};
+
+} // namespace
+
+TEST_F(Part1_4_DecodeReduction, EightFromFourBitKeepsFourBits)
+{
+    std::vector<std::array<int, 3>> pixels;
+    std::string path = WriteRandom(9, 5, 4, pixels);
+    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
+    int32_t handle = IMG_decompress_bitmap(path.c_str());
+    ASSERT_GE(handle, 0);
+    ImgDescriptor *d = ImgTableGet(handle);
+    EXPECT_EQ(ImgDescriptorBits(d), 4);
+    for (int y = 0; y < 5; y++)
+        for (int x = 0; x < 9; x++) {
+            const uint8_t *c = d->dib + 40 + 4 * Pixel(handle, y, x, 4);
+            EXPECT_EQ((std::array<int, 3>{c[0], c[1], c[2]}), pixels[y * 9 + x]);
+        }
+    std::remove(path.c_str());
+}
+
+TEST_F(Part1_4_DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
+{
+    const int w = 13, h = 11;
+    std::vector<std::array<int, 3>> pixels;
+    std::string path = WriteRandom(w, h, 24, pixels);
+    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
+    int32_t handle = IMG_decompress_bitmap(path.c_str());
+    ASSERT_GE(handle, 0);
+    ImgDescriptor *d = ImgTableGet(handle);
+    EXPECT_EQ(ImgDescriptorBits(d), 8);
+    EXPECT_EQ(d->stride, 16);
+    EXPECT_GE(d->dibSize, 40u + 1024u + 16u * h);
+    for (int i = 0; i < 256; i++) {
+        EXPECT_EQ(d->dib[40 + 4 * i], (i & 3) * 255 / 3);
+        EXPECT_EQ(d->dib[41 + 4 * i], ((i >> 2) & 7) * 255 / 7);
+        EXPECT_EQ(d->dib[42 + 4 * i], ((i >> 5) & 7) * 255 / 7);
+    }
+    // The ordered 3-3-2 routine, matrix row rowIndex & 7 (rowIndex 0 = top),
+    // entry (n - x) & 7, d = entry >> 3 taken off each component.
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            auto c = pixels[y * w + x];
+            int dd = kBayer[(y & 7) * 8 + ((w - x) & 7)] >> 3;
+            int b = std::max(c[0] - dd, 0), g = std::max(c[1] - dd, 0), r = std::max(c[2] - dd, 0);
+            EXPECT_EQ(Pixel(handle, y, x, 8), (r & 0xE0) | ((g >> 3) & 0x1C) | (b >> 6)) << y << "," << x;
+        }
+    std::remove(path.c_str());
+}
+
+TEST_F(Part1_4_DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalette)
+{
+    const int w = 11, h = 9;
+    std::vector<std::array<int, 3>> pixels;
+    std::string path = WriteRandom(w, h, 8, pixels);
+    ASSERT_EQ(IMGLOW_set_decomp_reduction(4), 0);
+    int32_t handle = IMG_decompress_bitmap(path.c_str());
+    ASSERT_GE(handle, 0);
+    ImgDescriptor *d = ImgTableGet(handle);
+    EXPECT_EQ(ImgDescriptorBits(d), 4);
+    for (int i = 0; i < 16; i++) { // 200 for entries 0-7, 255 for 8-15
+        int v = i < 8 ? 200 : 255;
+        EXPECT_EQ(d->dib[40 + 4 * i], i & 4 ? v : 0);
+        EXPECT_EQ(d->dib[41 + 4 * i], i & 2 ? v : 0);
+        EXPECT_EQ(d->dib[42 + 4 * i], i & 1 ? v : 0);
+    }
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            auto c = pixels[y * w + x];
+            int l = std::max(((75 * c[1] + 38 * c[2] + 14 * c[0]) >> 7) - 40, 0);
+            int t = kBayer[(x & 7) * 8 + (y & 7)];
+            int expected = (c[0] > t ? 4 : 0) | (c[1] > t ? 2 : 0) | (c[2] > t ? 1 : 0) |
+                           (l > t + 40 ? 8 : 0);
+            EXPECT_EQ(Pixel(handle, y, x, 4), expected) << y << "," << x;
+        }
+    std::remove(path.c_str());
+}
+
+TEST_F(Part1_4_DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
+{
+    const int w = 21, h = 10;
+    std::vector<std::array<int, 3>> pixels;
+    std::string path = WriteRandom(w, h, 24, pixels);
+    ASSERT_EQ(IMGLOW_set_decomp_reduction(1), 0);
+    int32_t handle = IMG_decompress_bitmap(path.c_str());
+    ASSERT_GE(handle, 0);
+    ImgDescriptor *d = ImgTableGet(handle);
+    EXPECT_EQ(ImgDescriptorBits(d), 1);
+    EXPECT_EQ(d->codedRows, 1);
+    EXPECT_EQ(d->dib[44], 255); // entry 1 white
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            auto c = pixels[y * w + x];
+            int g = (30 * c[2] + 59 * c[1] + 11 * c[0]) / 100;
+            EXPECT_EQ(Pixel(handle, y, x, 1), kBayer[(x & 7) * 8 + (y & 7)] < g ? 1 : 0);
+        }
+    std::remove(path.c_str());
+}
+
+TEST_F(Part1_4_DecodeReduction, ReductionAndFixedSizeTogether)
+{
+    std::vector<std::array<int, 3>> pixels;
+    std::string path = WriteRandom(40, 30, 24, pixels);
+    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
+    IMGLOW_set_decompsize(20, 15);
+    int32_t handle = IMG_decompress_bitmap(path.c_str());
+    IMGLOW_set_decompsize(0, 0);
+    ASSERT_GE(handle, 0);
+    int32_t width, height, bits;
+    IMG_bitmap_info(handle, &width, &height, &bits);
+    EXPECT_EQ(width, 20);
+    EXPECT_EQ(height, 15);
+    EXPECT_EQ(bits, 8);
+    std::remove(path.c_str());
+}
