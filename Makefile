@@ -22,6 +22,7 @@ test: deps
 bench: build
 	@./build/bin/bench_runs
 	@./build/bin/bench_rotate
+	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

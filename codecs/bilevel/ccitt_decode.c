@@ -218,6 +218,7 @@ static void Refill(BitReader *r)
 
 /* The window at pos reaches past the data: refill when the source has more;
  * 0 when every data bit is consumed. */
+static int SlowWindow(BitReader *r) __attribute__((noinline));
 static int SlowWindow(BitReader *r)
 {
     if (r->reading && !r->sourceDone)
@@ -461,7 +462,7 @@ static void CutAtWidth(ChangeList *c)
 /* Decodes one Modified Huffman row into c.  countEols: mode 3 or 128 (EOLs
  * counted in *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END,
  * or 1 when the data ended before the row began. */
-static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
+static inline int Decode1DRowAt(BitReader *r, ChangeList *c, int countEols, int *eols)
 {
     int32_t width = c->width, position = 0;
     int white = 1;
@@ -495,6 +496,17 @@ static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
             break;
     }
     return 0;
+}
+
+/* The row decoders work on a local copy of the reader (kept in registers). */
+static int Decode1DRow(BitReader *shared, ChangeList *c, int countEols, int *eols)
+{
+    BitReader local = *shared;
+    ChangeList list = *c;
+    int result = Decode1DRowAt(&local, &list, countEols, eols);
+    *shared = local;
+    *c = list;
+    return result;
 }
 
 /* Looks for EOL: one code, then up to `further` more.  The end of the data
@@ -613,7 +625,7 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
 /* Decodes one Modified READ row against the reference changes `ref` (a
  * list ending in entries beyond the width) into c.  Returns 0, or 1 when the
  * data ended before the row began. */
-static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
+static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c)
 {
     int32_t width = c->width, a0 = 0;
     int white = 1;
@@ -692,6 +704,16 @@ static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
         white = !white;
     }
     return 0;
+}
+
+static int Decode2DRow(BitReader *shared, const uint16_t *ref, ChangeList *c)
+{
+    BitReader local = *shared;
+    ChangeList list = *c;
+    int result = Decode2DRowAt(&local, ref, &list);
+    *shared = local;
+    *c = list;
+    return result;
 }
 
 /* Sets the reference row of an image's first row: `count` terminators. */
