@@ -29,6 +29,7 @@
 #include "../../core/dib.h"
 #include "../../core/imgapi.h"
 #include "../../core/imgio.h"
+#include "../../core/runs.h"
 #include "ccitt_decode.h"
 #include "lzw.h"
 
@@ -1002,36 +1003,85 @@ static int ReadPackBits(TiffReadState *s)
     return result;
 }
 
-/* CCITT strips: each strip's rows decoded straight to the row sink. */
+/* The row sink of one CCITT strip: its rows are numbered from the strip's
+ * first row, and for two-dimensional Group 3 in the inverted sense (the
+ * decoder gives its records a leading 0 only in 1-D and Group 4) the record
+ * is inverted here (docs/DEVIATIONS.md). */
+typedef struct {
+    TiffReadState *state;
+    int32_t firstRow;
+    int invert;
+    uint16_t *scratch; /* RunRecordMaxBytes(width) + 32 bytes */
+} CcittStripSink;
+
+/* Inverts a run record: a leading 0 position is dropped, else one is put in
+ * front; one more terminator while the length equals a packed row's size. */
+static int InvertRecord(const uint16_t *record, int bytes, int32_t width, uint16_t *out)
+{
+    int words = bytes / 2;
+    int n = 1;
+    if (words > 1 && record[1] == 0) {
+        for (int i = 2; i < words; i++)
+            out[n++] = record[i];
+    } else {
+        out[n++] = 0;
+        for (int i = 1; i < words; i++)
+            out[n++] = record[i];
+    }
+    while (n < 4 || n * 2 == (width + 7) / 8 || (uint64_t)n * 2 == DibStride((uint32_t)width, 1)) {
+        out[n] = out[n - 1] < width ? (uint16_t)width : out[n - 1];
+        n++;
+    }
+    out[0] = (uint16_t)(n * 2);
+    return n * 2;
+}
+
+static int CcittStripRow(const uint8_t *row, void *context, int rowIndex, int rowBytes)
+{
+    CcittStripSink *k = context;
+    TiffReadState *s = k->state;
+    if (k->invert && rowBytes != (int)s->stride && rowBytes >= 2 &&
+        (size_t)rowBytes <= RunRecordMaxBytes(s->width) + 16) {
+        rowBytes = InvertRecord((const uint16_t *)row, rowBytes, s->width, k->scratch);
+        row = (const uint8_t *)k->scratch;
+    }
+    return s->rowSink(row, s->sinkContext, k->firstRow + rowIndex, rowBytes);
+}
+
+/* CCITT strips: each strip decoded by the decoder of Part 2.1 as an image of
+ * its own rows (a white reference row at every strip's start, as TIFF and
+ * libtiff code them; docs/DEVIATIONS.md), the run records straight to the
+ * row sink. */
 static int ReadCcitt(TiffReadState *s)
 {
     if (s->width >= 65535)
         return IMG_ERR_INVALID; /* the decoders' width field is 16 bits */
     uint8_t *buffer = ImgAllocTracked(CCITT_CHUNK + 300);
-    if (!buffer)
-        return IMG_ERR_MEMORY;
+    CcittStripSink sink = {s, 0, 0, ImgAllocTracked(RunRecordMaxBytes(s->width) + 64)};
+    int result = buffer && sink.scratch ? 0 : IMG_ERR_MEMORY;
     CcittParameters p;
     memset(&p, 0, sizeof p);
-    p.height = s->height;
     p.width = (uint16_t)s->width;
     p.rowsPerStrip = s->rowsPerStrip;
     p.mode = tiffInfo.compression;
     p.whiteIsZero = tiffInfo.photometric;
     p.fillOrder = tiffInfo.fillOrder;
-    int result = 0;
+    sink.invert = p.mode == COMPRESSION_G3_2D && p.whiteIsZero == 0;
     for (uint32_t strip = 0; strip < s->stripsPerPlane && result >= 0; strip++) {
-        int32_t first = (int32_t)(strip * (uint32_t)s->rowsPerStrip);
+        sink.firstRow = (int32_t)(strip * (uint32_t)s->rowsPerStrip);
         int32_t rows = StripRows(s, strip);
+        p.height = rows;
         result = SeekStrip(s, strip);
         if (result < 0)
             break;
         if (p.mode == 4)
-            result = CcittDecodeG4(buffer, rows, first, &p, s->handle, s->rowSink, s->sinkContext);
+            result = CcittDecodeG4(buffer, rows, 0, &p, s->handle, CcittStripRow, &sink);
         else if (p.mode == COMPRESSION_G3_2D)
-            result = CcittDecode2D(buffer, rows, first, &p, s->handle, s->rowSink, s->sinkContext);
+            result = CcittDecode2D(buffer, rows, 0, &p, s->handle, CcittStripRow, &sink);
         else
-            result = CcittDecode1D(buffer, rows, first, &p, s->handle, s->rowSink, s->sinkContext);
+            result = CcittDecode1D(buffer, rows, 0, &p, s->handle, CcittStripRow, &sink);
     }
+    ImgFreeTracked(sink.scratch);
     ImgFreeTracked(buffer);
     return result;
 }

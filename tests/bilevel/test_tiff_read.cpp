@@ -168,7 +168,7 @@ std::vector<uint8_t> WhiteG3TwoDimensional()
     return out;
 }
 
-TEST_F(Part2_3_TiffReader, DISABLED_T4Options1IsSubtype17AndDecodesTwoDimensionally)
+TEST_F(Part2_3_TiffReader, T4Options1IsSubtype17AndDecodesTwoDimensionally)
 {
     TiffBuilder b;
     TiffPage page;
