@@ -23,6 +23,7 @@ bench: build
 	@./build/bin/bench_runs
 	@./build/bin/bench_rotate
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
+	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)
