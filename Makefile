@@ -27,6 +27,7 @@ bench: build
 	@./build/bin/bench_palette
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
 	@./build/bin/bench_dither
+	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

@@ -207,6 +207,9 @@ IMGEXPORT int32_t IMGAPI IMGLOW_decompress_bitmap_mem(void *memory, int32_t page
                                                       IMG_HEADER_SINK headerSink);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_pages(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_pages_fd(int32_t fileHandle);
+/* Part 1.1: the orientation stored in a ".tif" file (0, 90, 180, 270 or the
+ * tag's raw value); -2 when it cannot be opened, -7 for other names. */
+IMGEXPORT int32_t IMGAPI IMGLOW_get_image_orientation(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_reduction(int32_t bits);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decompsize(int32_t width, int32_t height);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32_t width,

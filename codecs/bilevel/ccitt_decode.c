@@ -407,8 +407,11 @@ static int EmitRecord(uint16_t *row, int n, int leadingZero, int32_t width, int3
         row[1] = 0;
     }
     int bytes = (int)(row + n - record) * 2;
-    if (bytes == (width + 7) / 8 || (uint64_t)bytes == DibStride((uint32_t)width, 1)) {
+    /* A loop: one more terminator can turn the packed count into the stride
+     * (width 77: 10 bytes, then 12). */
+    while (bytes == (width + 7) / 8 || (uint64_t)bytes == DibStride((uint32_t)width, 1)) {
         row[n] = row[n - 1];
+        n++;
         bytes += 2;
     }
     record[0] = (uint16_t)bytes;
