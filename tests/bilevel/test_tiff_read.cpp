@@ -459,16 +459,16 @@ TEST_F(Part2_3_TiffReader, HostileStripsNeverOverrun)
     EXPECT_EQ(DecodeTiffMemory(file, c), IMG_ERR_INVALID);
     EXPECT_EQ(ImgTrackedCount(), 0);
 
-    // An offset far past the end of a file: -12.
-    TiffPage far;
-    far.entries = BasicEntries(b, 3, 1, 8, 1, 1);
-    far.entries.push_back(b.Long(273, {0x7000000}));
-    far.entries.push_back(b.Long(279, {3}));
-    auto farFile = b.Build({far});
-    std::string path = TempPath("far.tif");
+    // An offset distant past the end of a file: -12.
+    TiffPage distant;
+    distant.entries = BasicEntries(b, 3, 1, 8, 1, 1);
+    distant.entries.push_back(b.Long(273, {0x7000000}));
+    distant.entries.push_back(b.Long(279, {3}));
+    auto distantFile = b.Build({distant});
+    std::string path = TempPath("distant.tif");
     {
         std::ofstream out(path, std::ios::binary);
-        out.write(reinterpret_cast<const char *>(farFile.data()), (std::streamsize)farFile.size());
+        out.write(reinterpret_cast<const char *>(distantFile.data()), (std::streamsize)distantFile.size());
     }
     int handle = ImgOpen(path.c_str(), 0);
     ASSERT_GE(handle, 0);
