@@ -1,0 +1,517 @@
+/*
+ * lzw.c - Part 2.5: TIFF LZW decoding and encoding (TIFF 6.0 scheme: codes
+ * most significant bit first, Clear 256, end of information 257, first free
+ * code 258, widths 9 to 12 bits with the early-change width switch).
+ *
+ * The decoder keeps the Part's entry block (41960 bytes, 4662 entries of
+ * last byte, prefix code and string length); the block is laid out as three
+ * arrays (prefixes, lengths, last bytes: 4662 x 9 = 41958 bytes) so that the
+ * walk along a prefix chain touches as little memory as possible.  Strings
+ * are written backwards straight into the output buffer, ending where the
+ * stored length says; no stack.
+ *
+ * Hardening (docs/DEVIATIONS.md, Part 2.5): an entry beyond 4661 closes the
+ * strip with -3, and a string longer than the free room of the output buffer
+ * goes out through a scratch string in pieces, rows being delivered between
+ * them, so that no stream can write past the output buffer.
+ */
+#include "lzw.h"
+
+#include <string.h>
+
+#include "../../core/bytes.h"
+#include "../../core/imgapi.h"
+#include "../../core/imgio.h"
+
+#define LZW_CLEAR 256
+#define LZW_END 257
+#define LZW_FIRST_FREE 258
+#define LZW_ENTRIES 4662      /* codes 0 .. 4661 */
+#define LZW_BLOCK_SIZE 41960  /* the Part's entry block */
+#define LZW_MAX_WIDTH 12
+#define LZW_ENCODE_LIMIT_12 4080 /* clear once code 4079 is assigned */
+
+/* ---- the decoding table (module-wide, one LZW image at a time) ---- */
+
+static uint8_t *entryBlock;    /* LZW_BLOCK_SIZE bytes, or NULL */
+static int32_t *entryPrefix;   /* prefix code, -1 for none */
+static uint32_t *entryLength;  /* string length */
+static uint8_t *entryLast;     /* last byte of the string */
+/* A string that does not fit the output's free room is built here first;
+ * no string is longer than the number of entries. */
+static uint8_t longString[LZW_ENTRIES];
+
+int LzwBeginImage(void)
+{
+    if (entryBlock)
+        return 0;
+    entryBlock = ImgAlloc(LZW_BLOCK_SIZE);
+    if (!entryBlock)
+        return IMG_ERR_MEMORY;
+    entryPrefix = (int32_t *)(void *)entryBlock;
+    entryLength = (uint32_t *)(void *)(entryBlock + LZW_ENTRIES * 4);
+    entryLast = entryBlock + LZW_ENTRIES * 8;
+    for (int i = 0; i < 256; i++) {
+        entryPrefix[i] = -1;
+        entryLength[i] = 1;
+        entryLast[i] = (uint8_t)i;
+    }
+    return 0;
+}
+
+void LzwEndImage(void)
+{
+    ImgFree(entryBlock);
+    entryBlock = NULL;
+    entryPrefix = NULL;
+    entryLength = NULL;
+    entryLast = NULL;
+}
+
+/* ---- the bit reader ---- */
+
+typedef struct LzwBits {
+    int handle;
+    uint8_t *buffer;   /* LZW_CODED_BUFFER_SIZE bytes */
+    uint32_t position; /* byte position */
+    uint32_t offset;   /* bit offset 0-7 within that byte */
+    uint32_t bitsLeft; /* unread bits in the buffer */
+    uint32_t width;    /* 9 .. 12 */
+    uint32_t mask;     /* (1 << width) - 1 */
+} LzwBits;
+
+/* Refills the buffer until it holds at least `width` unread bits: the last
+ * one or two bytes still holding unread bits move to the front and the rest
+ * of the chunk is read behind them.  -12 when a read returns nothing. */
+static int LzwRefill(LzwBits *b)
+{
+    while (b->bitsLeft < b->width) {
+        uint32_t keep = b->bitsLeft ? (b->offset + b->bitsLeft + 7) / 8 : 0;
+        if (keep)
+            memmove(b->buffer, b->buffer + b->position, keep);
+        else
+            b->offset = 0;
+        b->position = 0;
+        int32_t got = ImgRead(b->handle, b->buffer + keep, IMG_CHUNK_SIZE - keep);
+        if (got <= 0)
+            return IMG_ERR_READ;
+        if ((uint32_t)got > IMG_CHUNK_SIZE - keep)
+            got = (int32_t)(IMG_CHUNK_SIZE - keep); /* hardening: a read claiming more */
+        b->bitsLeft += (uint32_t)got * 8;
+        /* The four-byte peek may look past the data: keep those bytes defined. */
+        memset(b->buffer + keep + got, 0, 4);
+    }
+    return 0;
+}
+
+/* The next code, or a negative code of the refill. */
+static inline int32_t LzwReadCode(LzwBits *b)
+{
+    if (b->bitsLeft < b->width) {
+        int r = LzwRefill(b);
+        if (r < 0)
+            return r;
+    }
+    uint32_t word = GetBE32(b->buffer + b->position);
+    uint32_t code = (word >> (32 - b->width - b->offset)) & b->mask;
+    b->offset += b->width;
+    b->position += b->offset >> 3;
+    b->offset &= 7;
+    b->bitsLeft -= b->width;
+    return (int32_t)code;
+}
+
+static void LzwSetWidth(LzwBits *b, uint32_t width)
+{
+    b->width = width;
+    b->mask = (1u << width) - 1;
+}
+
+/* ---- row delivery ---- */
+
+typedef struct LzwOutput {
+    uint8_t *buffer;
+    uint32_t size;     /* outputSize */
+    uint32_t fill;     /* bytes held */
+    int32_t rowBytes;
+    int32_t firstRow;
+    int32_t rowCount;
+    int32_t delivered; /* rows handed to the adapter */
+    LzwRowAdapter adapter;
+    void *context;
+} LzwOutput;
+
+/* Hands every whole row the output holds to the adapter, moving the surplus
+ * to the front after each.  1 when the strip's rows are all out, 0 when more
+ * are wanted, or the adapter's negative result. */
+static int LzwDeliverRows(LzwOutput *o)
+{
+    while (o->fill >= (uint32_t)o->rowBytes) {
+        int r = o->adapter(o->buffer, o->firstRow + o->delivered, o->rowBytes, o->context);
+        if (r < 0)
+            return r;
+        o->fill -= (uint32_t)o->rowBytes;
+        if (o->fill)
+            memmove(o->buffer, o->buffer + o->rowBytes, o->fill);
+        if (++o->delivered >= o->rowCount)
+            return 1;
+    }
+    return 0;
+}
+
+/* End of information: every row not yet delivered gets the output buffer's
+ * current contents. */
+static int LzwDeliverRest(LzwOutput *o)
+{
+    while (o->delivered < o->rowCount) {
+        int r = o->adapter(o->buffer, o->firstRow + o->delivered, o->rowBytes, o->context);
+        if (r < 0)
+            return r;
+        o->delivered++;
+    }
+    return 1;
+}
+
+/* Writes the string of `code` (length `length`) backwards ending at end - 1. */
+static inline void LzwWriteString(uint8_t *end, int32_t code)
+{
+    const int32_t *prefix = entryPrefix;
+    const uint8_t *last = entryLast;
+    uint8_t *p = end - 1;
+    while (code >= 256) {
+        *p-- = last[code];
+        code = prefix[code];
+    }
+    *p = (uint8_t)code;
+}
+
+/* Appends a string that does not fit the free room: built in longString,
+ * then copied in pieces with rows delivered between them.  1 when the strip
+ * completed on the way, 0, or the adapter's negative result. */
+static int LzwAppendLong(LzwOutput *o, uint32_t length)
+{
+    uint32_t done = 0;
+    while (done < length) {
+        uint32_t room = o->size - o->fill;
+        uint32_t n = length - done < room ? length - done : room;
+        memcpy(o->buffer + o->fill, longString + done, n);
+        o->fill += n;
+        done += n;
+        int r = LzwDeliverRows(o);
+        if (r != 0)
+            return r;
+    }
+    return 0;
+}
+
+/* The string of `code` (plus, for KwKwK, its own first byte again) appended
+ * to the output; *first receives the string's first byte.  1/0/negative as
+ * LzwAppendLong. */
+static inline int LzwAppend(LzwOutput *o, int32_t code, int kwkwk, uint8_t *first)
+{
+    uint32_t length = entryLength[code] + (uint32_t)kwkwk;
+    if (length <= o->size - o->fill) {
+        uint8_t *start = o->buffer + o->fill;
+        LzwWriteString(start + entryLength[code], code);
+        *first = start[0];
+        if (kwkwk)
+            start[length - 1] = start[0];
+        o->fill += length;
+        return 0;
+    }
+    LzwWriteString(longString + entryLength[code], code);
+    *first = longString[0];
+    if (kwkwk)
+        longString[length - 1] = longString[0];
+    return LzwAppendLong(o, length);
+}
+
+/* Appends one byte (the first code after Clear). */
+static inline int LzwAppendByte(LzwOutput *o, uint8_t byte)
+{
+    if (o->fill >= o->size)
+        return IMG_ERR_INVALID; /* cannot happen: rows leave the buffer below its size */
+    o->buffer[o->fill++] = byte;
+    return 0;
+}
+
+/* After Clear (or at the strip's start): the code that follows, which must
+ * be a single byte.  A second Clear is read past; end of information is
+ * passed back as LZW_END.  Hardening: any other code of 258 or more has no
+ * entry to refer to: -3. */
+static int32_t LzwCodeAfterClear(LzwBits *b)
+{
+    for (;;) {
+        LzwSetWidth(b, 9);
+        int32_t code = LzwReadCode(b);
+        if (code < 0 || code == LZW_END || code < 256)
+            return code;
+        if (code != LZW_CLEAR)
+            return IMG_ERR_INVALID;
+    }
+}
+
+int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t rowBytes,
+                   uint8_t *output, int32_t outputSize, int32_t rowCount,
+                   LzwRowAdapter adapter, void *context)
+{
+    if (!entryBlock)
+        return IMG_ERR_MEMORY; /* LzwBeginImage was not called or failed */
+    if (rowBytes < 1 || outputSize < rowBytes || !codedBuffer || !output || !adapter)
+        return IMG_ERR_INVALID;
+    if (rowCount < 1)
+        return 1;
+
+    LzwBits bits = {handle, codedBuffer, 0, 0, 0, 9, 511};
+    LzwOutput out = {output, (uint32_t)outputSize, 0, rowBytes, firstRow, rowCount, 0,
+                     adapter, context};
+
+    int32_t code = LzwReadCode(&bits);
+    if (code < 0)
+        return code;
+    if (code != LZW_CLEAR)
+        return IMG_ERR_INVALID;
+
+    int32_t previous = -1; /* -1: the next code follows a Clear */
+    int32_t nextFree = LZW_FIRST_FREE;
+    int32_t limit = 512;
+    for (;;) {
+        int r;
+        if (previous < 0) {
+            code = LzwCodeAfterClear(&bits);
+            if (code < 0)
+                return code;
+            if (code == LZW_END)
+                return LzwDeliverRest(&out);
+            r = LzwAppendByte(&out, (uint8_t)code);
+            nextFree = LZW_FIRST_FREE;
+            limit = 512;
+        } else {
+            code = LzwReadCode(&bits);
+            if (code < 0)
+                return code;
+            if (code == LZW_END)
+                return LzwDeliverRest(&out);
+            if (code == LZW_CLEAR) {
+                previous = -1;
+                continue;
+            }
+            if (code > nextFree)
+                return IMG_ERR_INVALID;
+            if (nextFree >= LZW_ENTRIES)
+                return IMG_ERR_INVALID; /* hardening: the entry block is full */
+            uint8_t first;
+            r = LzwAppend(&out, code == nextFree ? previous : code, code == nextFree, &first);
+            entryLast[nextFree] = first;
+            entryPrefix[nextFree] = previous;
+            entryLength[nextFree] = entryLength[previous] + 1;
+            nextFree++;
+            if (limit - nextFree == 1) {
+                if (bits.width < LZW_MAX_WIDTH)
+                    LzwSetWidth(&bits, bits.width + 1);
+                limit *= 2;
+            }
+        }
+        if (r != 0)
+            return r; /* 1: the strip completed inside a long string */
+        previous = code;
+        if (out.fill >= (uint32_t)rowBytes) {
+            r = LzwDeliverRows(&out);
+            if (r != 0)
+                return r;
+        }
+    }
+}
+
+/* ---- encoding ---- */
+
+#define LZW_HASH_BLOCK 20580    /* the Part's hash table */
+#define LZW_HASH_SLOTS 5119     /* a prime; 4-byte slots within the block */
+#define LZW_OUT_SIZE 2100
+#define LZW_OUT_FLUSH 2000
+
+/* A slot holds (prefix << 20 | byte << 12 | code); all ones is empty (code
+ * 4095 is never assigned). */
+#define LZW_SLOT_EMPTY 0xFFFFFFFFu
+
+typedef struct LzwEncoder {
+    int handle;
+    uint32_t *slots;    /* the 20580-byte block, all 0xFF when empty */
+    uint8_t *out;       /* LZW_OUT_SIZE bytes */
+    uint32_t bitPosition;
+    uint32_t width;
+    uint32_t nextFree;
+    uint32_t limit;
+} LzwEncoder;
+
+static void LzwHashClear(LzwEncoder *e)
+{
+    memset(e->slots, 0xFF, LZW_HASH_BLOCK);
+}
+
+/* Writes one code of the current width, flushing 2000 bytes when full. */
+static int LzwPutCode(LzwEncoder *e, uint32_t code)
+{
+    uint32_t byte = e->bitPosition >> 3, bit = e->bitPosition & 7;
+    uint32_t v = code << (24 - e->width - bit);
+    e->out[byte] |= (uint8_t)(v >> 16);
+    e->out[byte + 1] = (uint8_t)(v >> 8);
+    e->out[byte + 2] = (uint8_t)v;
+    e->bitPosition += e->width;
+    if (e->bitPosition >= LZW_OUT_FLUSH * 8) {
+        if (ImgWrite(e->handle, e->out, LZW_OUT_FLUSH) != LZW_OUT_FLUSH)
+            return IMG_ERR_WRITE;
+        memcpy(e->out, e->out + LZW_OUT_FLUSH, 3);
+        memset(e->out + 3, 0, LZW_OUT_FLUSH);
+        e->bitPosition -= LZW_OUT_FLUSH * 8;
+    }
+    return 0;
+}
+
+static void LzwEncoderReset(LzwEncoder *e)
+{
+    LzwHashClear(e);
+    e->width = 9;
+    e->nextFree = LZW_FIRST_FREE;
+    e->limit = 512;
+}
+
+/* Enters (prefix, byte) -> nextFree at the free slot `slot`, then grows the
+ * width or clears the table as the Part says. */
+static int LzwAddString(LzwEncoder *e, uint32_t slot, uint32_t key)
+{
+    e->slots[slot] = key << 12 | e->nextFree;
+    e->nextFree++;
+    if (e->nextFree < e->limit)
+        return 0;
+    if (e->width < LZW_MAX_WIDTH) {
+        e->width++;
+        e->limit = e->width == LZW_MAX_WIDTH ? LZW_ENCODE_LIMIT_12 : 1u << e->width;
+        return 0;
+    }
+    int r = LzwPutCode(e, LZW_CLEAR);
+    LzwEncoderReset(e);
+    return r;
+}
+
+/* Encodes `count` bytes continuing the string *string. */
+static int LzwEncodeBytes(LzwEncoder *e, const uint8_t *bytes, int32_t count, uint32_t *string)
+{
+    uint32_t current = *string;
+    uint32_t *slots = e->slots;
+    for (int32_t i = 0; i < count; i++) {
+        uint32_t key = current << 8 | bytes[i];
+        uint32_t slot = (key * 2654435761u) % LZW_HASH_SLOTS;
+        uint32_t step = 1 + key % (LZW_HASH_SLOTS - 2);
+        for (;;) {
+            uint32_t s = slots[slot];
+            if (s == LZW_SLOT_EMPTY) {
+                int r = LzwPutCode(e, current);
+                if (r == 0)
+                    r = LzwAddString(e, slot, key);
+                if (r < 0)
+                    return r;
+                current = bytes[i];
+                break;
+            }
+            if (s >> 12 == key) {
+                current = s & 0xFFF;
+                break;
+            }
+            slot += step;
+            if (slot >= LZW_HASH_SLOTS)
+                slot -= LZW_HASH_SLOTS;
+        }
+    }
+    *string = current;
+    return 0;
+}
+
+/* The end sequence: last string, width check, 257, remaining bytes. */
+static int LzwFinish(LzwEncoder *e, uint32_t string, int haveString)
+{
+    int r = 0;
+    if (haveString) {
+        r = LzwPutCode(e, string);
+        if (r < 0)
+            return r;
+        if (e->nextFree + 1 == e->limit && e->width < LZW_MAX_WIDTH)
+            e->width++;
+    }
+    r = LzwPutCode(e, LZW_END);
+    if (r < 0)
+        return r;
+    uint32_t bytes = (e->bitPosition + 7) / 8;
+    if (bytes && ImgWrite(e->handle, e->out, bytes) != (int32_t)bytes)
+        return IMG_ERR_WRITE;
+    return 0;
+}
+
+/* Swaps the first and third byte of every 3-byte pixel (B,G,R -> R,G,B). */
+static void LzwSwapRgb(uint8_t *row, int32_t rowBytes)
+{
+    for (int32_t i = 0; i + 2 < rowBytes; i += 3) {
+        uint8_t t = row[i];
+        row[i] = row[i + 2];
+        row[i + 2] = t;
+    }
+}
+
+static int LzwEncodeRows(LzwEncoder *e, uint8_t *row, int32_t rowBytes, int bitCount,
+                         ImgRowSource rowSource, void *sourceContext, int32_t firstRow,
+                         int32_t rowCount)
+{
+    int r = LzwPutCode(e, LZW_CLEAR);
+    if (r < 0)
+        return r;
+    uint32_t string = 0;
+    int haveString = 0;
+    for (int32_t y = 0; y < rowCount; y++) {
+        r = rowSource(sourceContext, row, firstRow + y, rowBytes);
+        if (r < 0)
+            return r;
+        if (bitCount == 24)
+            LzwSwapRgb(row, rowBytes);
+        const uint8_t *bytes = row;
+        int32_t count = rowBytes;
+        if (!haveString && count > 0) {
+            string = bytes[0];
+            haveString = 1;
+            bytes++;
+            count--;
+        }
+        r = LzwEncodeBytes(e, bytes, count, &string);
+        if (r < 0)
+            return r;
+    }
+    return LzwFinish(e, string, haveString);
+}
+
+int LzwEncodeStrip(int handle, const uint8_t *header, ImgRowSource rowSource,
+                   void *sourceContext, int32_t firstRow, int32_t rowCount)
+{
+    int32_t width = (int32_t)GetLE32(header + 4);
+    int bitCount = GetLE16(header + 14);
+    int64_t rowBytes64 = ((int64_t)bitCount * width + 7) / 8;
+    if (width < 0 || rowBytes64 > INT32_MAX - 16)
+        return IMG_ERR_INVALID;
+    int32_t rowBytes = (int32_t)rowBytes64;
+
+    LzwEncoder e;
+    memset(&e, 0, sizeof e);
+    e.handle = handle;
+    e.slots = ImgAlloc(LZW_HASH_BLOCK);
+    e.out = ImgAlloc(LZW_OUT_SIZE);
+    uint8_t *row = ImgAlloc((size_t)rowBytes + 16);
+    int r = IMG_ERR_MEMORY;
+    if (e.slots && e.out && row) {
+        memset(e.out, 0, LZW_OUT_SIZE);
+        LzwEncoderReset(&e);
+        r = LzwEncodeRows(&e, row, rowBytes, bitCount, rowSource, sourceContext, firstRow,
+                          rowCount);
+    }
+    ImgFree(row);
+    ImgFree(e.out);
+    ImgFree(e.slots);
+    return r;
+}
