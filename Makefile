@@ -22,6 +22,7 @@ test: deps
 bench: build
 	@./build/bin/bench_runs
 	@./build/bin/bench_rotate
+	@./build/bin/bench_tiff_write
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)
