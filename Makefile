@@ -22,6 +22,9 @@ test: deps
 bench: build
 	@./build/bin/bench_runs
 	@./build/bin/bench_rotate
+	@if [ -x ./build/bin/bench_lzw ]; then ./build/bin/bench_lzw; else echo "bench_lzw: not built (libtiff-dev missing)"; fi
+	@./build/bin/bench_ccitt_encode
+	@./build/bin/bench_palette
 	@./build/bin/bench_tiff_write
 
 fuzz: deps

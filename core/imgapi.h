@@ -223,6 +223,12 @@ IMGEXPORT int32_t IMGAPI IMG_flip_bitmapx(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_flip_bitmapy(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_invert_bitmap(int32_t handle);
 
+/* ---- Part 4.1: palette selection ---- */
+IMGEXPORT int32_t IMGAPI IMG_mediancut_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_popularity_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colours,
+                                          int32_t count);
+
 #ifdef __cplusplus
 }
 #endif

@@ -20,4 +20,6 @@ cmp -s samples/page.dib out/page.dib && echo "out/page.dib: identical to the sam
 ./build/bin/trnw convert samples/page.dib out/page-skew.bmp --rotate 3.5
 ./build/bin/trnw convert samples/photo.dib out/photo-30.bmp --rotate 30 --flip x
 ./build/bin/trnw convert samples/photo.dib out/photo-negative.bmp --invert
+# Palette selection: an adaptive 16-colour octree palette in 4 bits.
+./build/bin/trnw convert samples/photo.dib out/photo-octree16.bmp --colors octree:16:4
 ./build/bin/trnw info samples/page.dib samples/photo.dib out/*.bmp out/page-rect.dib

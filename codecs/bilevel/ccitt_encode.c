@@ -27,6 +27,7 @@
 #define CCITT_HIGH_WATER (CCITT_BUFFER_WORDS - 32)
 #define CCITT_MAX_WIDTH (1 << 24)
 #define CCITT_SENTINEL 0xAA
+#define CCITT_SENTINEL_BYTES 8
 #define CCITT_STAGE_BYTES 65536 /* flushed blocks gathered before ImgWrite */
 
 enum { WHITE = 0, BLACK = 1 };
@@ -247,7 +248,7 @@ static inline int FlushIfFull(CcittPacker *p)
 
 /* A run: make-up codes for (run AND NOT 63), at most 2560 each, then the
  * terminating code for the rest. */
-static int PutRun(CcittPacker *p, const CcittCode *table, int32_t run)
+static int PutLongRun(CcittPacker *p, const CcittCode *table, int32_t run)
 {
     while (run >= 64) {
         int32_t makeUp = run & ~63;
@@ -261,6 +262,15 @@ static int PutRun(CcittPacker *p, const CcittCode *table, int32_t run)
     }
     PutCode(p, &table[run]);
     return 0;
+}
+
+static inline int PutRun(CcittPacker *p, const CcittCode *table, int32_t run)
+{
+    if (run < 64) {
+        PutCode(p, &table[run]);
+        return 0;
+    }
+    return PutLongRun(p, table, run);
 }
 
 /* The one-dimensional EOL: a fresh word (the partial word keeps its zero
@@ -282,14 +292,25 @@ static void PutWordEol(CcittPacker *p)
 /* The first pixel at or after pos whose colour is not `colour`.  The row
  * has the sentinel 0xAA behind its last byte, which holds both colours, so
  * the scan stops without a bound check; the caller cuts the result at the
- * width. */
+ * width.  Long runs are skipped eight bytes at a time: the sentinel byte is
+ * repeated eight times, so such a step also stops in it. */
 static inline int32_t NextChange(const uint8_t *row, int32_t pos, int colour)
 {
     const uint8_t flip = colour == WHITE ? 0xFF : 0x00; /* white pixels are 1-bits */
+    const uint64_t flipWord = colour == WHITE ? ~(uint64_t)0 : 0;
     const uint8_t *b = row + (pos >> 3);
     unsigned v = (uint8_t)((*b ^ flip) & (0xFF >> (pos & 7)));
-    while (!v)
-        v = (uint8_t)(*++b ^ flip);
+    if (!v) {
+        uint64_t word;
+        for (;;) {
+            memcpy(&word, ++b, 8);
+            if (word != flipWord)
+                break;
+            b += 7;
+        }
+        while (!(v = (uint8_t)(*b ^ flip)))
+            b++;
+    }
     return (int32_t)((b - row) * 8) + leadingZeros[v];
 }
 
@@ -297,7 +318,7 @@ static inline int32_t NextChange(const uint8_t *row, int32_t pos, int colour)
 
 typedef struct {
     int32_t width, height, rowBytes;
-    uint8_t *row;          /* rowBytes + the sentinel */
+    uint8_t *row;          /* rowBytes + the sentinel bytes */
     int32_t *lists[2];     /* the 2-D coder's change lists */
     CcittPacker packer;
 } CcittEncoder;
@@ -328,7 +349,7 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse
     p->reverse = reverse;
     p->framed = framed;
     p->freeBits = 16;
-    e->row = ImgAlloc((size_t)e->rowBytes + 8);
+    e->row = ImgAlloc((size_t)e->rowBytes + CCITT_SENTINEL_BYTES);
     p->out = ImgAlloc(CCITT_BUFFER_BYTES);
     p->stage = framed ? NULL : ImgAlloc(CCITT_STAGE_BYTES);
     int ok = e->row && p->out && (framed || p->stage);
@@ -349,7 +370,7 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse
 static int FetchRow(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext, int32_t r)
 {
     int result = rowSource(sourceContext, e->row, (int)r, (int)e->rowBytes);
-    e->row[e->rowBytes] = CCITT_SENTINEL;
+    memset(e->row + e->rowBytes, CCITT_SENTINEL, CCITT_SENTINEL_BYTES);
     return result < 0 ? result : 0;
 }
 

@@ -33,10 +33,17 @@
 
 /* ---- the decoding table (module-wide, one LZW image at a time) ---- */
 
-static uint8_t *entryBlock;    /* LZW_BLOCK_SIZE bytes, or NULL */
-static int32_t *entryPrefix;   /* prefix code, -1 for none */
-static uint32_t *entryLength;  /* string length */
-static uint8_t *entryLast;     /* last byte of the string */
+/* One entry: 8 bytes, so that the 4662 entries (37296 bytes) fit the Part's
+ * 41960-byte block and one step along a prefix chain touches one entry. */
+typedef struct LzwEntry {
+    int32_t prefix;  /* prefix code, -1 for none */
+    uint16_t length; /* string length (at most 4662 - 257) */
+    uint8_t last;    /* last byte of the string */
+    uint8_t unused;
+} LzwEntry;
+
+static uint8_t *entryBlock; /* LZW_BLOCK_SIZE bytes, or NULL */
+static LzwEntry *entries;   /* the block as LZW_ENTRIES entries */
 /* A string that does not fit the output's free room is built here first;
  * no string is longer than the number of entries. */
 static uint8_t longString[LZW_ENTRIES];
@@ -48,13 +55,12 @@ int LzwBeginImage(void)
     entryBlock = ImgAlloc(LZW_BLOCK_SIZE);
     if (!entryBlock)
         return IMG_ERR_MEMORY;
-    entryPrefix = (int32_t *)(void *)entryBlock;
-    entryLength = (uint32_t *)(void *)(entryBlock + LZW_ENTRIES * 4);
-    entryLast = entryBlock + LZW_ENTRIES * 8;
+    entries = (LzwEntry *)(void *)entryBlock;
     for (int i = 0; i < 256; i++) {
-        entryPrefix[i] = -1;
-        entryLength[i] = 1;
-        entryLast[i] = (uint8_t)i;
+        entries[i].prefix = -1;
+        entries[i].length = 1;
+        entries[i].last = (uint8_t)i;
+        entries[i].unused = 0;
     }
     return 0;
 }
@@ -63,21 +69,21 @@ void LzwEndImage(void)
 {
     ImgFree(entryBlock);
     entryBlock = NULL;
-    entryPrefix = NULL;
-    entryLength = NULL;
-    entryLast = NULL;
+    entries = NULL;
 }
 
 /* ---- the bit reader ---- */
 
+/* The Part's byte position and bit offset are held as one bit position
+ * (byte = bit position / 8, offset = bit position % 8), and the unread bits
+ * as the end of the data in bits. */
 typedef struct LzwBits {
     int handle;
-    uint8_t *buffer;   /* LZW_CODED_BUFFER_SIZE bytes */
-    uint32_t position; /* byte position */
-    uint32_t offset;   /* bit offset 0-7 within that byte */
-    uint32_t bitsLeft; /* unread bits in the buffer */
-    uint32_t width;    /* 9 .. 12 */
-    uint32_t mask;     /* (1 << width) - 1 */
+    uint8_t *buffer;      /* LZW_CODED_BUFFER_SIZE bytes */
+    uint32_t bitPosition; /* next unread bit */
+    uint32_t endBits;     /* bits of data in the buffer */
+    uint32_t width;       /* 9 .. 12 */
+    uint32_t mask;        /* (1 << width) - 1 */
 } LzwBits;
 
 /* Refills the buffer until it holds at least `width` unread bits: the last
@@ -85,39 +91,41 @@ typedef struct LzwBits {
  * of the chunk is read behind them.  -12 when a read returns nothing. */
 static int LzwRefill(LzwBits *b)
 {
-    while (b->bitsLeft < b->width) {
-        uint32_t keep = b->bitsLeft ? (b->offset + b->bitsLeft + 7) / 8 : 0;
+    while (b->endBits - b->bitPosition < b->width) {
+        uint32_t keep = (b->endBits + 7) / 8 - b->bitPosition / 8; /* 0, 1 or 2 bytes */
         if (keep)
-            memmove(b->buffer, b->buffer + b->position, keep);
-        else
-            b->offset = 0;
-        b->position = 0;
+            memmove(b->buffer, b->buffer + b->bitPosition / 8, keep);
+        b->bitPosition = keep ? b->bitPosition % 8 : 0;
         int32_t got = ImgRead(b->handle, b->buffer + keep, IMG_CHUNK_SIZE - keep);
         if (got <= 0)
             return IMG_ERR_READ;
         if ((uint32_t)got > IMG_CHUNK_SIZE - keep)
             got = (int32_t)(IMG_CHUNK_SIZE - keep); /* hardening: a read claiming more */
-        b->bitsLeft += (uint32_t)got * 8;
+        b->endBits = (keep + (uint32_t)got) * 8;
         /* The four-byte peek may look past the data: keep those bytes defined. */
         memset(b->buffer + keep + got, 0, 4);
     }
     return 0;
 }
 
-/* The next code, or a negative code of the refill. */
-static inline int32_t LzwReadCode(LzwBits *b)
+/* Four bytes at the bit position's byte, big-endian, shifted and masked. */
+static inline uint32_t LzwPeek(const uint8_t *buffer, uint32_t bitPosition, uint32_t width,
+                               uint32_t mask)
 {
-    if (b->bitsLeft < b->width) {
+    uint32_t word = GetBE32(buffer + bitPosition / 8);
+    return (word >> (32 - width - bitPosition % 8)) & mask;
+}
+
+/* The next code, or a negative code of the refill. */
+static int32_t LzwReadCode(LzwBits *b)
+{
+    if (b->endBits - b->bitPosition < b->width) {
         int r = LzwRefill(b);
         if (r < 0)
             return r;
     }
-    uint32_t word = GetBE32(b->buffer + b->position);
-    uint32_t code = (word >> (32 - b->width - b->offset)) & b->mask;
-    b->offset += b->width;
-    b->position += b->offset >> 3;
-    b->offset &= 7;
-    b->bitsLeft -= b->width;
+    uint32_t code = LzwPeek(b->buffer, b->bitPosition, b->width, b->mask);
+    b->bitPosition += b->width;
     return (int32_t)code;
 }
 
@@ -172,24 +180,30 @@ static int LzwDeliverRest(LzwOutput *o)
     return 1;
 }
 
-/* Writes the string of `code` (length `length`) backwards ending at end - 1. */
-static inline void LzwWriteString(uint8_t *end, int32_t code)
+/* Writes the string of `code` backwards, its last byte at end - 1; returns
+ * its first byte. */
+static inline uint8_t LzwWriteString(const LzwEntry *table, uint8_t *end, int32_t code)
 {
-    const int32_t *prefix = entryPrefix;
-    const uint8_t *last = entryLast;
     uint8_t *p = end - 1;
     while (code >= 256) {
-        *p-- = last[code];
-        code = prefix[code];
+        *p-- = table[code].last;
+        code = table[code].prefix;
     }
     *p = (uint8_t)code;
+    return (uint8_t)code;
 }
 
-/* Appends a string that does not fit the free room: built in longString,
- * then copied in pieces with rows delivered between them.  1 when the strip
- * completed on the way, 0, or the adapter's negative result. */
-static int LzwAppendLong(LzwOutput *o, uint32_t length)
+/* Appends the string of `code` (plus, for KwKwK, its own first byte again)
+ * when it does not fit the free room: built in longString, then copied in
+ * pieces with rows delivered between them.  *first receives the string's
+ * first byte.  1 when the strip completed on the way, 0, or the adapter's
+ * negative result. */
+static int LzwAppendLong(LzwOutput *o, int32_t code, int kwkwk, uint8_t *first)
 {
+    uint32_t length = entries[code].length + (uint32_t)kwkwk;
+    *first = LzwWriteString(entries, longString + entries[code].length, code);
+    if (kwkwk)
+        longString[length - 1] = *first;
     uint32_t done = 0;
     while (done < length) {
         uint32_t room = o->size - o->fill;
@@ -204,44 +218,17 @@ static int LzwAppendLong(LzwOutput *o, uint32_t length)
     return 0;
 }
 
-/* The string of `code` (plus, for KwKwK, its own first byte again) appended
- * to the output; *first receives the string's first byte.  1/0/negative as
- * LzwAppendLong. */
-static inline int LzwAppend(LzwOutput *o, int32_t code, int kwkwk, uint8_t *first)
-{
-    uint32_t length = entryLength[code] + (uint32_t)kwkwk;
-    if (length <= o->size - o->fill) {
-        uint8_t *start = o->buffer + o->fill;
-        LzwWriteString(start + entryLength[code], code);
-        *first = start[0];
-        if (kwkwk)
-            start[length - 1] = start[0];
-        o->fill += length;
-        return 0;
-    }
-    LzwWriteString(longString + entryLength[code], code);
-    *first = longString[0];
-    if (kwkwk)
-        longString[length - 1] = longString[0];
-    return LzwAppendLong(o, length);
-}
-
-/* Appends one byte (the first code after Clear). */
-static inline int LzwAppendByte(LzwOutput *o, uint8_t byte)
-{
-    if (o->fill >= o->size)
-        return IMG_ERR_INVALID; /* cannot happen: rows leave the buffer below its size */
-    o->buffer[o->fill++] = byte;
-    return 0;
-}
+/* Hardening: the most Clear codes in a row (a whole chunk of 9-bit codes). */
+#define LZW_MAX_CLEARS (IMG_CHUNK_SIZE * 8 / 9)
 
 /* After Clear (or at the strip's start): the code that follows, which must
- * be a single byte.  A second Clear is read past; end of information is
+ * be a single byte.  A further Clear is read past; end of information is
  * passed back as LZW_END.  Hardening: any other code of 258 or more has no
- * entry to refer to: -3. */
+ * entry to refer to, and more Clears in a row than a chunk holds mean a
+ * source that repeats itself (the memory image past its end): -3. */
 static int32_t LzwCodeAfterClear(LzwBits *b)
 {
-    for (;;) {
+    for (int clears = 0; clears < LZW_MAX_CLEARS; clears++) {
         LzwSetWidth(b, 9);
         int32_t code = LzwReadCode(b);
         if (code < 0 || code == LZW_END || code < 256)
@@ -249,6 +236,157 @@ static int32_t LzwCodeAfterClear(LzwBits *b)
         if (code != LZW_CLEAR)
             return IMG_ERR_INVALID;
     }
+    return IMG_ERR_INVALID;
+}
+
+/* The rare steps of decoding: Clear (and the code after it) or end of
+ * information.  *code is the code read; on return 0 it holds the
+ * single-byte code that now starts the table, which has been appended.
+ * 1 / negative: the strip's result. */
+static int LzwRestart(LzwBits *b, LzwOutput *o, int32_t *code)
+{
+    if (*code == LZW_CLEAR)
+        *code = LzwCodeAfterClear(b);
+    if (*code < 0)
+        return *code;
+    if (*code == LZW_END)
+        return LzwDeliverRest(o);
+    /* Rows leave the buffer below rowBytes <= size, so a byte always fits. */
+    o->buffer[o->fill++] = (uint8_t)*code;
+    return 0;
+}
+
+/* The table state between codes. */
+typedef struct LzwTableState {
+    int32_t previous; /* the previous code */
+    int32_t nextFree; /* the next free code */
+    int32_t limit;    /* the width limit */
+    int32_t code;     /* the code that stopped LzwDecodeCodes */
+} LzwTableState;
+
+/* Why LzwDecodeCodes stopped. */
+enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_BAD };
+
+/* Makes entry nextFree = (previous string, first) and grows the width as
+ * the Part says (early change); shared by both paths. */
+#define LZW_ADD_ENTRY(table, first, previous, nextFree, limit, width, mask)  \
+    do {                                                                     \
+        LzwEntry *e_ = &(table)[nextFree];                                   \
+        e_->last = (first);                                                  \
+        e_->prefix = (previous);                                             \
+        e_->length = (uint16_t)((table)[previous].length + 1);               \
+        (nextFree)++;                                                        \
+        if ((limit) - (nextFree) == 1) {                                     \
+            if ((width) < LZW_MAX_WIDTH) {                                   \
+                (width)++;                                                   \
+                (mask) = (1u << (width)) - 1;                                \
+            }                                                                \
+            (limit) *= 2;                                                    \
+        }                                                                    \
+    } while (0)
+
+/* The hot loop: decodes codes while the output holds less than a row, the
+ * buffer holds a whole code and the code is an ordinary one whose string
+ * fits; everything on locals and no calls, so that it stays in registers
+ * (the Part's limit is kept as the code at which the width grows next:
+ * limit - 1 while the width is below 12; at 12 bits the doubling limit
+ * changes nothing).  Returns why it stopped; the code read is in t->code
+ * for SPECIAL, LONG and BAD. */
+static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
+{
+    const uint8_t *const coded = b->buffer;
+    uint32_t bitPosition = b->bitPosition;
+    const uint32_t endBits = b->endBits;
+    uint32_t width = b->width;
+    int32_t growAt = width < LZW_MAX_WIDTH ? t->limit - 1 : -1;
+    uint8_t *out = o->buffer + o->fill;
+    uint8_t *const rowEnd = o->buffer + o->rowBytes;
+    uint8_t *const outEnd = o->buffer + o->size;
+    const LzwEntry *const table = entries;
+    LzwEntry *const newEntries = entries;
+    int32_t previous = t->previous, nextFree = t->nextFree, code = 0;
+    uint32_t previousLength = table[previous].length;
+    int stop;
+    for (;;) {
+        if (out >= rowEnd) {
+            stop = LZW_STOP_ROWS;
+            break;
+        }
+        if (endBits - bitPosition < width) {
+            stop = LZW_STOP_BITS;
+            break;
+        }
+        code = (int32_t)((GetBE32(coded + bitPosition / 8) << (bitPosition % 8)) >> (32 - width));
+        bitPosition += width;
+        uint8_t first;
+        uint32_t n;
+        if (code < 256) {
+            if (nextFree >= LZW_ENTRIES) {
+                stop = LZW_STOP_BAD; /* the block is full */
+                break;
+            }
+            *out++ = (uint8_t)code; /* a single byte: no table walk */
+            first = (uint8_t)code;
+            n = 1;
+        } else {
+            if (code == LZW_CLEAR || code == LZW_END) {
+                stop = LZW_STOP_SPECIAL;
+                break;
+            }
+            if (code > nextFree || nextFree >= LZW_ENTRIES) {
+                stop = LZW_STOP_BAD; /* above the next free code, or the block full */
+                break;
+            }
+            /* KwKwK (the next free code): the previous string and its own
+             * first byte.  Otherwise the code's string. */
+            int kwkwk = code == nextFree;
+            int32_t source = kwkwk ? previous : code;
+            n = kwkwk ? previousLength : table[source].length;
+            if ((size_t)(outEnd - out) < n + (uint32_t)kwkwk) {
+                stop = LZW_STOP_LONG;
+                break;
+            }
+            first = LzwWriteString(table, out + n, source);
+            out += n;
+            if (kwkwk) {
+                *out++ = first;
+                n++;
+            }
+        }
+        LzwEntry *e = &newEntries[nextFree];
+        e->last = first;
+        e->prefix = previous;
+        e->length = (uint16_t)(previousLength + 1);
+        if (++nextFree == growAt) { /* limit - next free code = 1 */
+            width++;
+            growAt = width < LZW_MAX_WIDTH ? (1 << width) - 1 : -1;
+        }
+        previous = code;
+        previousLength = n;
+    }
+    b->bitPosition = bitPosition;
+    b->width = width;
+    b->mask = (1u << width) - 1;
+    o->fill = (uint32_t)(out - o->buffer);
+    t->previous = previous;
+    t->nextFree = nextFree;
+    t->limit = 1 << width;
+    if (width == LZW_MAX_WIDTH)
+        t->limit = nextFree < 4095 ? 4096 : 8192; /* as the doubling left it */
+    t->code = code;
+    return stop;
+}
+
+/* A code whose string does not fit the free room: LzwAppendLong, then the
+ * new entry.  1 / 0 / negative as LzwAppendLong. */
+static int LzwLongString(LzwBits *b, LzwOutput *o, LzwTableState *t)
+{
+    int kwkwk = t->code == t->nextFree;
+    uint8_t first;
+    int r = LzwAppendLong(o, kwkwk ? t->previous : t->code, kwkwk, &first);
+    LZW_ADD_ENTRY(entries, first, t->previous, t->nextFree, t->limit, b->width, b->mask);
+    t->previous = t->code;
+    return r;
 }
 
 int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t rowBytes,
@@ -262,64 +400,39 @@ int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t r
     if (rowCount < 1)
         return 1;
 
-    LzwBits bits = {handle, codedBuffer, 0, 0, 0, 9, 511};
+    LzwBits bits = {handle, codedBuffer, 0, 0, 9, 511};
     LzwOutput out = {output, (uint32_t)outputSize, 0, rowBytes, firstRow, rowCount, 0,
                      adapter, context};
-
-    int32_t code = LzwReadCode(&bits);
-    if (code < 0)
-        return code;
-    if (code != LZW_CLEAR)
+    LzwTableState table = {0, LZW_FIRST_FREE, 512, 0};
+    table.code = LzwReadCode(&bits);
+    if (table.code < 0)
+        return table.code;
+    if (table.code != LZW_CLEAR)
         return IMG_ERR_INVALID;
-
-    int32_t previous = -1; /* -1: the next code follows a Clear */
-    int32_t nextFree = LZW_FIRST_FREE;
-    int32_t limit = 512;
+    int r = LZW_STOP_SPECIAL;
     for (;;) {
-        int r;
-        if (previous < 0) {
-            code = LzwCodeAfterClear(&bits);
-            if (code < 0)
-                return code;
-            if (code == LZW_END)
-                return LzwDeliverRest(&out);
-            r = LzwAppendByte(&out, (uint8_t)code);
-            nextFree = LZW_FIRST_FREE;
-            limit = 512;
-        } else {
-            code = LzwReadCode(&bits);
-            if (code < 0)
-                return code;
-            if (code == LZW_END)
-                return LzwDeliverRest(&out);
-            if (code == LZW_CLEAR) {
-                previous = -1;
-                continue;
-            }
-            if (code > nextFree)
-                return IMG_ERR_INVALID;
-            if (nextFree >= LZW_ENTRIES)
-                return IMG_ERR_INVALID; /* hardening: the entry block is full */
-            uint8_t first;
-            r = LzwAppend(&out, code == nextFree ? previous : code, code == nextFree, &first);
-            entryLast[nextFree] = first;
-            entryPrefix[nextFree] = previous;
-            entryLength[nextFree] = entryLength[previous] + 1;
-            nextFree++;
-            if (limit - nextFree == 1) {
-                if (bits.width < LZW_MAX_WIDTH)
-                    LzwSetWidth(&bits, bits.width + 1);
-                limit *= 2;
-            }
+        switch (r) {
+        case LZW_STOP_ROWS:
+            r = LzwDeliverRows(&out);
+            break;
+        case LZW_STOP_BITS:
+            r = LzwRefill(&bits);
+            break;
+        case LZW_STOP_SPECIAL:
+            r = LzwRestart(&bits, &out, &table.code);
+            table.previous = table.code;
+            table.nextFree = LZW_FIRST_FREE;
+            table.limit = 512;
+            break;
+        case LZW_STOP_LONG:
+            r = LzwLongString(&bits, &out, &table);
+            break;
+        default:
+            return IMG_ERR_INVALID;
         }
         if (r != 0)
-            return r; /* 1: the strip completed inside a long string */
-        previous = code;
-        if (out.fill >= (uint32_t)rowBytes) {
-            r = LzwDeliverRows(&out);
-            if (r != 0)
-                return r;
-        }
+            return r; /* 1: the strip is complete; or an error */
+        r = LzwDecodeCodes(&bits, &out, &table);
     }
 }
 

@@ -567,3 +567,27 @@ TEST_F(Part2_5_Lzw, RoundTripLongRuns)
     ASSERT_EQ(Decode(stream, 7, 20000, c, 7), 1);
     EXPECT_EQ(Flatten(c), img.bytes);
 }
+
+TEST_F(Part2_5_Lzw, ClearsInARow)
+{
+    // Clears in a row are read past (as libtiff does); end of information
+    // right after a Clear ends the strip.  Hardening: more Clears in a row
+    // than one chunk holds as 9-bit codes (10000 * 8 / 9 = 8888) is -3, so
+    // a source that repeats itself cannot keep the decoder busy forever.
+    BitWriter w;
+    for (int i = 0; i < 10; i++)
+        w.Put(256, 9);
+    for (uint32_t code : {65u, 256u, 256u, 66u, 257u})
+        w.Put(code, 9);
+    Collected c;
+    ASSERT_EQ(Decode(w.bytes, 2, 1, c), 1);
+    EXPECT_EQ(std::string(c.rows[0].begin(), c.rows[0].end()), "AB");
+
+    BitWriter many;
+    for (int i = 0; i < 8890; i++)
+        many.Put(256, 9);
+    many.Put(65, 9);
+    many.Put(257, 9);
+    Collected d;
+    EXPECT_EQ(Decode(many.bytes, 1, 1, d), -3);
+}

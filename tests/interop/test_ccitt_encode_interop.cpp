@@ -165,6 +165,29 @@ Picture AllRunsPage()
     return p;
 }
 
+void WritePbm(const std::string &path, const Picture &p)
+{
+    std::string head = "P4\n" + std::to_string(p.width) + " " + std::to_string(p.height) + "\n";
+    std::vector<uint8_t> bytes(head.begin(), head.end());
+    size_t stride = (size_t)(p.width + 7) / 8, at = bytes.size();
+    bytes.resize(at + stride * (size_t)p.height, 0);
+    for (int32_t y = 0; y < p.height; y++)
+        for (int32_t x = 0; x < p.width; x++)
+            if (p.px[(size_t)y * (size_t)p.width + (size_t)x])
+                bytes[at + (size_t)y * stride + (size_t)x / 8] |= (uint8_t)(0x80 >> (x % 8));
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char *>(bytes.data()), (std::streamsize)bytes.size());
+}
+
+// The number in "<...>" on the line of tiffdump's output naming `tag`.
+long TiffdumpValue(const std::string &dump, const std::string &tag)
+{
+    size_t at = dump.find(tag);
+    if (at == std::string::npos || (at = dump.find('<', at)) == std::string::npos)
+        return -1;
+    return std::atol(dump.c_str() + at + 1);
+}
+
 // The picture as a library image (bit 1 white in the stored rows).
 int32_t ImageOf(const Picture &p)
 {
@@ -334,4 +357,39 @@ TEST_F(Part2_2_CcittEncoderInterop, ImageMagickTextPageThroughOurBmpReader)
     IMG_delete_bitmap(h);
     std::remove(bmp.c_str());
     std::remove(pbm.c_str());
+}
+
+TEST_F(Part2_2_CcittEncoderInterop, Type34EqualsLibtiffsT6BitsUpToTheEndCodes)
+{
+    // T.6 coding is deterministic: libtiff's encoder (pnmtotiff -g4, one
+    // strip, FillOrder 1) must give the same bits as type 34 up to the end:
+    // libtiff ends with EOFB (two EOLs), ours with four EOLs.  The last four
+    // bytes of libtiff's strip hold its EOFB and padding and are left out.
+    if (!Have("pnmtotiff") || !Have("tiffdump"))
+        GTEST_SKIP() << "needs netpbm's pnmtotiff and libtiff's tiffdump";
+    for (const Picture &page : {TextPage(2550, 3300, 30, 9), AllRunsPage()}) {
+        std::string pbm = TempPath("t6.pbm"), tif = pbm + ".tif", dump = pbm + ".txt",
+                    raw = pbm + ".g4";
+        WritePbm(pbm, page);
+        ASSERT_TRUE(RunToFile("pnmtotiff -g4 -msb2lsb -rowsperstrip=" + std::to_string(page.height) +
+                              " '" + pbm + "' > '" + tif + "'"));
+        ASSERT_TRUE(RunToFile("tiffdump '" + tif + "' > '" + dump + "'"));
+        std::vector<uint8_t> dumpBytes = ReadFile(dump), tiff = ReadFile(tif);
+        std::string text(dumpBytes.begin(), dumpBytes.end());
+        long offset = TiffdumpValue(text, "StripOffsets (273)"),
+             count = TiffdumpValue(text, "StripByteCounts (279)");
+        ASSERT_GT(count, 4);
+        ASSERT_LE((size_t)(offset + count), tiff.size());
+        int32_t h = ImageOf(page);
+        ASSERT_GE(h, 0);
+        ASSERT_EQ(IMG_save_bitmap(h, raw.c_str(), 34), 0);
+        IMG_delete_bitmap(h);
+        std::vector<uint8_t> ours = ReadFile(raw);
+        ASSERT_GE(ours.size(), (size_t)count - 4);
+        ASSERT_LE(ours.size(), (size_t)count + 4);
+        EXPECT_TRUE(std::equal(ours.begin(), ours.begin() + (count - 4), tiff.begin() + offset))
+            << page.width << " x " << page.height;
+        for (const std::string &f : {pbm, tif, dump, raw})
+            std::remove(f.c_str());
+    }
 }

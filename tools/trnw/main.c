@@ -24,11 +24,15 @@ static const char usage[] =
     "  info FILE...         type, pages, size, depth and resolution of each file\n"
     "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
     "          [--rect X,Y,W,H] [--rotate DEGREES] [--flip x|y] [--invert]\n"
+    "          [--colors fixed|popularity|octree[:N[:4|8]]]\n"
     "                       decode IN (page N, counted from 0; a fixed smaller size or\n"
     "                       a sub-rectangle while decoding), crop, and save OUT as type\n"
     "                       N (by OUT's extension when no type is given); --rotate\n"
     "                       (90, 270, 12.5, ...), --flip and --invert are applied in\n"
-    "                       the order given\n"
+    "                       the order given, as is --colors (a palette of 256: the\n"
+    "                       fixed 3-3-2 one or the most popular colours; or an octree\n"
+    "                       of N colours, 8 to 256, default 256, in 4 or 8 bits,\n"
+    "                       default 8; 4 bits hold at most 16)\n"
     "  convert IN OUT --all-pages [--type N] [other convert options]\n"
     "                       every page of IN to the multi-page OUT (TIFF or DCX;\n"
     "                       OUT is replaced), each page transformed as above\n"
@@ -294,46 +298,96 @@ static int ParseNumbers(const char *text, int32_t *values, int count, char separ
     return 1;
 }
 
-/* Decodes page `page` of `in`: by name for page 0 when `data` is NULL,
- * else from the whole file in `data`.  The handle or a negative code. */
-static int32_t DecodePage(const char *in, uint8_t *data, uint32_t bytes, int32_t page)
+/* --colors: 'f' fixed palette, 'p' popularity, 'o' octree of `count`
+ * colours in `bits` bits (Part 4.1). */
+typedef struct ColourOption {
+    char kind;
+    int32_t count, bits;
+} ColourOption;
+
+static int ParseColors(const char *text, ColourOption *option)
 {
-    int32_t handle = data ? IMG_decompress_bitmap_mem_size(data, bytes, page) : IMG_decompress_bitmap(in);
-    progressRows = 0;
-    return handle;
+    option->count = 256;
+    option->bits = 8;
+    if (!strcmp(text, "fixed") || !strcmp(text, "popularity")) {
+        option->kind = text[0];
+        return 1;
+    }
+    if (strncmp(text, "octree", 6) != 0)
+        return 0;
+    option->kind = 'o';
+    text += 6;
+    if (*text == '\0')
+        return 1;
+    char *end;
+    long count = strtol(text + 1, &end, 10);
+    if (*text != ':' || end == text + 1 || count < 1 || count > 256)
+        return 0;
+    option->count = (int32_t)count;
+    if (*end == ':') {
+        option->bits = (int32_t)strtol(end + 1, &end, 10);
+        if (option->bits != 4 && option->bits != 8)
+            return 0;
+    }
+    /* 4-bit pixels hold indices 0..15: at most 16 colours (at least 8 are made) */
+    return *end == '\0' && (option->bits == 8 || option->count <= 16);
+}
+
+static int32_t ApplyColors(int32_t handle, const ColourOption *option)
+{
+    int32_t result;
+    if (option->kind == 'f')
+        result = IMG_mediancut_color(handle);
+    else if (option->kind == 'p')
+        result = IMG_popularity_color(handle);
+    else
+        result = IMG_octree_color(handle, option->bits, NULL, option->count);
+    return result < 0 ? result : 0; /* the octree returns its entry count */
 }
 
 /* The transforms of convert, in the order given, then the crop rectangle. */
-static int32_t Transform(int32_t handle, const char *ops, const int32_t *angles, int opCount,
-                         const int32_t *crop)
+typedef struct {
+    const char *ops; /* 'r' rotate (hundredths), 'x'/'y' flip, 'c' colours, 'i' invert */
+    const int32_t *angles;
+    const ColourOption *colours;
+    int count;
+    const int32_t *crop; /* NULL: none */
+} PageOps;
+
+static const PageOps noPageOps = {NULL, NULL, NULL, 0, NULL};
+
+static int32_t Transform(int32_t handle, const PageOps *p)
 {
     int32_t result = 0;
-    for (int k = 0; k < opCount && result >= 0; k++) {
-        if (ops[k] == 'r')
-            result = IMG_rotate_bitmap(handle, angles[k]);
-        else if (ops[k] == 'x')
+    for (int k = 0; k < p->count && result >= 0; k++) {
+        if (p->ops[k] == 'r')
+            result = IMG_rotate_bitmap(handle, p->angles[k]);
+        else if (p->ops[k] == 'x')
             result = IMG_flip_bitmapx(handle);
-        else if (ops[k] == 'y')
+        else if (p->ops[k] == 'y')
             result = IMG_flip_bitmapy(handle);
+        else if (p->ops[k] == 'c')
+            result = ApplyColors(handle, &p->colours[k]);
         else
             result = IMG_invert_bitmap(handle);
         progressRows = 0;
     }
-    if (result >= 0 && crop)
-        result = IMG_set_croprect(handle, crop[0], crop[1], crop[2], crop[3]);
+    if (result >= 0 && p->crop)
+        result = IMG_set_croprect(handle, p->crop[0], p->crop[1], p->crop[2], p->crop[3]);
     return result < 0 ? result : 0;
 }
 
-/* One page of `in`: decode, transform, save to `out` (which a multi-page
- * type appends to).  0, or 1 after reporting the failure. */
+/* One page of `in` (by name for page 0 when `data` is NULL, else from the
+ * whole file in `data`): decode, transform, save to `out` (which a
+ * multi-page type appends to).  0, or 1 after reporting the failure. */
 static int ConvertPage(const char *in, uint8_t *data, uint32_t bytes, int32_t page, const char *out,
-                       int32_t type, const char *ops, const int32_t *angles, int opCount,
-                       const int32_t *crop)
+                       int32_t type, const PageOps *p)
 {
-    int32_t handle = DecodePage(in, data, bytes, page);
+    int32_t handle = data ? IMG_decompress_bitmap_mem_size(data, bytes, page) : IMG_decompress_bitmap(in);
+    progressRows = 0;
     if (handle < 0)
         return Fail(in, handle);
-    int32_t result = Transform(handle, ops, angles, opCount, crop);
+    int32_t result = Transform(handle, p);
     if (result == 0)
         result = IMG_save_bitmap(handle, out, type);
     IMG_delete_bitmap(handle);
@@ -367,8 +421,7 @@ static int MultiPageType(int32_t type, const char *path)
 }
 
 /* Appends every page of `in` to `out` (already emptied by the caller). */
-static int AppendAllPages(const char *in, const char *out, int32_t type, const char *ops,
-                          const int32_t *angles, int opCount, const int32_t *crop)
+static int AppendAllPages(const char *in, const char *out, int32_t type, const PageOps *p)
 {
     long bytes = 0;
     uint8_t *data = ReadWholeFile(in, &bytes);
@@ -377,20 +430,19 @@ static int AppendAllPages(const char *in, const char *out, int32_t type, const c
     int32_t pages = PageCount(in);
     int status = 0;
     for (int32_t page = 0; page < pages && status == 0; page++)
-        status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, ops, angles, opCount, crop);
+        status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, p);
     free(data);
     return status;
 }
 
-static int ConvertAllPages(const char *in, const char *out, int32_t type, const char *ops,
-                           const int32_t *angles, int opCount, const int32_t *crop)
+static int ConvertAllPages(const char *in, const char *out, int32_t type, const PageOps *p)
 {
     if (!MultiPageType(type, out)) {
         fprintf(stderr, "trnw: convert --all-pages: %s: the output type holds one page only\n", out);
         return 2;
     }
     remove(out); /* the saves append: start from an empty output */
-    return AppendAllPages(in, out, type, ops, angles, opCount, crop);
+    return AppendAllPages(in, out, type, p);
 }
 
 /* The value of a trailing "--type N" option, or -1 (by extension). */
@@ -426,7 +478,7 @@ static int CommandSplit(int argc, char **argv)
             break;
         }
         remove(out); /* a TIFF save would append to an old file */
-        status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, NULL, NULL, 0, NULL);
+        status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, &noPageOps);
         if (status == 0)
             printf("%s\n", out);
     }
@@ -454,7 +506,7 @@ static int CommandMerge(int argc, char **argv)
     remove(out);
     int status = 0;
     for (int i = 1; i < argc && status == 0; i++)
-        status = AppendAllPages(argv[i], out, type, NULL, NULL, 0, NULL);
+        status = AppendAllPages(argv[i], out, type, &noPageOps);
     return status;
 }
 
@@ -470,6 +522,7 @@ static int CommandConvert(int argc, char **argv)
     /* Transforms in the order given: 'r' rotate (hundredths), 'x'/'y' flip, 'i' invert. */
     char ops[64];
     int32_t angles[64];
+    ColourOption colourOptions[64];
     int opCount = 0;
     for (int i = 2; i < argc; i++) {
         const char *value = i + 1 < argc ? argv[i + 1] : NULL;
@@ -488,6 +541,9 @@ static int CommandConvert(int argc, char **argv)
             ok = ok && end != value && *end == '\0' && degrees > -2e7 && degrees < 2e7;
             angles[opCount] = (int32_t)(degrees * 100 + (degrees < 0 ? -0.5 : 0.5));
             ops[opCount++] = 'r';
+        } else if (!strcmp(argv[i], "--colors")) {
+            ok = ok && ParseColors(value, &colourOptions[opCount]);
+            ops[opCount++] = 'c';
         } else if (!strcmp(argv[i], "--flip")) {
             ok = ok && (!strcmp(value, "x") || !strcmp(value, "y"));
             ops[opCount++] = ok ? value[0] : '?';
@@ -516,14 +572,14 @@ static int CommandConvert(int argc, char **argv)
     if (isatty(2))
         IMG_set_statusbar(0, Progress, 1);
 
+    PageOps pageOps = {ops, angles, colourOptions, opCount, hasCrop ? crop : NULL};
     if (allPages)
-        return ConvertAllPages(in, out, type, ops, angles, opCount, hasCrop ? crop : NULL);
+        return ConvertAllPages(in, out, type, &pageOps);
     long bytes = 0;
     uint8_t *data = NULL;
     if (page != 0 && !(data = ReadWholeFile(in, &bytes)))
         return Fail(in, IMG_ERR_OPEN);
-    int status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, ops, angles, opCount,
-                             hasCrop ? crop : NULL);
+    int status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, &pageOps);
     free(data);
     return status;
 }
