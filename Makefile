@@ -26,6 +26,8 @@ bench: build
 	@./build/bin/bench_ccitt_encode
 	@./build/bin/bench_palette
 	@./build/bin/bench_tiff_write
+	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
+	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

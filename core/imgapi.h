@@ -189,6 +189,16 @@ IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_fd(int32_t fileHandle, uint32_t o
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_mem(void *memory, int32_t page);
 /* extension: the memory image with its size (0 = unknown) */
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_mem_size(void *memory, uint32_t size, int32_t page);
+/* Part 2.1: a headerless CCITT stream (type 4: Group 4; 2: two-dimensional
+ * Group 3; other: one-dimensional, 3 with EOLs) into a new image. */
+IMGEXPORT int32_t IMGAPI IMG_decompress_fax(int32_t handle, int32_t width, int32_t height,
+                                            int32_t type, int32_t fillOrder);
+IMGEXPORT int32_t IMGAPI IMG_decompress_fax_mem(void *memory, int32_t width, int32_t height,
+                                                int32_t type, int32_t fillOrder);
+/* extension: the memory stream with its size (0 = unknown) */
+IMGEXPORT int32_t IMGAPI IMG_decompress_fax_mem_size(void *memory, uint32_t size, int32_t width,
+                                                     int32_t height, int32_t type,
+                                                     int32_t fillOrder);
 IMGEXPORT int32_t IMGAPI IMGLOW_decompress_bitmap(int32_t fileHandle, uint32_t offset, int32_t page,
                                                   IMG_ROW_SINK rowSink, void *sinkContext,
                                                   IMG_HEADER_SINK headerSink);
@@ -197,6 +207,9 @@ IMGEXPORT int32_t IMGAPI IMGLOW_decompress_bitmap_mem(void *memory, int32_t page
                                                       IMG_HEADER_SINK headerSink);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_pages(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_pages_fd(int32_t fileHandle);
+/* Part 1.1: the orientation stored in a ".tif" file (0, 90, 180, 270 or the
+ * tag's raw value); -2 when it cannot be opened, -7 for other names. */
+IMGEXPORT int32_t IMGAPI IMGLOW_get_image_orientation(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_reduction(int32_t bits);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decompsize(int32_t width, int32_t height);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32_t width,

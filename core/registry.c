@@ -249,7 +249,7 @@ typedef struct {
 
 /* Probe order of Part 1.3; readers and page counters as the codecs arrive. */
 static const FormatRow formats[] = {
-    {0, "tif", IMG_TYPE_TIFF, ProbeTif, RefineTif, NULL, NULL},
+    {0, "tif", IMG_TYPE_TIFF, ProbeTif, RefineTif, TiffRead, TiffCountPages},
     {4, "gif", IMG_TYPE_GIF, ProbeGif, RefineGif, NULL, NULL},
     {1, "bmp", IMG_TYPE_BMP, ProbeBmp, RefineBmp, BmpRead, NULL},
     {14, "eps", IMG_TYPE_EPS, ProbeEps, NULL, NULL, NULL},
@@ -483,6 +483,31 @@ int32_t IMGAPI IMGLOW_get_filetype_fd(int32_t fileHandle)
     /* The memory image's seek returns 0, not the position. */
     int32_t start = fileHandle == IMG_MEMORY_HANDLE ? (int32_t)ImgTell() : ImgSeek(fileHandle, 0, 1);
     return QueryType(fileHandle, start < 0 ? 0 : (uint32_t)start);
+}
+
+/* ---- the orientation query (Parts 1.1 and 2.3) ---- */
+
+/* Whether a name ends in ".tif" (any case). */
+static int HasTifExtension(const char *path)
+{
+    size_t n = strlen(path);
+    if (n < 4 || path[n - 4] != '.')
+        return 0;
+    return tolower((unsigned char)path[n - 3]) == 't' && tolower((unsigned char)path[n - 2]) == 'i' &&
+           tolower((unsigned char)path[n - 1]) == 'f';
+}
+
+int32_t IMGAPI IMGLOW_get_image_orientation(const char *path)
+{
+    if (!path)
+        return IMG_ERR_OPEN;
+    int handle = ImgOpen(path, 0);
+    if (handle < 0)
+        return IMG_ERR_OPEN;
+    /* The Photo CD reader's query does not exist yet: other names give -7. */
+    int32_t result = HasTifExtension(path) ? TiffOrientation(handle, 0) : IMG_ERR_TYPE;
+    ImgClose(handle);
+    return result;
 }
 
 int32_t IMGAPI IMGLOW_get_filetype_mem(void *memory)

@@ -1,7 +1,8 @@
 /*
- * tiff_read.h - Part 2.3: the TIFF reader.  For now the header and IFD
- * parsing that the reader, the page count, the subtype query and the
- * orientation query share, and the subtype query of Part 1.3.
+ * tiff_read.h - Part 2.3: the TIFF reader (TiffRead), its page counter
+ * (TiffCountPages), the subtype query of Part 1.3 (TiffSubtype) and the
+ * orientation query (TiffOrientation), with the header and IFD parsing
+ * they share.
  *
  * Every offset in a TIFF is relative to `base`, the image's start in the
  * byte source, so a TIFF inside a larger file or memory image reads correctly.
@@ -10,6 +11,8 @@
 #define TRNW_TIFF_READ_H
 
 #include <stdint.h>
+
+#include "../../core/contracts.h"
 
 #define TIFF_MAX_ENTRIES 300     /* the 3600-byte entry buffer holds 300 entries */
 #define TIFF_MAX_ENTRY_COUNT 550 /* a first entry count above this is invalid (-3) */
@@ -103,5 +106,40 @@ int TiffCompressionType(uint32_t compression, uint32_t t4Options);
  * code (-3 short header or bad entry count, -7 byte order or unknown
  * compression, -12 cut-short IFD). */
 int TiffSubtype(int handle, uint32_t base);
+
+/* The module-wide TIFF info record of Part 2.3, fields in the Part's order;
+ * the defaults are set before each IFD is parsed. */
+typedef struct TiffInfo {
+    int32_t height, width, rowsPerStrip, stripOffsets, stripByteCounts;
+    int32_t samplesPerPixel, bitsPerSample, compression, photometric, colorMapOffset;
+    int32_t xResolution, yResolution, fillOrder, planarConfig, predictor;
+    int32_t grayResponseCurve, grayResponseUnit;
+    int32_t jpegInterchangeFormat, jpegQTables, jpegDCTables, jpegACTables;
+    int32_t ycbcrSubsampling, tiled, orientation;
+} TiffInfo;
+
+/* The record as the last TIFF opened, page count or query left it. */
+const TiffInfo *TiffCurrentInfo(void);
+
+/* Opening a page (Part 2.3 steps 1-8): reads the header at base, walks the
+ * IFD chain to page `page` (0-based) and leaves the info record filled
+ * (T4Options, the photometric XOR for CCITT and ResolutionUnit applied).
+ * 0; -3, -7 (header), -11 (no such page), -12 or -1. */
+int TiffOpenPage(int handle, uint32_t base, int page);
+
+/* The reader of Part 1.4 (registered for "tif").  start: the image's offset,
+ * or IMG_PAGE_FLAG | page with the source positioned at the image.  1 on
+ * success, or a negative code. */
+int TiffRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink headerSink,
+             int handle);
+
+/* The page counter: the number of IFDs of the TIFF at the current position
+ * (at least 1), or -1 when memory fails. */
+int TiffCountPages(int handle);
+
+/* The orientation query over the TIFF at base: 0 for Orientation 1 (or no
+ * tag), 90 for 6, 180 for 3, 270 for 8, the tag's raw value otherwise; or a
+ * negative code of TiffOpenPage. */
+int TiffOrientation(int handle, uint32_t base);
 
 #endif /* TRNW_TIFF_READ_H */

@@ -1291,7 +1291,8 @@ TEST_F(Part1_3_Registry, ReaderRows)
 {
     EXPECT_EQ(RegistryReader("bmp"), (ImgReader)BmpRead);
     EXPECT_EQ(RegistryReader("dib"), (ImgReader)BmpRead) << "type 48 reads with the BMP reader";
-    for (const char *e : {"tif", "gif", "eps", "dcx", "jpg", "wpg", "cal", "png", "kfx", "iff",
+    EXPECT_EQ(RegistryReader("tif"), (ImgReader)TiffRead) << "Part 2.3";
+    for (const char *e : {"gif", "eps", "dcx", "jpg", "wpg", "cal", "png", "kfx", "iff",
                           "gx2", "lsd", "pcx", "ico", "tga", "wmf", "ica", "pcd", "clp", "img",
                           "btr", "msp", "xbm", "xpm", "xwd", "ras", "cut", "txt", "psd", "imt",
                           "pct", "mac"})
@@ -1304,7 +1305,8 @@ TEST_F(Part1_3_Registry, ReaderRows)
 
 TEST_F(Part1_3_Registry, PageCounterRows)
 {
-    for (const char *e : {"tif", "dcx", "ica", "txt", "pcd", "bmp", "gif", "dib", "", "xyz"})
+    EXPECT_EQ(RegistryPageCounter("tif"), (ImgPageCounter)TiffCountPages) << "Part 2.3";
+    for (const char *e : {"dcx", "ica", "txt", "pcd", "bmp", "gif", "dib", "", "xyz"})
         EXPECT_EQ(RegistryPageCounter(e), nullptr) << e << ": none yet (1 page)";
 }
 

@@ -22,6 +22,7 @@ static const char usage[] =
     "commands:\n"
     "  version              print the library version\n"
     "  info FILE...         type, pages, size, depth and resolution of each file\n"
+    "                       (and of every further page of a multi-page file)\n"
     "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
     "          [--rect X,Y,W,H] [--rotate DEGREES] [--flip x|y] [--invert]\n"
     "          [--colors fixed|popularity|octree[:N[:4|8]]]\n"
@@ -239,6 +240,42 @@ static const char *TypeName(int32_t type)
     }
 }
 
+/* Per-page information of a multi-page file: the header of page p (> 0)
+ * taken by a header sink that stops the reader (-18), as IMGLOW_get_fileinfo
+ * does for the first page. */
+static int32_t IMGCDECL PageHeaderSink(const uint8_t *header, void *context)
+{
+    int32_t *info = context;
+    memcpy(info, header, 40);
+    return IMG_ERR_STOPPED;
+}
+
+static int32_t IMGCDECL PageRowSink(const uint8_t *row, void *context, int32_t rowIndex,
+                                    int32_t rowBytes)
+{
+    (void)row, (void)context, (void)rowIndex, (void)rowBytes;
+    return 0;
+}
+
+static void PrintPages(const char *path, int32_t pages)
+{
+    long bytes = 0;
+    uint8_t *data = ReadWholeFile(path, &bytes);
+    if (!data)
+        return;
+    for (int32_t p = 1; p < pages; p++) {
+        int32_t info[10] = {0};
+        int32_t result = IMGLOW_decompress_bitmap_mem(data, p, PageRowSink, info, PageHeaderSink);
+        printf("  page %d: ", p);
+        if (result == IMG_ERR_STOPPED || result == 0)
+            printf("%d x %d, %d bit%s, %d x %d dpi\n", info[1], info[2], info[3] >> 16,
+                   (info[3] >> 16) == 1 ? "" : "s", info[6], info[7]);
+        else
+            printf("(%s)\n", ErrorText(result));
+    }
+    free(data);
+}
+
 static int CommandInfo(int argc, char **argv)
 {
     if (argc < 1) {
@@ -263,6 +300,8 @@ static int CommandInfo(int argc, char **argv)
         else
             printf(" (%s)", ErrorText(result));
         putchar('\n');
+        if (pages > 1) /* page 0 is the line above; pages count from 0 */
+            PrintPages(argv[i], pages);
     }
     return status;
 }

@@ -1,0 +1,954 @@
+/*
+ * ccitt_decode.c - Part 2.1: the CCITT Group 3 and Group 4 decoders and the
+ * raw fax entry points IMG_decompress_fax, IMG_decompress_fax_mem and
+ * IMG_decompress_fax_mem_size.
+ *
+ * One bit reader (least significant bit first, a 32-bit little-endian window
+ * stepped 16 bits at a time), one pair of 13-bit code tables per colour, one
+ * 8-bit mode table, and run records as output: rows are never expanded to
+ * pixels here.
+ *
+ * Hardening (docs/DEVIATIONS.md, Part 2.1): the bit reader knows how many
+ * bytes of the buffer hold data and reads zero bits behind them (the 4 bytes
+ * behind the data are cleared); once every data bit is consumed it reports
+ * the end of the data, which ends the row in progress, satisfies an EOL
+ * search and leaves the remaining rows white.  Every stored change lies in
+ * 0 .. width and the list never decreases; zero-length runs cancel once a
+ * row holds width changes, so no row outgrows its buffer.
+ */
+#include "ccitt_decode.h"
+
+#include <string.h>
+
+#include "../../core/decode.h"
+#include "../../core/dib.h"
+#include "../../core/imgapi.h"
+#include "../../core/imgio.h"
+#include "../../core/runs.h"
+
+/* ---- the code tables (ITU-T T.4, codes written first bit first) ---- */
+
+static const char *const whiteTerminating[64] = {
+    "00110101", "000111",   "0111",     "1000",     "1011",     "1100",     "1110",     "1111",
+    "10011",    "10100",    "00111",    "01000",    "001000",   "000011",   "110100",   "110101",
+    "101010",   "101011",   "0100111",  "0001100",  "0001000",  "0010111",  "0000011",  "0000100",
+    "0101000",  "0101011",  "0010011",  "0100100",  "0011000",  "00000010", "00000011", "00011010",
+    "00011011", "00010010", "00010011", "00010100", "00010101", "00010110", "00010111", "00101000",
+    "00101001", "00101010", "00101011", "00101100", "00101101", "00000100", "00000101", "00001010",
+    "00001011", "01010010", "01010011", "01010100", "01010101", "00100100", "00100101", "01011000",
+    "01011001", "01011010", "01011011", "01001010", "01001011", "00110010", "00110011", "00110100"};
+
+/* Make-up codes for 64, 128, ... 1728. */
+static const char *const whiteMakeUp[27] = {
+    "11011",     "10010",     "010111",    "0110111",   "00110110",  "00110111",  "01100100",
+    "01100101",  "01101000",  "01100111",  "011001100", "011001101", "011010010", "011010011",
+    "011010100", "011010101", "011010110", "011010111", "011011000", "011011001", "011011010",
+    "011011011", "010011000", "010011001", "010011010", "011000",    "010011011"};
+
+static const char *const blackTerminating[64] = {
+    "0000110111",   "010",          "11",           "10",           "011",
+    "0011",         "0010",         "00011",        "000101",       "000100",
+    "0000100",      "0000101",      "0000111",      "00000100",     "00000111",
+    "000011000",    "0000010111",   "0000011000",   "0000001000",   "00001100111",
+    "00001101000",  "00001101100",  "00000110111",  "00000101000",  "00000010111",
+    "00000011000",  "000011001010", "000011001011", "000011001100", "000011001101",
+    "000001101000", "000001101001", "000001101010", "000001101011", "000011010010",
+    "000011010011", "000011010100", "000011010101", "000011010110", "000011010111",
+    "000001101100", "000001101101", "000011011010", "000011011011", "000001010100",
+    "000001010101", "000001010110", "000001010111", "000001100100", "000001100101",
+    "000001010010", "000001010011", "000000100100", "000000110111", "000000111000",
+    "000000100111", "000000101000", "000001011000", "000001011001", "000000101011",
+    "000000101100", "000001011010", "000001100110", "000001100111"};
+
+static const char *const blackMakeUp[27] = {
+    "0000001111",    "000011001000",  "000011001001",  "000001011011",  "000000110011",
+    "000000110100",  "000000110101",  "0000001101100", "0000001101101", "0000001001010",
+    "0000001001011", "0000001001100", "0000001001101", "0000001110010", "0000001110011",
+    "0000001110100", "0000001110101", "0000001110110", "0000001110111", "0000001010010",
+    "0000001010011", "0000001010100", "0000001010101", "0000001011010", "0000001011011",
+    "0000001100100", "0000001100101"};
+
+/* Extended make-up codes for 1792, 1856, ... 2560, shared by both colours. */
+static const char *const extendedMakeUp[13] = {
+    "00000001000",  "00000001100",  "00000001101",  "000000010010", "000000010011",
+    "000000010100", "000000010101", "000000010110", "000000010111", "000000011100",
+    "000000011101", "000000011110", "000000011111"};
+
+static const char eolCode[] = "000000000001";
+
+#define CODE_EOL 4095   /* value & 0xFFF of the EOL entry */
+#define CODE_END 0x10000 /* ours: every data bit consumed */
+
+static uint16_t whiteValues[8192], blackValues[8192];
+static uint8_t whiteLengths[8192], blackLengths[8192];
+static int32_t modeTable[256];
+static uint8_t bitReversal[256];
+static int tablesBuilt;
+
+/* Spreads one code over every 13-bit index whose low bits begin with it. */
+static void AddCode(uint16_t *values, uint8_t *lengths, const char *code, uint16_t value)
+{
+    uint32_t length = (uint32_t)strlen(code), low = 0;
+    for (uint32_t i = 0; i < length; i++)
+        low |= (uint32_t)(code[i] - '0') << i;
+    for (uint32_t high = 0; high < (1u << (13 - length)); high++) {
+        values[low | high << length] = value;
+        lengths[low | high << length] = (uint8_t)(length - 1);
+    }
+}
+
+static void BuildCodeTable(uint16_t *values, uint8_t *lengths, const char *const *terminating,
+                           const char *const *makeUp)
+{
+    memset(values, 0, 8192 * sizeof *values);
+    memset(lengths, 0, 8192);
+    for (int run = 0; run < 64; run++)
+        AddCode(values, lengths, terminating[run], run ? (uint16_t)run : 0x1000);
+    for (int i = 0; i < 27; i++)
+        AddCode(values, lengths, makeUp[i], (uint16_t)(64 * (i + 1)));
+    for (int i = 0; i < 13; i++)
+        AddCode(values, lengths, extendedMakeUp[i], (uint16_t)(1792 + 64 * i));
+    AddCode(values, lengths, eolCode, 0x1FFF);
+}
+
+/* Two-dimensional codes, first bit first, and their mode numbers. */
+static void BuildModeTable(void)
+{
+    static const struct {
+        const char *code;
+        int32_t mode;
+    } modes[] = {{"1", 0},       {"011", 1},     {"010", -1},     {"001", 4},
+                 {"0001", 5},    {"000011", 2},  {"000010", -2},  {"0000011", 3},
+                 {"0000010", -3}};
+    for (int index = 0; index < 256; index++) {
+        modeTable[index] = 0; /* 0000000x and 0000001x: EOL, fill, extension read as V0 */
+        for (size_t m = 0; m < sizeof modes / sizeof modes[0]; m++) {
+            size_t length = strlen(modes[m].code);
+            int match = 1;
+            for (size_t i = 0; i < length && match; i++)
+                match = ((index >> i) & 1) == modes[m].code[i] - '0';
+            if (match) {
+                modeTable[index] = modes[m].mode;
+                break;
+            }
+        }
+    }
+}
+
+static void BuildTables(void)
+{
+    if (tablesBuilt)
+        return;
+    BuildCodeTable(whiteValues, whiteLengths, whiteTerminating, whiteMakeUp);
+    BuildCodeTable(blackValues, blackLengths, blackTerminating, blackMakeUp);
+    BuildModeTable();
+    for (int i = 0; i < 256; i++) {
+        int r = 0;
+        for (int b = 0; b < 8; b++)
+            r |= ((i >> b) & 1) << (7 - b);
+        bitReversal[i] = (uint8_t)r;
+    }
+    tablesBuilt = 1;
+}
+
+void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
+                    const uint8_t **blackLength, const int32_t **modes, const uint8_t **reversal)
+{
+    BuildTables();
+    *white = whiteValues;
+    *whiteLength = whiteLengths;
+    *black = blackValues;
+    *blackLength = blackLengths;
+    *modes = modeTable;
+    *reversal = bitReversal;
+}
+
+/* Bits a two-dimensional mode costs, by mode number + 3. */
+static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
+
+/* ---- the bit reader ---- */
+
+typedef struct BitReader {
+    uint8_t *buffer;
+    uint32_t pos;     /* byte offset of the 32-bit window (even) */
+    uint32_t bit;     /* bit offset in the window: 0-15 before a code */
+    uint32_t end;     /* bytes of data in the buffer */
+    uint32_t fastEnd; /* below it the whole window is data */
+    int handle;
+    int reading;      /* refills from the byte source */
+    int reverse;      /* fill order 1: bytes are bit-reversed as they come in */
+    int sourceDone;   /* the byte source gave less than asked */
+} BitReader;
+
+static BitReader reader;
+
+static void ReverseBytes(uint8_t *p, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; i++)
+        p[i] = bitReversal[p[i]];
+}
+
+static void SetEnd(BitReader *r, uint32_t end)
+{
+    r->end = end;
+    r->fastEnd = end >= 4 ? end - 4 : 0;
+    memset(r->buffer + end, 0, 4); /* the window reads zero bits behind the data */
+}
+
+/* The unconsumed tail to the front, the rest of the chunk from the source. */
+static void Refill(BitReader *r)
+{
+    uint32_t tail = r->pos < r->end ? r->end - r->pos : 0;
+    if (tail)
+        memmove(r->buffer, r->buffer + r->pos, tail);
+    r->pos = 0;
+    uint32_t got = 0;
+    if (!r->sourceDone && tail < CCITT_CHUNK) {
+        int32_t n = ImgRead(r->handle, r->buffer + tail, CCITT_CHUNK - tail);
+        got = n > 0 ? (uint32_t)n : 0;
+        if (got > CCITT_CHUNK - tail)
+            got = CCITT_CHUNK - tail; /* a caller read function claiming too much */
+        if (got < CCITT_CHUNK - tail)
+            r->sourceDone = 1;
+        if (r->reverse)
+            ReverseBytes(r->buffer + tail, got);
+    }
+    SetEnd(r, tail + got);
+}
+
+/* The window at pos reaches past the data: refill when the source has more;
+ * 0 when every data bit is consumed. */
+static int SlowWindow(BitReader *r) __attribute__((noinline));
+static int SlowWindow(BitReader *r)
+{
+    if (r->reading && !r->sourceDone)
+        Refill(r);
+    return (uint64_t)r->pos * 8 + r->bit < (uint64_t)r->end * 8;
+}
+
+static inline uint32_t LoadWindow(const uint8_t *p)
+{
+    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
+}
+
+/* One code: the run length 0-2560, CODE_EOL, or CODE_END. */
+static inline int ReadCode(BitReader *r, const uint16_t *values, const uint8_t *lengths)
+{
+    for (;;) {
+        if (r->bit >= 16) {
+            r->pos += 2;
+            r->bit -= 16;
+        }
+        if (r->pos >= r->fastEnd && !SlowWindow(r))
+            return CODE_END;
+        uint32_t index = (LoadWindow(r->buffer + r->pos) >> r->bit) & 0x1FFF;
+        r->bit += 1u + lengths[index];
+        if (values[index])
+            return values[index] & 0xFFF;
+    }
+}
+
+#define MODE_END 6 /* ours: every data bit consumed */
+
+static inline int ReadMode(BitReader *r)
+{
+    if (r->bit >= 16) {
+        r->pos += 2;
+        r->bit -= 16;
+    }
+    if (r->pos >= r->fastEnd && !SlowWindow(r))
+        return MODE_END;
+    int mode = modeTable[(LoadWindow(r->buffer + r->pos) >> r->bit) & 0xFF];
+    r->bit += modeCost[mode + 3];
+    return mode;
+}
+
+/* One bit (the tag); 0 at the end of the data. */
+static int ReadBit(BitReader *r)
+{
+    if (r->bit >= 16) {
+        r->pos += 2;
+        r->bit -= 16;
+    }
+    if (r->pos >= r->fastEnd && !SlowWindow(r))
+        return 0;
+    int bit = (int)((LoadWindow(r->buffer + r->pos) >> r->bit) & 1);
+    r->bit++;
+    return bit;
+}
+
+static int ReaderAtEnd(BitReader *r)
+{
+    if (r->bit >= 16) {
+        r->pos += 2;
+        r->bit -= 16;
+    }
+    return r->pos >= r->fastEnd && !SlowWindow(r);
+}
+
+/* Mode 2: the next byte boundary (the offset normalised first, so the
+ * rounding (offset + 7) & 0x18 always lands at or above it). */
+static void AlignToByte(BitReader *r)
+{
+    if (r->bit >= 16) {
+        r->pos += 2;
+        r->bit -= 16;
+    }
+    r->bit = (r->bit + 7) & 0x18;
+}
+
+/* Set-up at every call: offset 0, pointer at the front; in the reading modes
+ * (and the non-reading modes with codedBytes 0, our choice) the first chunk
+ * is read, otherwise codedBytes bytes are taken as they are. */
+static void StartReader(uint8_t *buffer, const CcittParameters *p, int handle, int reading)
+{
+    BitReader *r = &reader;
+    r->buffer = buffer;
+    r->pos = 0;
+    r->bit = 0;
+    r->handle = handle;
+    r->reverse = p->fillOrder != 2;
+    r->reading = reading || p->codedBytes == 0;
+    r->sourceDone = !r->reading;
+    if (r->reading) {
+        r->end = 0;
+        Refill(r);
+    } else {
+        if (r->reverse)
+            ReverseBytes(buffer, p->codedBytes);
+        SetEnd(r, p->codedBytes);
+    }
+}
+
+/* After a row: the refill mark, in 16-bit words consumed. */
+static void RefillAtMark(BitReader *r, uint32_t markWords)
+{
+    if (r->reading && r->pos / 2 >= markWords)
+        Refill(r);
+}
+
+static uint32_t Mark1D(int32_t width)
+{
+    uint32_t rowBytes = ((uint32_t)width + 7) / 8;
+    uint32_t m = 4 * ((rowBytes + 3) & ~3u);
+    return m < CCITT_CHUNK / 2 ? CCITT_CHUNK / 2 - m : 0;
+}
+
+static uint32_t Mark2D(int32_t width)
+{
+    if (width >= 7500)
+        return CCITT_CHUNK / 4;
+    uint32_t m = 4 * (((uint32_t)width + 7) / 8);
+    return m < CCITT_CHUNK / 2 ? CCITT_CHUNK / 2 - m : 0;
+}
+
+/* ---- row buffers and records ---- */
+
+#define LIST_START 2 /* word 0: length (with the leading 0), word 1: length or the 0 */
+#define GUARD_WORDS 4
+
+static struct {
+    uint16_t *rows[2];  /* each 5 * width + 400 bytes */
+    int32_t width;      /* the width they were set up for */
+    int reference;      /* which of rows[] holds the reference row */
+    int referenceEnd;   /* the index past its record */
+    int32_t rowsProduced;
+} work;
+
+static void FreeRows(void)
+{
+    ImgFree(work.rows[0]);
+    ImgFree(work.rows[1]);
+    work.rows[0] = work.rows[1] = NULL;
+}
+
+/* The row buffers, their first 200 words preset to width, width + 1, ... */
+static int AllocateRows(int32_t width)
+{
+    FreeRows();
+    size_t bytes = 5 * (size_t)width + 400;
+    for (int i = 0; i < 2; i++) {
+        work.rows[i] = ImgAlloc(bytes);
+        if (!work.rows[i]) {
+            FreeRows();
+            return IMG_ERR_MEMORY;
+        }
+        for (int k = 0; k < 200; k++)
+            work.rows[i][k] = (uint16_t)(width + k > 0xFFFF ? 0xFFFF : width + k);
+    }
+    work.width = width;
+    work.reference = 0;
+    return 0;
+}
+
+/* Writes the terminators behind the changes list[LIST_START .. n) and the
+ * guard words a reference walk may read; returns the index past the record. */
+static int Terminate(uint16_t *list, int n, const uint16_t *terminators, int count, int32_t width)
+{
+    for (int i = 0; i < count; i++)
+        list[n++] = terminators[i];
+    for (int i = 0; i < GUARD_WORDS; i++)
+        list[n + i] = (uint16_t)(width + 1);
+    return n;
+}
+
+/* The record in `row` (changes from LIST_START, terminated up to `n`) to
+ * the callback: the length word, +2 (one more terminator) when it equals the
+ * packed row's byte count, or the 4-byte-aligned stride the row sink takes
+ * for a packed row (docs/DEVIATIONS.md). */
+static int EmitRecord(uint16_t *row, int n, int leadingZero, int32_t width, int32_t rowIndex,
+                      ImgRowSink callback, void *context)
+{
+    uint16_t *record = row + 1;
+    if (leadingZero) {
+        record = row;
+        row[1] = 0;
+    }
+    int bytes = (int)(row + n - record) * 2;
+    /* A loop: one more terminator can turn the packed count into the stride
+     * (width 77: 10 bytes, then 12). */
+    while (bytes == (width + 7) / 8 || (uint64_t)bytes == DibStride((uint32_t)width, 1)) {
+        row[n] = row[n - 1];
+        n++;
+        bytes += 2;
+    }
+    record[0] = (uint16_t)bytes;
+    return callback((const uint8_t *)record, context, rowIndex, bytes);
+}
+
+/* Appends a change (clamped to at least the previous change and at most the
+ * width); past `width` entries a change equal to the last cancels it, so a
+ * list holds at most 2 * width + 1 changes. */
+typedef struct ChangeList {
+    uint16_t *list;
+    int n;          /* next free index */
+    int cancelFrom; /* LIST_START + width */
+    int32_t last;   /* the last change, or 0 */
+    int32_t width;
+} ChangeList;
+
+static inline void PutChange(ChangeList *c, int32_t position)
+{
+    if (position > c->width)
+        position = c->width;
+    if (position < c->last)
+        position = c->last;
+    if (c->n >= c->cancelFrom && position == c->last && c->n > LIST_START) {
+        c->n--;
+        c->last = c->n > LIST_START ? c->list[c->n - 1] : 0;
+        return;
+    }
+    c->list[c->n++] = (uint16_t)position;
+    c->last = position;
+}
+
+static void StartList(ChangeList *c, uint16_t *list, int32_t width)
+{
+    c->list = list;
+    c->n = LIST_START;
+    c->cancelFrom = LIST_START + width;
+    c->last = 0;
+    c->width = width;
+}
+
+/* Cuts the list at its first change at or beyond the width. */
+static void CutAtWidth(ChangeList *c)
+{
+    while (c->n > LIST_START && c->list[c->n - 1] >= c->width)
+        c->n--;
+}
+
+/* ---- the one-dimensional row ---- */
+
+#define ROW_PAGE_END (-100) /* six EOLs */
+
+/* Decodes one Modified Huffman row into c.  countEols: mode 3 or 128 (EOLs
+ * counted in *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END,
+ * or 1 when the data ended before the row began. */
+static inline int Decode1DRowAt(BitReader *r, ChangeList *c, int countEols, int *eols)
+{
+    int32_t width = c->width, position = 0;
+    int white = 1;
+    if (ReaderAtEnd(r))
+        return 1;
+    while (position < width) {
+        const uint16_t *values = white ? whiteValues : blackValues;
+        const uint8_t *lengths = white ? whiteLengths : blackLengths;
+        int32_t code = ReadCode(r, values, lengths);
+        if (code == CODE_END)
+            break;
+        if (code == CODE_EOL) {
+            if (countEols && ++*eols >= 6)
+                return ROW_PAGE_END;
+            continue;
+        }
+        int32_t run = code;
+        while (code >= 64) {
+            code = ReadCode(r, values, lengths);
+            if (code == CODE_END)
+                break;
+            run += code; /* an EOL here adds 4095, as the Part reads */
+            if (run > 0x20000)
+                run = 0x20000;
+        }
+        position += run;
+        PutChange(c, position);
+        white = !white;
+        *eols = 0;
+        if (code == CODE_END)
+            break;
+    }
+    return 0;
+}
+
+/* The row decoders work on a local copy of the reader (kept in registers). */
+static int Decode1DRow(BitReader *shared, ChangeList *c, int countEols, int *eols)
+{
+    BitReader local = *shared;
+    ChangeList list = *c;
+    int result = Decode1DRowAt(&local, &list, countEols, eols);
+    *shared = local;
+    *c = list;
+    return result;
+}
+
+/* Looks for EOL: one code, then up to `further` more.  The end of the data
+ * counts as found.  0 or -3. */
+static int SeekEol(BitReader *r, int further)
+{
+    for (int i = 0; i <= further; i++) {
+        int code = ReadCode(r, whiteValues, whiteLengths);
+        if (code == CODE_EOL || code == CODE_END)
+            return 0;
+    }
+    return IMG_ERR_INVALID;
+}
+
+static int EmitWhite(uint16_t *row, int leadingZero, int32_t width, int32_t rowIndex,
+                     ImgRowSink callback, void *context)
+{
+    uint16_t terminators[3] = {(uint16_t)width, (uint16_t)width, (uint16_t)width};
+    int n = Terminate(row, LIST_START, terminators, 3, width);
+    return EmitRecord(row, n, leadingZero, width, rowIndex, callback, context);
+}
+
+static int CheckCall(const CcittParameters *p, int32_t rowCount, int32_t firstRow)
+{
+    if (!p || p->width >= 0xFFFF || rowCount < 0 || firstRow < 0)
+        return IMG_ERR_INVALID; /* positions are 16-bit: width + 1 must fit */
+    return 0;
+}
+
+/* Set-up on row 0 (or when the buffers are missing or of another width):
+ * tables, row buffers.  0 or -1. */
+static int SetUp(int32_t width, int32_t firstRow)
+{
+    BuildTables();
+    if (firstRow == 0 || !work.rows[0] || work.width != width) {
+        int result = AllocateRows(width);
+        if (result < 0)
+            return result;
+        return 1; /* a fresh reference row is needed */
+    }
+    return 0;
+}
+
+/* Frees the buffers once the image's last row has been produced. */
+static void FinishCall(const CcittParameters *p, int32_t endRow)
+{
+    if (endRow >= p->height)
+        FreeRows();
+}
+
+int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
+                  const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
+                  void *context)
+{
+    int result = CheckCall(parameters, rowCount, firstRow);
+    if (result < 0)
+        return result;
+    const CcittParameters *p = parameters;
+    int32_t width = p->width, mode = p->mode;
+    result = SetUp(width, firstRow);
+    if (result < 0)
+        return result;
+    work.rowsProduced = firstRow;
+    BitReader *r = &reader;
+    StartReader(buffer, p, handle, mode != 128);
+    int countEols = mode == 3 || mode == 128;
+    int leadingZero = p->whiteIsZero == 0;
+    uint16_t *row = work.rows[0];
+    uint32_t mark = Mark1D(width);
+    int eols = 0, last = 0, dataEnded = 0;
+    for (int32_t i = 0; i < rowCount; i++) {
+        int32_t rowIndex = firstRow + i;
+        ChangeList c;
+        StartList(&c, row, width);
+        int status = dataEnded ? 1 : Decode1DRow(r, &c, countEols, &eols);
+        if (status == ROW_PAGE_END) {
+            /* The page has ended: the rest of the call is white. */
+            for (; i < rowCount; i++) {
+                last = EmitWhite(row, leadingZero, width, firstRow + i, rowCallback, context);
+                if (last < 0)
+                    break;
+            }
+            FreeRows();
+            return last < 0 ? last : 0;
+        }
+        if (status == 1)
+            dataEnded = 1;
+        else
+            work.rowsProduced = rowIndex + 1;
+        CutAtWidth(&c);
+        if (mode == 2)
+            AlignToByte(r);
+        if (countEols && !dataEnded) {
+            eols++;
+            int code = ReadCode(r, whiteValues, whiteLengths);
+            if (code != CODE_EOL && code != CODE_END && SeekEol(r, 2999) < 0) {
+                FreeRows();
+                return IMG_ERR_INVALID;
+            }
+        }
+        uint16_t terminators[3] = {(uint16_t)width, (uint16_t)width, (uint16_t)width};
+        int n = Terminate(row, c.n, terminators, 3, width);
+        last = EmitRecord(row, n, leadingZero, width, rowIndex, rowCallback, context);
+        if (last < 0) {
+            FreeRows();
+            return last;
+        }
+        RefillAtMark(r, mark);
+    }
+    FinishCall(p, firstRow + rowCount);
+    return last;
+}
+
+/* ---- the two-dimensional row (Group 4, and Group 3 with tag 0) ---- */
+
+/* Decodes one Modified READ row against the reference changes `ref` (a
+ * list ending in entries beyond the width) into c.  Returns 0, or 1 when the
+ * data ended before the row began. */
+static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c)
+{
+    int32_t width = c->width, a0 = 0;
+    int white = 1;
+    int b = 0; /* index into ref of b1 */
+    if (ReaderAtEnd(r))
+        return 1;
+    while (a0 < width) {
+        int mode = ReadMode(r);
+        int32_t a1;
+        switch (mode) {
+        case 0:
+            a1 = ref[b];
+            b++;
+            break;
+        case 1:
+            a1 = ref[b] + 1;
+            b++;
+            if (ref[b] <= a1)
+                b += 2;
+            break;
+        case 2:
+        case 3:
+            a1 = ref[b] + mode;
+            b++;
+            while (ref[b] <= a1)
+                b += 2;
+            break;
+        case -1:
+        case -2:
+        case -3:
+            a1 = ref[b] + mode;
+            b--;
+            if (b < 0)
+                b += 2; /* before the first change: the next of that colour */
+            while (ref[b] <= a1)
+                b += 2;
+            break;
+        case 4: {
+            const uint16_t *v1 = white ? whiteValues : blackValues;
+            const uint8_t *l1 = white ? whiteLengths : blackLengths;
+            const uint16_t *v2 = white ? blackValues : whiteValues;
+            const uint8_t *l2 = white ? blackLengths : whiteLengths;
+            int32_t run1 = 0, run2 = 0, code;
+            do {
+                code = ReadCode(r, v1, l1);
+                run1 += code == CODE_END ? 0 : code;
+            } while (code >= 64 && code != CODE_END && run1 < 0x20000);
+            if (code != CODE_END) {
+                do {
+                    code = ReadCode(r, v2, l2);
+                    run2 += code == CODE_END ? 0 : code;
+                } while (code >= 64 && code != CODE_END && run2 < 0x20000);
+            }
+            PutChange(c, a0 + run1);
+            PutChange(c, a0 + run1 + run2);
+            a0 = a0 + run1 + run2 < width ? a0 + run1 + run2 : width;
+            while (ref[b] <= a0)
+                b += 2;
+            if (code == CODE_END)
+                return 0;
+            continue;
+        }
+        case 5:
+            b++;
+            if (ref[b] > a0)
+                a0 = ref[b];
+            b++;
+            continue;
+        default: /* MODE_END */
+            return 0;
+        }
+        if (a1 < a0)
+            a1 = a0;
+        PutChange(c, a1);
+        a0 = a1;
+        white = !white;
+    }
+    return 0;
+}
+
+static int Decode2DRow(BitReader *shared, const uint16_t *ref, ChangeList *c)
+{
+    BitReader local = *shared;
+    ChangeList list = *c;
+    int result = Decode2DRowAt(&local, ref, &list);
+    *shared = local;
+    *c = list;
+    return result;
+}
+
+/* Sets the reference row of an image's first row: `count` terminators. */
+static void WhiteReference(int32_t width, int count)
+{
+    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)width,
+                               (uint16_t)(width + 1)};
+    work.reference = 0;
+    work.referenceEnd = Terminate(work.rows[0], LIST_START, terminators, count, width);
+}
+
+/* ---- the two-dimensional Group 3 decoder ---- */
+
+int CcittDecode2D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
+                  const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
+                  void *context)
+{
+    int result = CheckCall(parameters, rowCount, firstRow);
+    if (result < 0)
+        return result;
+    const CcittParameters *p = parameters;
+    int32_t width = p->width;
+    int tagged = p->mode == 45;
+    result = SetUp(width, firstRow);
+    if (result < 0)
+        return result;
+    if (result == 1)
+        WhiteReference(width, 4); /* width three times, then width + 1 */
+    work.rowsProduced = firstRow;
+    BitReader *r = &reader;
+    StartReader(buffer, p, handle, tagged);
+    uint32_t mark = Mark2D(width);
+    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)(width + 1),
+                               (uint16_t)(width + 1)};
+    int last = 0, dataEnded = 0, eols = 0;
+    for (int32_t i = 0; i < rowCount; i++) {
+        int32_t rowIndex = firstRow + i;
+        int oneD = 0;
+        if (!dataEnded && (tagged || rowIndex < 2)) {
+            if (SeekEol(r, 2000) < 0) {
+                FreeRows();
+                return IMG_ERR_INVALID;
+            }
+            int tag = ReadBit(r);
+            oneD = tagged ? tag : rowIndex == 0;
+        }
+        uint16_t *row = work.rows[!work.reference];
+        ChangeList c;
+        StartList(&c, row, width);
+        int status = 1;
+        if (!dataEnded)
+            status = oneD ? Decode1DRow(r, &c, 0, &eols)
+                          : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
+        if (status == 1)
+            dataEnded = 1;
+        else
+            work.rowsProduced = rowIndex + 1;
+        CutAtWidth(&c);
+        int n = Terminate(row, c.n, terminators, 4, width);
+        work.reference = !work.reference;
+        work.referenceEnd = n;
+        last = EmitRecord(row, n, 0, width, rowIndex, rowCallback, context);
+        if (last < 0) {
+            FreeRows(); /* ours: stop at once, as the other two decoders do */
+            return last;
+        }
+        RefillAtMark(r, mark);
+    }
+    FinishCall(p, firstRow + rowCount);
+    return last;
+}
+
+/* ---- the Group 4 decoder ---- */
+
+int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
+                  const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
+                  void *context)
+{
+    int result = CheckCall(parameters, rowCount, firstRow);
+    if (result < 0)
+        return result;
+    const CcittParameters *p = parameters;
+    int32_t width = p->width;
+    result = SetUp(width, firstRow);
+    if (result < 0)
+        return result;
+    if (result == 1)
+        WhiteReference(width, 3); /* width three times */
+    work.rowsProduced = firstRow;
+    BitReader *r = &reader;
+    StartReader(buffer, p, handle, p->mode == 4);
+    int leadingZero = p->whiteIsZero == 0;
+    uint32_t mark = Mark2D(width);
+    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)(width + 1),
+                               (uint16_t)(width + 1)};
+    int last = 0, dataEnded = 0;
+    int32_t i = 0;
+    for (; i < rowCount && firstRow + i < p->height; i++) {
+        int32_t rowIndex = firstRow + i;
+        uint16_t *row = work.rows[!work.reference];
+        ChangeList c;
+        StartList(&c, row, width);
+        int status = dataEnded ? 1 : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
+        if (status == 1)
+            dataEnded = 1;
+        else
+            work.rowsProduced = rowIndex + 1;
+        CutAtWidth(&c);
+        int n = Terminate(row, c.n, terminators, 4, width);
+        work.reference = !work.reference;
+        work.referenceEnd = n;
+        last = EmitRecord(row, n, leadingZero, width, rowIndex, rowCallback, context);
+        if (last < 0) {
+            FreeRows();
+            return last;
+        }
+        RefillAtMark(r, mark);
+    }
+    /* The image's rows ran out: the last record again for each row left. */
+    for (; i < rowCount; i++) {
+        last = EmitRecord(work.rows[work.reference], work.referenceEnd, leadingZero, width,
+                          firstRow + i, rowCallback, context);
+        if (last < 0) {
+            FreeRows();
+            return last;
+        }
+    }
+    FinishCall(p, firstRow + rowCount);
+    return last;
+}
+
+int32_t CcittRowsProduced(void)
+{
+    return work.rowsProduced;
+}
+
+/* ---- IMG_decompress_fax ---- */
+
+/* The fax stream's geometry for FaxReader (one decode at a time). */
+static struct {
+    int32_t width, height, type, fillOrder;
+} fax;
+
+/* A reader over the headerless stream: the header of a 1-bit image with a
+ * black-then-white palette, then every row through the chosen decoder. */
+static int FaxReader(uint32_t start, ImgRowSink rowSink, void *sinkContext,
+                     ImgHeaderSink headerSink, int handle)
+{
+    (void)start;
+    uint8_t block[IMG_HEADER_BLOCK_SIZE];
+    memset(block, 0, sizeof block);
+    BITMAPINFOHEADER h;
+    memset(&h, 0, sizeof h);
+    h.biSize = DIB_HEADER_SIZE;
+    h.biWidth = fax.width;
+    h.biHeight = fax.height;
+    h.biPlanes = 1;
+    h.biBitCount = 1;
+    h.biSizeImage = (uint32_t)(DibStride((uint32_t)fax.width, 1) * (uint64_t)fax.height);
+    memcpy(block, &h, sizeof h);
+    memset(block + DIB_HEADER_SIZE + 4, 255, 3); /* entry 0 black, entry 1 white */
+    int result = headerSink(block, sinkContext);
+    if (result < 0)
+        return result;
+
+    uint8_t *buffer = ImgAlloc(CCITT_CHUNK + 500);
+    if (!buffer)
+        return IMG_ERR_MEMORY;
+    CcittParameters p;
+    memset(&p, 0, sizeof p);
+    p.width = (uint16_t)fax.width;
+    p.height = fax.height;
+    p.fillOrder = fax.fillOrder;
+    p.mode = fax.type;
+    p.whiteIsZero = 1;
+    /* codedBytes 0: the non-reading modes (type 2, 128) fill the buffer from
+     * the source as the reading modes do (our choice, docs/DEVIATIONS.md). */
+    if (fax.type == 4)
+        result = CcittDecodeG4(buffer, fax.height, 0, &p, handle, rowSink, sinkContext);
+    else if (fax.type == 2)
+        result = CcittDecode2D(buffer, fax.height, 0, &p, handle, rowSink, sinkContext);
+    else
+        result = CcittDecode1D(buffer, fax.height, 0, &p, handle, rowSink, sinkContext);
+    ImgFree(buffer);
+    return result < 0 ? result : 1;
+}
+
+/* Height 0: the rows actually produced become the image's height. */
+static void SetProducedHeight(int32_t image)
+{
+    ImgDescriptor *d = ImgTableGet(image);
+    int32_t rows = CcittRowsProduced();
+    if (!d || !d->dib || rows < 1 || rows >= d->height)
+        return;
+    BITMAPINFOHEADER *h = (BITMAPINFOHEADER *)d->dib;
+    d->height = rows;
+    d->cropHeight = rows;
+    h->biHeight = rows;
+    h->biSizeImage = (uint32_t)((uint64_t)d->stride * (uint64_t)rows);
+}
+
+static int32_t DecompressFax(int32_t handle, int32_t width, int32_t height, int32_t type,
+                             int32_t fillOrder)
+{
+    if (width < 1 || width > RUN_MAX_WIDTH || height < 0)
+        return IMG_ERR_INVALID;
+    fax.width = width;
+    fax.height = height ? height : 2048;
+    fax.type = type;
+    fax.fillOrder = fillOrder;
+    int32_t image = ImgDecodeWithReader(FaxReader, 0, handle);
+    if (image >= 0 && height == 0)
+        SetProducedHeight(image);
+    return image;
+}
+
+int32_t IMGAPI IMG_decompress_fax(int32_t handle, int32_t width, int32_t height, int32_t type,
+                                  int32_t fillOrder)
+{
+    return DecompressFax(handle, width, height, type, fillOrder);
+}
+
+int32_t IMGAPI IMG_decompress_fax_mem(void *memory, int32_t width, int32_t height, int32_t type,
+                                      int32_t fillOrder)
+{
+    ImgSetMemorySource(memory);
+    return DecompressFax(IMG_MEMORY_HANDLE, width, height, type, fillOrder);
+}
+
+int32_t IMGAPI IMG_decompress_fax_mem_size(void *memory, uint32_t size, int32_t width,
+                                           int32_t height, int32_t type, int32_t fillOrder)
+{
+    ImgSetMemorySourceSized(memory, size);
+    return DecompressFax(IMG_MEMORY_HANDLE, width, height, type, fillOrder);
+}
