@@ -25,6 +25,7 @@ bench: build
 	@if [ -x ./build/bin/bench_lzw ]; then ./build/bin/bench_lzw; else echo "bench_lzw: not built (libtiff-dev missing)"; fi
 	@./build/bin/bench_ccitt_encode
 	@./build/bin/bench_palette
+	@./build/bin/bench_tiff_write
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
 	@./build/bin/bench_dither
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi

@@ -16,6 +16,7 @@
 
 #include "../codecs/bilevel/ccitt_encode.h"
 #include "../codecs/bilevel/tiff_read.h"
+#include "../codecs/bilevel/tiff_write.h"
 #include "../codecs/tone/bmp.h"
 #include "../codecs/tone/gif.h"
 #include "bytes.h"
@@ -308,7 +309,7 @@ typedef struct {
 static const SaveRow saveTypes[] = {
     /* IMG_save_bitmap's extension list, in its order.  ".imt" and ".btr"
      * carry a leading point and so never equal three characters (kept). */
-    {IMG_TYPE_TIFF, "tif", NULL},
+    {IMG_TYPE_TIFF, "tif", TiffWriteUncompressed},
     {IMG_TYPE_BMP, "bmp", BmpWriteFile},
     {IMG_TYPE_PCX, "pcx", NULL},
     {IMG_TYPE_TGA, "tga", NULL},
@@ -334,13 +335,13 @@ static const SaveRow saveTypes[] = {
     {IMG_TYPE_ICA, "ica", NULL},
     {IMG_TYPE_MCA, "mca", NULL},
     /* The other types of Part 1.5's writer dispatch. */
-    {IMG_TYPE_TIFF_HUFFMAN, NULL, NULL},
-    {IMG_TYPE_TIFF_G3, NULL, NULL},
-    {IMG_TYPE_TIFF_LZW, NULL, NULL},
-    {IMG_TYPE_TIFF_G4, NULL, NULL},
-    {IMG_TYPE_TIFF_PACKBITS, NULL, NULL},
-    {IMG_TYPE_TIFF_JPEG, NULL, NULL},
-    {IMG_TYPE_TIFF_51, NULL, NULL},
+    {IMG_TYPE_TIFF_HUFFMAN, NULL, TiffWriteHuffman},
+    {IMG_TYPE_TIFF_G3, NULL, TiffWriteGroup3},
+    {IMG_TYPE_TIFF_LZW, NULL, TiffWriteLzw},
+    {IMG_TYPE_TIFF_G4, NULL, TiffWriteGroup4},
+    {IMG_TYPE_TIFF_PACKBITS, NULL, TiffWritePackBits},
+    {IMG_TYPE_TIFF_JPEG, NULL, TiffWriteJpeg},
+    {IMG_TYPE_TIFF_51, NULL, TiffWriteGroup4Msb},
     {IMG_TYPE_DIB, NULL, BmpWritePacked},
     {IMG_TYPE_BMP_COMPRESSED, NULL, BmpWriteCompressed},
     {IMG_TYPE_TGA2, NULL, NULL},

@@ -1320,7 +1320,12 @@ TEST_F(Part1_3_Registry, WriterRows)
     EXPECT_EQ(RegistryWriter(53), (ImgWriter)CcittWriteFaxG3Lsb);
     EXPECT_EQ(RegistryWriter(34), (ImgWriter)CcittWriteFaxG4);
     EXPECT_EQ(RegistryWriter(52), (ImgWriter)CcittWriteFaxG4Lsb);
-    const std::vector<int> registered = {1, 48, 12, 33, 53, 34, 52};
+    // The TIFF writers of Part 2.4.
+    const std::vector<int> tiffTypes = {0, 7, 8, 9, 10, 16, 40, 51};
+    for (int type : tiffTypes)
+        EXPECT_NE(RegistryWriter(type), nullptr) << type;
+    std::vector<int> registered = {1, 48, 12, 33, 53, 34, 52};
+    registered.insert(registered.end(), tiffTypes.begin(), tiffTypes.end());
     for (int type = -2; type <= 60; type++)
         if (std::find(registered.begin(), registered.end(), type) == registered.end()) {
             EXPECT_EQ(RegistryWriter(type), nullptr) << type;

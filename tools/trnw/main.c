@@ -40,6 +40,15 @@ static const char usage[] =
     "                       4-bit colour, convert to 8-bit grey, promote to 8 or 24\n"
     "                       bits (in the order given, with the transforms); reduce\n"
     "                       the depth while decoding with the ordered dithers\n"
+    "  convert IN OUT --all-pages [--type N] [other convert options]\n"
+    "                       every page of IN to the multi-page OUT (TIFF or DCX;\n"
+    "                       OUT is replaced), each page transformed as above\n"
+    "  split IN OUTPREFIX [--type N]\n"
+    "                       one file per page of IN: OUTPREFIX001.tif, ... (type N,\n"
+    "                       a TIFF save type; uncompressed by default)\n"
+    "  merge OUT.tif IN... [--type N]\n"
+    "                       every page of every IN (any readable format) appended in\n"
+    "                       order to OUT.tif, which is replaced (type N as for split)\n"
     "  runs IN.dib [OUT.dib]\n"
     "                       load a bare DIB (40-byte header, palette, rows), hold a\n"
     "                       1-bit picture run-coded, expand it again row by row and\n"
@@ -435,6 +444,174 @@ static int32_t ApplyColourOperation(int32_t handle, char op, int32_t arg)
     }
 }
 
+/* The transforms of convert, in the order given, then the crop rectangle. */
+typedef struct {
+    const char *ops; /* 'r' rotate (hundredths), 'x'/'y' flip, 'c' colours, 'i' invert,
+                        else a Part 4.2 operation (ApplyColourOperation) */
+    const int32_t *angles;
+    const ColourOption *colours;
+    int count;
+    const int32_t *crop; /* NULL: none */
+} PageOps;
+
+static const PageOps noPageOps = {NULL, NULL, NULL, 0, NULL};
+
+static int32_t Transform(int32_t handle, const PageOps *p)
+{
+    int32_t result = 0;
+    for (int k = 0; k < p->count && result >= 0; k++) {
+        if (p->ops[k] == 'r')
+            result = IMG_rotate_bitmap(handle, p->angles[k]);
+        else if (p->ops[k] == 'x')
+            result = IMG_flip_bitmapx(handle);
+        else if (p->ops[k] == 'y')
+            result = IMG_flip_bitmapy(handle);
+        else if (p->ops[k] == 'c')
+            result = ApplyColors(handle, &p->colours[k]);
+        else if (p->ops[k] == 'i')
+            result = IMG_invert_bitmap(handle);
+        else
+            result = ApplyColourOperation(handle, p->ops[k], p->angles[k]);
+        progressRows = 0;
+    }
+    if (result >= 0 && p->crop)
+        result = IMG_set_croprect(handle, p->crop[0], p->crop[1], p->crop[2], p->crop[3]);
+    return result < 0 ? result : 0;
+}
+
+/* One page of `in` (by name for page 0 when `data` is NULL, else from the
+ * whole file in `data`): decode, transform, save to `out` (which a
+ * multi-page type appends to).  0, or 1 after reporting the failure. */
+static int ConvertPage(const char *in, uint8_t *data, uint32_t bytes, int32_t page, const char *out,
+                       int32_t type, const PageOps *p)
+{
+    int32_t handle = data ? IMG_decompress_bitmap_mem_size(data, bytes, page) : IMG_decompress_bitmap(in);
+    progressRows = 0;
+    if (handle < 0)
+        return Fail(in, handle);
+    int32_t result = Transform(handle, p);
+    if (result == 0)
+        result = IMG_save_bitmap(handle, out, type);
+    IMG_delete_bitmap(handle);
+    return result < 0 ? Fail(out, result) : 0;
+}
+
+/* The page count of a file; 1 when its format has no pages. */
+static int32_t PageCount(const char *path)
+{
+    int32_t pages = IMGLOW_get_pages(path);
+    return pages < 1 ? 1 : pages;
+}
+
+/* The save types that append pages to an existing file (Part 1.5). */
+static int MultiPageType(int32_t type, const char *path)
+{
+    static const int32_t types[] = {0, 7, 8, 9, 10, 11, 16, 40, 46, 47, 49, 51};
+    if (type == IMG_TYPE_BY_EXTENSION) {
+        size_t n = strlen(path);
+        const char *tail = n >= 3 ? path + n - 3 : "";
+        static const char *const extensions[] = {"tif", "TIF", "dcx", "DCX", "mca", "MCA"};
+        for (size_t i = 0; i < sizeof extensions / sizeof extensions[0]; i++)
+            if (!strcmp(tail, extensions[i]))
+                return 1;
+        return 0;
+    }
+    for (size_t i = 0; i < sizeof types / sizeof types[0]; i++)
+        if (types[i] == type)
+            return 1;
+    return 0;
+}
+
+/* Appends every page of `in` to `out` (already emptied by the caller). */
+static int AppendAllPages(const char *in, const char *out, int32_t type, const PageOps *p)
+{
+    long bytes = 0;
+    uint8_t *data = ReadWholeFile(in, &bytes);
+    if (!data)
+        return Fail(in, IMG_ERR_OPEN);
+    int32_t pages = PageCount(in);
+    int status = 0;
+    for (int32_t page = 0; page < pages && status == 0; page++)
+        status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, p);
+    free(data);
+    return status;
+}
+
+static int ConvertAllPages(const char *in, const char *out, int32_t type, const PageOps *p)
+{
+    if (!MultiPageType(type, out)) {
+        fprintf(stderr, "trnw: convert --all-pages: %s: the output type holds one page only\n", out);
+        return 2;
+    }
+    remove(out); /* the saves append: start from an empty output */
+    return AppendAllPages(in, out, type, p);
+}
+
+/* The value of a trailing "--type N" option, or -1 (by extension). */
+static int TypeOption(int *argc, char **argv, int32_t *type)
+{
+    *type = IMG_TYPE_BY_EXTENSION;
+    if (*argc >= 2 && !strcmp(argv[*argc - 2], "--type")) {
+        if (!ParseNumbers(argv[*argc - 1], type, 1, 0))
+            return 0;
+        *argc -= 2;
+    }
+    return 1;
+}
+
+static int CommandSplit(int argc, char **argv)
+{
+    int32_t type;
+    if (!TypeOption(&argc, argv, &type) || argc != 2) {
+        fputs(usage, stderr);
+        return 2;
+    }
+    const char *in = argv[0], *prefix = argv[1];
+    long bytes = 0;
+    uint8_t *data = ReadWholeFile(in, &bytes);
+    if (!data)
+        return Fail(in, IMG_ERR_OPEN);
+    int32_t pages = PageCount(in);
+    int status = 0;
+    for (int32_t page = 0; page < pages && status == 0; page++) {
+        char out[4096];
+        if (snprintf(out, sizeof out, "%s%03d.tif", prefix, (int)page + 1) >= (int)sizeof out) {
+            status = Fail(prefix, IMG_ERR_CREATE);
+            break;
+        }
+        remove(out); /* a TIFF save would append to an old file */
+        status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, &noPageOps);
+        if (status == 0)
+            printf("%s\n", out);
+    }
+    free(data);
+    return status;
+}
+
+static int CommandMerge(int argc, char **argv)
+{
+    int32_t type;
+    if (!TypeOption(&argc, argv, &type) || argc < 2) {
+        fputs(usage, stderr);
+        return 2;
+    }
+    const char *out = argv[0];
+    if (!MultiPageType(type, out)) {
+        fprintf(stderr, "trnw: merge: %s: the output type holds one page only\n", out);
+        return 2;
+    }
+    for (int i = 1; i < argc; i++)
+        if (!strcmp(argv[i], out)) {
+            fprintf(stderr, "trnw: merge: %s is both output and input\n", out);
+            return 2;
+        }
+    remove(out);
+    int status = 0;
+    for (int i = 1; i < argc && status == 0; i++)
+        status = AppendAllPages(argv[i], out, type, &noPageOps);
+    return status;
+}
+
 static int CommandConvert(int argc, char **argv)
 {
     if (argc < 2) {
@@ -443,8 +620,8 @@ static int CommandConvert(int argc, char **argv)
     }
     const char *in = argv[0], *out = argv[1];
     int32_t type = IMG_TYPE_BY_EXTENSION, page = 0, crop[4], size[2], rect[4];
-    int hasCrop = 0, hasSize = 0, hasRect = 0;
-    /* Transforms in the order given: 'r' rotate (hundredths), 'x'/'y' flip, 'i' invert. */
+    int hasCrop = 0, hasSize = 0, hasRect = 0, allPages = 0;
+    /* Operations in the order given (PageOps). */
     char ops[64];
     int32_t angles[64];
     ColourOption colourOptions[64];
@@ -466,6 +643,9 @@ static int CommandConvert(int argc, char **argv)
             ok = 0;
         } else if (!strcmp(argv[i], "--invert")) {
             ops[opCount++] = 'i';
+            continue;
+        } else if (!strcmp(argv[i], "--all-pages")) {
+            allPages = 1;
             continue;
         } else if (!strcmp(argv[i], "--rotate")) {
             char *end = NULL;
@@ -506,44 +686,16 @@ static int CommandConvert(int argc, char **argv)
     if (isatty(2))
         IMG_set_statusbar(0, Progress, 1);
 
-    int32_t handle;
-    if (page == 0) {
-        handle = IMG_decompress_bitmap(in);
-    } else {
-        long bytes = 0;
-        uint8_t *data = ReadWholeFile(in, &bytes);
-        if (!data)
-            return Fail(in, IMG_ERR_OPEN);
-        handle = IMG_decompress_bitmap_mem_size(data, (uint32_t)bytes, page);
-        free(data);
-    }
-    progressRows = 0;
-    if (handle < 0)
-        return Fail(in, handle);
-    int32_t result = 0;
-    for (int k = 0; k < opCount && result >= 0; k++) {
-        if (ops[k] == 'r')
-            result = IMG_rotate_bitmap(handle, angles[k]);
-        else if (ops[k] == 'x')
-            result = IMG_flip_bitmapx(handle);
-        else if (ops[k] == 'y')
-            result = IMG_flip_bitmapy(handle);
-        else if (ops[k] == 'c')
-            result = ApplyColors(handle, &colourOptions[k]);
-        else if (ops[k] == 'i')
-            result = IMG_invert_bitmap(handle);
-        else
-            result = ApplyColourOperation(handle, ops[k], angles[k]);
-        progressRows = 0;
-    }
-    if (result >= 0 && hasCrop)
-        result = IMG_set_croprect(handle, crop[0], crop[1], crop[2], crop[3]);
-    if (result == 0)
-        result = IMG_save_bitmap(handle, out, type);
-    IMG_delete_bitmap(handle);
-    if (result < 0)
-        return Fail(out, result);
-    return 0;
+    PageOps pageOps = {ops, angles, colourOptions, opCount, hasCrop ? crop : NULL};
+    if (allPages)
+        return ConvertAllPages(in, out, type, &pageOps);
+    long bytes = 0;
+    uint8_t *data = NULL;
+    if (page != 0 && !(data = ReadWholeFile(in, &bytes)))
+        return Fail(in, IMG_ERR_OPEN);
+    int status = ConvertPage(in, data, (uint32_t)bytes, page, out, type, &pageOps);
+    free(data);
+    return status;
 }
 
 int main(int argc, char **argv)
@@ -558,6 +710,10 @@ int main(int argc, char **argv)
         return CommandInfo(argc - 2, argv + 2);
     if (!strcmp(argv[1], "convert"))
         return CommandConvert(argc - 2, argv + 2);
+    if (!strcmp(argv[1], "split"))
+        return CommandSplit(argc - 2, argv + 2);
+    if (!strcmp(argv[1], "merge"))
+        return CommandMerge(argc - 2, argv + 2);
     if (!strcmp(argv[1], "runs"))
         return CommandRuns(argc - 2, argv + 2);
     fprintf(stderr, "trnw: unknown command '%s'\n\n%s", argv[1], usage);
