@@ -23,6 +23,9 @@ bench: build
 	@./build/bin/bench_runs
 	@./build/bin/bench_rotate
 	@./build/bin/bench_dither
+	@if [ -x ./build/bin/bench_lzw ]; then ./build/bin/bench_lzw; else echo "bench_lzw: not built (libtiff-dev missing)"; fi
+	@./build/bin/bench_ccitt_encode
+	@./build/bin/bench_palette
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

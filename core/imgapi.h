@@ -234,6 +234,11 @@ IMGEXPORT int32_t IMGAPI IMG_color_gray(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_promote_8(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_promote_24(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_dithermode(int32_t mode);
+/* ---- Part 4.1: palette selection ---- */
+IMGEXPORT int32_t IMGAPI IMG_mediancut_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_popularity_color(int32_t handle);
+IMGEXPORT int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colours,
+                                          int32_t count);
 
 #ifdef __cplusplus
 }

@@ -14,6 +14,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "../codecs/bilevel/ccitt_encode.h"
 #include "../codecs/bilevel/tiff_read.h"
 #include "../codecs/tone/bmp.h"
 #include "../codecs/tone/gif.h"
@@ -344,10 +345,10 @@ static const SaveRow saveTypes[] = {
     {IMG_TYPE_BMP_COMPRESSED, NULL, BmpWriteCompressed},
     {IMG_TYPE_TGA2, NULL, NULL},
     {IMG_TYPE_GIF_INTERLACED, NULL, NULL},
-    {IMG_TYPE_FAX_G3, NULL, NULL},
-    {IMG_TYPE_FAX_G3_B, NULL, NULL},
-    {IMG_TYPE_FAX_G4, NULL, NULL},
-    {IMG_TYPE_FAX_G4_B, NULL, NULL},
+    {IMG_TYPE_FAX_G3, NULL, CcittWriteFaxG3},
+    {IMG_TYPE_FAX_G3_B, NULL, CcittWriteFaxG3Lsb},
+    {IMG_TYPE_FAX_G4, NULL, CcittWriteFaxG4},
+    {IMG_TYPE_FAX_G4_B, NULL, CcittWriteFaxG4Lsb},
 };
 
 #define SAVE_COUNT (sizeof saveTypes / sizeof saveTypes[0])

@@ -22,4 +22,6 @@ cmp -s samples/page.dib out/page.dib && echo "out/page.dib: identical to the sam
 ./build/bin/trnw convert samples/photo.dib out/photo-negative.bmp --invert
 # Dithering and colour conversion: Stucki diffusion to a run-coded 1-bit picture.
 ./build/bin/trnw convert samples/photo.dib out/photo-stucki.bmp --dither stucki
+# Palette selection: an adaptive 16-colour octree palette in 4 bits.
+./build/bin/trnw convert samples/photo.dib out/photo-octree16.bmp --colors octree:16:4
 ./build/bin/trnw info samples/page.dib samples/photo.dib out/*.bmp out/page-rect.dib

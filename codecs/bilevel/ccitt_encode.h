@@ -23,4 +23,26 @@ int CcittEncode1D(int handle, const uint8_t *header, ImgRowSource rowSource,
 int CcittEncode2D(int handle, const uint8_t *header, ImgRowSource rowSource,
                   void *sourceContext, int lsbFirst, int mode);
 
+/* Either coder by mode (2 or 3: one-dimensional; any other: T.6), with the
+ * framed block variant when `framed` is non-zero: each flushed block goes out
+ * behind the bytes 0xFE, 0x92 and its byte count, big-endian 16-bit. */
+int CcittEncodeFramed(int handle, const uint8_t *header, ImgRowSource rowSource,
+                      void *sourceContext, int lsbFirst, int mode, int framed);
+
+/* The code table entry for a run of `colour` (0 white, 1 black): the code
+ * word right-aligned and its length in bits.  Runs 0..63, 64..2560 in steps
+ * of 64; -3 for any other run (tests read the table through this). */
+int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length);
+
+/* The raw fax save types (writers of Part 1.5; 1-bit images only, -21
+ * otherwise; see docs/FORMATS.md "Raw fax"):
+ *   33 Group 3, mode 3 (EOLs), most significant bit first;
+ *   53 Group 3, mode 3 (EOLs), least significant bit first (FillOrder 2);
+ *   34 Group 4 (T.6), most significant bit first;
+ *   52 Group 4 (T.6), least significant bit first (FillOrder 2). */
+int CcittWriteFaxG3(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
+int CcittWriteFaxG3Lsb(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
+int CcittWriteFaxG4(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
+int CcittWriteFaxG4Lsb(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
+
 #endif /* TRNW_CCITT_ENCODE_H */

@@ -16,6 +16,7 @@
 #include <cctype>
 
 extern "C" {
+#include "codecs/bilevel/ccitt_encode.h"
 #include "codecs/bilevel/tiff_read.h"
 #include "codecs/tone/bmp.h"
 #include "codecs/tone/gif.h"
@@ -1312,8 +1313,14 @@ TEST_F(Part1_3_Registry, WriterRows)
     EXPECT_EQ(RegistryWriter(1), (ImgWriter)BmpWriteFile);
     EXPECT_EQ(RegistryWriter(48), (ImgWriter)BmpWritePacked);
     EXPECT_EQ(RegistryWriter(12), (ImgWriter)BmpWriteCompressed);
+    // The raw fax types (Part 2.2).
+    EXPECT_EQ(RegistryWriter(33), (ImgWriter)CcittWriteFaxG3);
+    EXPECT_EQ(RegistryWriter(53), (ImgWriter)CcittWriteFaxG3Lsb);
+    EXPECT_EQ(RegistryWriter(34), (ImgWriter)CcittWriteFaxG4);
+    EXPECT_EQ(RegistryWriter(52), (ImgWriter)CcittWriteFaxG4Lsb);
+    const std::vector<int> registered = {1, 48, 12, 33, 53, 34, 52};
     for (int type = -2; type <= 60; type++)
-        if (type != 1 && type != 48 && type != 12) {
+        if (std::find(registered.begin(), registered.end(), type) == registered.end()) {
             EXPECT_EQ(RegistryWriter(type), nullptr) << type;
         }
 }

@@ -24,11 +24,15 @@ static const char usage[] =
     "  info FILE...         type, pages, size, depth and resolution of each file\n"
     "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
     "          [--rect X,Y,W,H] [--rotate DEGREES] [--flip x|y] [--invert]\n"
+    "          [--colors fixed|popularity|octree[:N[:4|8]]]\n"
     "                       decode IN (page N, counted from 0; a fixed smaller size or\n"
     "                       a sub-rectangle while decoding), crop, and save OUT as type\n"
     "                       N (by OUT's extension when no type is given); --rotate\n"
     "                       (90, 270, 12.5, ...), --flip and --invert are applied in\n"
-    "                       the order given\n"
+    "                       the order given, as is --colors (a palette of 256: the\n"
+    "                       fixed 3-3-2 one or the most popular colours; or an octree\n"
+    "                       of N colours, 8 to 256, default 256, in 4 or 8 bits,\n"
+    "                       default 8; 4 bits hold at most 16)\n"
     "          [--dither bayer|halftone|stucki|threshold[:T]] [--dither-color bayer|diffusion]\n"
     "          [--gray] [--promote 8|24] [--reduce-bits 8|4|1]\n"
     "                       dither to 1 bit (threshold T, default automatic) or to\n"
@@ -345,6 +349,53 @@ static int32_t ApplyColourOperation(int32_t handle, char op, int32_t arg)
     }
 }
 
+/* --colors: 'f' fixed palette, 'p' popularity, 'o' octree of `count`
+ * colours in `bits` bits (Part 4.1). */
+typedef struct ColourOption {
+    char kind;
+    int32_t count, bits;
+} ColourOption;
+
+static int ParseColors(const char *text, ColourOption *option)
+{
+    option->count = 256;
+    option->bits = 8;
+    if (!strcmp(text, "fixed") || !strcmp(text, "popularity")) {
+        option->kind = text[0];
+        return 1;
+    }
+    if (strncmp(text, "octree", 6) != 0)
+        return 0;
+    option->kind = 'o';
+    text += 6;
+    if (*text == '\0')
+        return 1;
+    char *end;
+    long count = strtol(text + 1, &end, 10);
+    if (*text != ':' || end == text + 1 || count < 1 || count > 256)
+        return 0;
+    option->count = (int32_t)count;
+    if (*end == ':') {
+        option->bits = (int32_t)strtol(end + 1, &end, 10);
+        if (option->bits != 4 && option->bits != 8)
+            return 0;
+    }
+    /* 4-bit pixels hold indices 0..15: at most 16 colours (at least 8 are made) */
+    return *end == '\0' && (option->bits == 8 || option->count <= 16);
+}
+
+static int32_t ApplyColors(int32_t handle, const ColourOption *option)
+{
+    int32_t result;
+    if (option->kind == 'f')
+        result = IMG_mediancut_color(handle);
+    else if (option->kind == 'p')
+        result = IMG_popularity_color(handle);
+    else
+        result = IMG_octree_color(handle, option->bits, NULL, option->count);
+    return result < 0 ? result : 0; /* the octree returns its entry count */
+}
+
 static int CommandConvert(int argc, char **argv)
 {
     if (argc < 2) {
@@ -357,6 +408,7 @@ static int CommandConvert(int argc, char **argv)
     /* Transforms in the order given: 'r' rotate (hundredths), 'x'/'y' flip, 'i' invert. */
     char ops[64];
     int32_t angles[64];
+    ColourOption colourOptions[64];
     int opCount = 0;
     int32_t reduceBits = 0;
     for (int i = 2; i < argc; i++) {
@@ -382,6 +434,9 @@ static int CommandConvert(int argc, char **argv)
             ok = ok && end != value && *end == '\0' && degrees > -2e7 && degrees < 2e7;
             angles[opCount] = (int32_t)(degrees * 100 + (degrees < 0 ? -0.5 : 0.5));
             ops[opCount++] = 'r';
+        } else if (!strcmp(argv[i], "--colors")) {
+            ok = ok && ParseColors(value, &colourOptions[opCount]);
+            ops[opCount++] = 'c';
         } else if (!strcmp(argv[i], "--flip")) {
             ok = ok && (!strcmp(value, "x") || !strcmp(value, "y"));
             ops[opCount++] = ok ? value[0] : '?';
@@ -434,6 +489,8 @@ static int CommandConvert(int argc, char **argv)
             result = IMG_flip_bitmapx(handle);
         else if (ops[k] == 'y')
             result = IMG_flip_bitmapy(handle);
+        else if (ops[k] == 'c')
+            result = ApplyColors(handle, &colourOptions[k]);
         else if (ops[k] == 'i')
             result = IMG_invert_bitmap(handle);
         else
