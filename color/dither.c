@@ -20,6 +20,7 @@
 #include "../core/imgio.h"
 #include "../core/runs.h"
 #include "default_palette.h"
+#include "palette.h"
 
 /* The Bayer table; its first entry is 4, not 0 (4 occurs twice): kept. */
 static const uint8_t bayerTable[64] = {
@@ -799,31 +800,6 @@ int32_t IMGAPI IMG_promote_24(int32_t handle)
 
 /* ---- display-time reduction to 3-3-2 ---- */
 
-/* Part 4.1's fixed-palette serpentine diffusion of one accumulator row. */
-static void FixedPaletteRow(int32_t *cur, int32_t *next, int32_t width, int32_t y, uint8_t *out)
-{
-    int leftToRight = (y & 1) == 0;
-    int step = leftToRight ? 1 : -1;
-    int32_t x = leftToRight ? 0 : width - 1;
-    for (int32_t k = 0; k < width; k++, x += step) {
-        int32_t *p = cur + 4 * x, c[3];
-        for (int j = 0; j < 3; j++)
-            c[j] = p[j] < 0 ? 0 : p[j] > 255 ? 255 : p[j];
-        unsigned index = (unsigned)((c[2] & 0xE0) | ((c[1] & 0xE0) >> 3) | (c[0] >> 6));
-        int32_t palette[3] = {(int32_t)(index & 3) * 255 / 3, (int32_t)((index >> 2) & 7) * 255 / 7,
-                              (int32_t)((index >> 5) & 7) * 255 / 7};
-        for (int j = 0; j < 3; j++) {
-            int32_t e = p[j] - palette[j];
-            p[4 * step + j] += Asr(e, 2);
-            p[8 * step + j] += Asr(e, 3);
-            int32_t *q = next + 4 * x + j;
-            q[-8] += Asr(e, 4), q[-4] += Asr(e, 3), q[0] += Asr(e, 2);
-            q[4] += Asr(e, 3), q[8] += Asr(e, 4);
-        }
-        out[x] = (uint8_t)index;
-    }
-}
-
 static int Reduce332Rows(PlainJob *job, int32_t y0)
 {
     Source *s = &job->s;
@@ -839,7 +815,8 @@ static int Reduce332Rows(PlainJob *job, int32_t y0)
             DitherRow332Ordered(BgrRow(s, m), width, y0 + m, out);
             continue;
         }
-        FixedPaletteRow(cur, next, width, m, out);
+        /* Part 4.1's diffusion; its accumulator rows start 2 pixels of 4 slots early */
+        PaletteFixedDiffuseRow(job->rows[0], job->rows[1], width, m, out);
         memcpy(job->rows[0], job->rows[1], 16 * ((size_t)width + 4));
         ReadColourRow(s, m + 2, next);
     }

@@ -694,9 +694,12 @@ static uint32_t GetSample(const uint8_t *row, uint32_t index, int bits)
         const uint8_t *p = row + (size_t)index * bytes;
         return tiffFile.bigEndian ? p[0] : p[bytes - 1];
     }
+    /* bit by bit: samples of 3, 5, 6 or 7 bits may straddle two bytes */
     uint64_t bit = (uint64_t)index * (uint32_t)bits;
-    uint32_t byte = row[bit / 8];
-    return (byte >> (8 - bits - (bit % 8))) & ((1u << bits) - 1);
+    uint32_t value = 0;
+    for (int i = 0; i < bits; i++, bit++)
+        value = (value << 1) | ((row[bit / 8] >> (7 - bit % 8)) & 1u);
+    return value;
 }
 
 static void PutSample(uint8_t *row, uint32_t index, int bits, uint32_t value)
@@ -712,6 +715,8 @@ static uint32_t ScaleSample(uint32_t value, int from, int to)
 {
     if (tiffInfo.photometric == 3 || from == to)
         return value;
+    if (from < 1)
+        return 0;
     if (from >= 8)
         return value >> (8 - to);
     uint32_t eight = value * 255u / ((1u << from) - 1);
