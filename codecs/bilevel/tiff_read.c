@@ -704,10 +704,12 @@ static uint32_t GetSample(const uint8_t *row, uint32_t index, int bits)
 
 static void PutSample(uint8_t *row, uint32_t index, int bits, uint32_t value)
 {
+    /* bit by bit, as GetSample: a sample may straddle two bytes */
     uint64_t bit = (uint64_t)index * (uint32_t)bits;
-    int shift = (int)(8 - bits - (bit % 8));
-    uint8_t mask = (uint8_t)(((1u << bits) - 1) << shift);
-    row[bit / 8] = (uint8_t)((row[bit / 8] & ~mask) | ((value << shift) & mask));
+    for (int i = bits - 1; i >= 0; i--, bit++) {
+        uint8_t mask = (uint8_t)(0x80u >> (bit % 8));
+        row[bit / 8] = (uint8_t)(((value >> i) & 1u) ? row[bit / 8] | mask : row[bit / 8] & ~mask);
+    }
 }
 
 /* A sample scaled to `to` bits (palette indexes are kept as they are). */
@@ -717,10 +719,8 @@ static uint32_t ScaleSample(uint32_t value, int from, int to)
         return value;
     if (from < 1)
         return 0;
-    if (from >= 8)
-        return value >> (8 - to);
-    uint32_t eight = value * 255u / ((1u << from) - 1);
-    return eight >> (8 - to);
+    uint32_t eight = from >= 8 ? value : value * 255u / ((1u << from) - 1);
+    return to >= 8 ? eight : eight >> (8 - to);
 }
 
 /* Converts an interleaved pixel row to the header's depth where the two
