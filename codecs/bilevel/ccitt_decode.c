@@ -37,7 +37,24 @@
 
 static uint16_t whiteValues[8192], blackValues[8192];
 static uint8_t whiteLengths[8192], blackLengths[8192];
+/* Ours, for speed: the codes of at most 9 bits by their first 9 bits, each
+ * (length << 12) | run; 0 sends the reader to the 13-bit tables (longer
+ * codes, EOL, invalid indices).  1 KB each, they stay in the first-level
+ * cache where the 13-bit tables (24 KB each) do not. */
+static uint16_t whiteShort[512], blackShort[512];
+
+typedef struct Colour {
+    const uint16_t *shortCodes, *values;
+    const uint8_t *lengths;
+} Colour;
+
+static const Colour colours[2] = {{whiteShort, whiteValues, whiteLengths},
+                                  {blackShort, blackValues, blackLengths}};
 static int32_t modeTable[256];
+/* Bits a two-dimensional mode costs, by mode number + 3. */
+static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
+/* The mode table and the cost in one byte: (mode + 3) | cost << 4. */
+static uint8_t modeStep[256];
 static uint8_t bitReversal[256];
 static int tablesBuilt;
 
@@ -67,6 +84,15 @@ static void BuildCodeTable(uint16_t *values, uint8_t *lengths, const char *const
     AddCode(values, lengths, ccittEol, 0x1FFF);
 }
 
+static void BuildShortTable(uint16_t *shortCodes, const uint16_t *values, const uint8_t *lengths)
+{
+    for (uint32_t index = 0; index < 512; index++) {
+        uint32_t length = lengths[index] + 1u;
+        int valid = values[index] && length <= 9;
+        shortCodes[index] = (uint16_t)(valid ? length << 12 | (values[index] & 0xFFFu) : 0);
+    }
+}
+
 /* Two-dimensional codes, first bit first, and their mode numbers. */
 static void BuildModeTable(void)
 {
@@ -88,6 +114,7 @@ static void BuildModeTable(void)
                 break;
             }
         }
+        modeStep[index] = (uint8_t)((modeTable[index] + 3) | modeCost[modeTable[index] + 3] << 4);
     }
 }
 
@@ -97,6 +124,8 @@ static void BuildTables(void)
         return;
     BuildCodeTable(whiteValues, whiteLengths, ccittWhiteTerminating, ccittWhiteMakeUp);
     BuildCodeTable(blackValues, blackLengths, ccittBlackTerminating, ccittBlackMakeUp);
+    BuildShortTable(whiteShort, whiteValues, whiteLengths);
+    BuildShortTable(blackShort, blackValues, blackLengths);
     BuildModeTable();
     for (int i = 0; i < 256; i++) {
         int r = 0;
@@ -119,30 +148,45 @@ void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const u
     *reversal = bitReversal;
 }
 
-/* Bits a two-dimensional mode costs, by mode number + 3. */
-static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
-
 /* ---- the bit reader ---- */
 
 #if defined(__GNUC__)
 #define RARELY(condition) __builtin_expect(!!(condition), 0)
+#define NOINLINE __attribute__((noinline))
 #else
 #define RARELY(condition) (condition)
+#define NOINLINE
 #endif
 
+/* The window: the Part steps a 32-bit little-endian window 16 bits at a time
+ * and takes a code at a bit offset of 0-15 in it.  We keep one bit offset
+ * from the buffer's start and take the window at the code's own byte, which
+ * yields the same bits with one shift; the 16-bit steps remain where they
+ * are observable: a refill keeps the tail from the word that holds the next
+ * code, and the refill mark counts whole words consumed. */
 typedef struct BitReader {
     uint8_t *buffer;
-    uint32_t pos;     /* byte offset of the 32-bit window (even) */
-    uint32_t bit;     /* bit offset in the window: 0-15 before a code */
-    uint32_t end;     /* bytes of data in the buffer */
-    uint32_t fastEnd; /* below it the whole window is data */
+    uint32_t bits;     /* bit offset of the next code from the buffer's start */
+    uint32_t end;      /* bytes of data in the buffer */
+    uint32_t endBits;  /* end * 8 */
+    uint32_t fastBits; /* below it a 32-bit window at bits / 8 is all data */
     int handle;
     int reading;      /* refills from the byte source */
     int reverse;      /* fill order 1: bytes are bit-reversed as they come in */
     int sourceDone;   /* the byte source gave less than asked */
 } BitReader;
 
+/* Bit offsets are 32-bit: a non-reading buffer holds at most this much. */
+#define MAX_CODED_BYTES 0x1FFFFF00u
+
 static BitReader reader;
+
+/* The row decoders' copy of the reader's hot fields, kept in registers. */
+typedef struct Bits {
+    const uint8_t *data;
+    uint32_t at;   /* reader.bits */
+    uint32_t fast; /* reader.fastBits */
+} Bits;
 
 static void ReverseBytes(uint8_t *p, uint32_t count)
 {
@@ -153,17 +197,20 @@ static void ReverseBytes(uint8_t *p, uint32_t count)
 static void SetEnd(BitReader *r, uint32_t end)
 {
     r->end = end;
-    r->fastEnd = end >= 4 ? end - 4 : 0;
+    r->endBits = end * 8;
+    r->fastBits = end >= 4 ? (end - 4) * 8 : 0;
     memset(r->buffer + end, 0, 4); /* the window reads zero bits behind the data */
 }
 
-/* The unconsumed tail to the front, the rest of the chunk from the source. */
+/* The unconsumed tail (from the 16-bit word of the next code) to the front,
+ * the rest of the chunk from the source. */
 static void Refill(BitReader *r)
 {
-    uint32_t tail = r->pos < r->end ? r->end - r->pos : 0;
+    uint32_t pos = (r->bits >> 4) * 2;
+    uint32_t tail = pos < r->end ? r->end - pos : 0;
     if (tail)
-        memmove(r->buffer, r->buffer + r->pos, tail);
-    r->pos = 0;
+        memmove(r->buffer, r->buffer + pos, tail);
+    r->bits -= pos * 8;
     uint32_t got = 0;
     if (!r->sourceDone && tail < CCITT_CHUNK) {
         int32_t n = ImgRead(r->handle, r->buffer + tail, CCITT_CHUNK - tail);
@@ -178,14 +225,29 @@ static void Refill(BitReader *r)
     SetEnd(r, tail + got);
 }
 
-/* The window at pos reaches past the data: refill when the source has more;
- * 0 when every data bit is consumed. */
-static int SlowWindow(BitReader *r) __attribute__((noinline));
-static int SlowWindow(BitReader *r)
+/* The window at `at` reaches past the data: refills when the source has
+ * more; returns the (possibly moved) bit offset. */
+static NOINLINE uint32_t SlowBits(BitReader *r, uint32_t at)
 {
+    r->bits = at;
     if (r->reading && !r->sourceDone)
         Refill(r);
-    return (uint64_t)r->pos * 8 + r->bit < (uint64_t)r->end * 8;
+    return r->bits;
+}
+
+/* Near the end of the buffer: 0 once every data bit is consumed. */
+static inline int MoreBits(BitReader *r, Bits *b)
+{
+    b->at = SlowBits(r, b->at);
+    b->fast = r->fastBits;
+    return b->at < r->endBits;
+}
+
+static inline void BitsFrom(const BitReader *r, Bits *b)
+{
+    b->data = r->buffer;
+    b->at = r->bits;
+    b->fast = r->fastBits;
 }
 
 static inline uint32_t LoadWindow(const uint8_t *p)
@@ -193,66 +255,60 @@ static inline uint32_t LoadWindow(const uint8_t *p)
     return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
 }
 
+/* The next 8..25 bits, first bit lowest (the fast or slow check done). */
+static inline uint32_t Peek(const Bits *b)
+{
+    return LoadWindow(b->data + (b->at >> 3)) >> (b->at & 7);
+}
+
 /* One code: the run length 0-2560, CODE_EOL, or CODE_END. */
-static inline int ReadCode(BitReader *r, const uint16_t *values, const uint8_t *lengths)
+static inline int ReadCode(BitReader *r, Bits *b, const Colour *colour)
 {
     for (;;) {
-        r->pos += (r->bit >> 4) * 2; /* the offset is at most 28: one step */
-        r->bit &= 15;
-        if (RARELY(r->pos >= r->fastEnd) && !SlowWindow(r))
+        if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
             return CODE_END;
-        uint32_t index = (LoadWindow(r->buffer + r->pos) >> r->bit) & 0x1FFF;
-        r->bit += 1u + lengths[index];
-        if (values[index])
-            return values[index] & 0xFFF;
+        uint32_t window = Peek(b);
+        uint32_t code = colour->shortCodes[window & 0x1FF];
+        if (code) {
+            b->at += code >> 12;
+            return (int)(code & 0xFFF);
+        }
+        uint32_t index = window & 0x1FFF;
+        b->at += 1u + colour->lengths[index];
+        if (colour->values[index])
+            return colour->values[index] & 0xFFF;
     }
 }
 
 #define MODE_END 6 /* ours: every data bit consumed */
 
-static inline int ReadMode(BitReader *r)
+static inline int ReadMode(BitReader *r, Bits *b)
 {
-    r->pos += (r->bit >> 4) * 2;
-    r->bit &= 15;
-    if (RARELY(r->pos >= r->fastEnd) && !SlowWindow(r))
+    if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
         return MODE_END;
-    int mode = modeTable[(LoadWindow(r->buffer + r->pos) >> r->bit) & 0xFF];
-    r->bit += modeCost[mode + 3];
-    return mode;
+    uint32_t step = modeStep[Peek(b) & 0xFF];
+    b->at += step >> 4;
+    return (int)(step & 15) - 3;
 }
 
 /* One bit (the tag); 0 at the end of the data. */
 static int ReadBit(BitReader *r)
 {
-    if (r->bit >= 16) {
-        r->pos += 2;
-        r->bit -= 16;
+    Bits b;
+    BitsFrom(r, &b);
+    int bit = 0;
+    if (b.at < b.fast || MoreBits(r, &b)) {
+        bit = (int)(Peek(&b) & 1);
+        b.at++;
     }
-    if (r->pos >= r->fastEnd && !SlowWindow(r))
-        return 0;
-    int bit = (int)((LoadWindow(r->buffer + r->pos) >> r->bit) & 1);
-    r->bit++;
+    r->bits = b.at;
     return bit;
 }
 
-static int ReaderAtEnd(BitReader *r)
-{
-    if (r->bit >= 16) {
-        r->pos += 2;
-        r->bit -= 16;
-    }
-    return r->pos >= r->fastEnd && !SlowWindow(r);
-}
-
-/* Mode 2: the next byte boundary (the offset normalised first, so the
- * rounding (offset + 7) & 0x18 always lands at or above it). */
+/* Mode 2: the next byte boundary. */
 static void AlignToByte(BitReader *r)
 {
-    if (r->bit >= 16) {
-        r->pos += 2;
-        r->bit -= 16;
-    }
-    r->bit = (r->bit + 7) & 0x18;
+    r->bits = (r->bits + 7) & ~7u;
 }
 
 /* Set-up at every call: offset 0, pointer at the front; in the reading modes
@@ -262,8 +318,7 @@ static void StartReader(uint8_t *buffer, const CcittParameters *p, int handle, i
 {
     BitReader *r = &reader;
     r->buffer = buffer;
-    r->pos = 0;
-    r->bit = 0;
+    r->bits = 0;
     r->handle = handle;
     r->reverse = p->fillOrder != 2;
     r->reading = reading || p->codedBytes == 0;
@@ -272,16 +327,17 @@ static void StartReader(uint8_t *buffer, const CcittParameters *p, int handle, i
         r->end = 0;
         Refill(r);
     } else {
+        uint32_t bytes = p->codedBytes < MAX_CODED_BYTES ? p->codedBytes : MAX_CODED_BYTES;
         if (r->reverse)
-            ReverseBytes(buffer, p->codedBytes);
-        SetEnd(r, p->codedBytes);
+            ReverseBytes(buffer, bytes);
+        SetEnd(r, bytes);
     }
 }
 
 /* After a row: the refill mark, in 16-bit words consumed. */
 static void RefillAtMark(BitReader *r, uint32_t markWords)
 {
-    if (r->reading && r->pos / 2 >= markWords)
+    if (r->reading && r->bits / 16 >= markWords)
         Refill(r);
 }
 
@@ -402,8 +458,9 @@ static void PutChangeSlow(ChangeList *c, int32_t position)
 
 static inline void PutChange(ChangeList *c, int32_t position)
 {
-    /* The usual case: a change beyond the last one, inside the row. */
-    if (RARELY(position <= c->last || position > c->width || c->n >= c->cancelFrom)) {
+    /* The usual case: a change beyond the last one, inside the row (the
+     * cancelling needs an equal change, which takes the slow way anyway). */
+    if (RARELY((uint32_t)(position - c->last - 1) >= (uint32_t)(c->width - c->last))) {
         PutChangeSlow(c, position);
         return;
     }
@@ -434,63 +491,91 @@ static void CutAtWidth(ChangeList *c)
 /* Decodes one Modified Huffman row into c.  countEols: mode 3 or 128 (EOLs
  * counted in *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END,
  * or 1 when the data ended before the row began. */
-static inline int Decode1DRowAt(BitReader *r, ChangeList *c, int countEols, int *eols)
+#define RUN_STOP 1 /* the data ended */
+
+/* One run of one colour (EOLs before it counted in mode 3 and 128): its end
+ * goes into c.  0, RUN_STOP (after placing a run cut short) or ROW_PAGE_END. */
+static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour *colour,
+                              int32_t *position, int countEols, int *eols)
+{
+    int32_t code;
+    for (;;) {
+        code = ReadCode(r, b, colour);
+        if (code == CODE_END)
+            return RUN_STOP;
+        if (code != CODE_EOL)
+            break;
+        if (countEols && ++*eols >= 6)
+            return ROW_PAGE_END;
+    }
+    int32_t run = code;
+    while (code >= 64) {
+        code = ReadCode(r, b, colour);
+        if (code == CODE_END)
+            break;
+        run += code; /* an EOL here adds 4095, as the Part reads */
+        if (run > 0x20000)
+            run = 0x20000;
+    }
+    *position += run;
+    PutChange(c, *position);
+    *eols = 0;
+    return code == CODE_END ? RUN_STOP : 0;
+}
+
+/* Runs alternate white, black, ... until the width is reached. */
+static inline int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countEols, int *eols)
 {
     int32_t width = c->width, position = 0;
-    int white = 1;
-    if (ReaderAtEnd(r))
+    if (b->at >= b->fast && !MoreBits(r, b))
         return 1;
     while (position < width) {
-        const uint16_t *values = white ? whiteValues : blackValues;
-        const uint8_t *lengths = white ? whiteLengths : blackLengths;
-        int32_t code = ReadCode(r, values, lengths);
-        if (code == CODE_END)
-            break;
-        if (code == CODE_EOL) {
-            if (countEols && ++*eols >= 6)
-                return ROW_PAGE_END;
-            continue;
-        }
-        int32_t run = code;
-        while (code >= 64) {
-            code = ReadCode(r, values, lengths);
-            if (code == CODE_END)
-                break;
-            run += code; /* an EOL here adds 4095, as the Part reads */
-            if (run > 0x20000)
-                run = 0x20000;
-        }
-        position += run;
-        PutChange(c, position);
-        white = !white;
-        *eols = 0;
-        if (code == CODE_END)
-            break;
+        int status = Decode1DRun(r, b, c, &colours[0], &position, countEols, eols);
+        if (status == 0 && position < width)
+            status = Decode1DRun(r, b, c, &colours[1], &position, countEols, eols);
+        if (status)
+            return status == ROW_PAGE_END ? ROW_PAGE_END : 0;
     }
     return 0;
 }
 
-/* The row decoders work on a local copy of the reader (kept in registers). */
-static int Decode1DRow(BitReader *shared, ChangeList *c, int countEols, int *eols)
+/* The row decoders work on local copies of the reader's offset and of the
+ * list (kept in registers). */
+static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
 {
-    BitReader local = *shared;
+    Bits b;
+    BitsFrom(r, &b);
     ChangeList list = *c;
-    int result = Decode1DRowAt(&local, &list, countEols, eols);
-    *shared = local;
+    int result = Decode1DRowAt(r, &b, &list, countEols, eols);
+    r->bits = b.at;
     *c = list;
     return result;
+}
+
+/* One white-table code read at the reader (the EOL after a mode-3 row). */
+static int ReadEolCode(BitReader *r)
+{
+    Bits b;
+    BitsFrom(r, &b);
+    int code = ReadCode(r, &b, &colours[0]);
+    r->bits = b.at;
+    return code;
 }
 
 /* Looks for EOL: one code, then up to `further` more.  The end of the data
  * counts as found.  0 or -3. */
 static int SeekEol(BitReader *r, int further)
 {
-    for (int i = 0; i <= further; i++) {
-        int code = ReadCode(r, whiteValues, whiteLengths);
+    Bits b;
+    BitsFrom(r, &b);
+    int result = IMG_ERR_INVALID;
+    for (int i = 0; i <= further && result < 0; i++) {
+        int code = ReadCode(r, &b, &colours[0]);
         if (code == CODE_EOL || code == CODE_END)
-            return 0;
+            result = 0;
     }
-    return IMG_ERR_INVALID;
+    r->bits = b.at;
+    return result;
 }
 
 static int EmitWhite(uint16_t *row, int leadingZero, int32_t width, int32_t rowIndex,
@@ -573,7 +658,7 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
             AlignToByte(r);
         if (countEols && !dataEnded) {
             eols++;
-            int code = ReadCode(r, whiteValues, whiteLengths);
+            int code = ReadEolCode(r);
             if (code != CODE_EOL && code != CODE_END && SeekEol(r, 2999) < 0) {
                 FreeRows();
                 return IMG_ERR_INVALID;
@@ -597,15 +682,15 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
 /* Decodes one Modified READ row against the reference changes `ref` (a
  * list ending in entries beyond the width) into c.  Returns 0, or 1 when the
  * data ended before the row began. */
-static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c)
+static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, ChangeList *c)
 {
     int32_t width = c->width, a0 = 0;
     int white = 1;
     int b = 0; /* index into ref of b1 */
-    if (ReaderAtEnd(r))
+    if (bits->at >= bits->fast && !MoreBits(r, bits))
         return 1;
     while (a0 < width) {
-        int mode = ReadMode(r);
+        int mode = ReadMode(r, bits);
         int32_t a1;
         switch (mode) {
         case 0:
@@ -638,18 +723,15 @@ static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c
                 b += 2;
             break;
         case 4: {
-            const uint16_t *v1 = white ? whiteValues : blackValues;
-            const uint8_t *l1 = white ? whiteLengths : blackLengths;
-            const uint16_t *v2 = white ? blackValues : whiteValues;
-            const uint8_t *l2 = white ? blackLengths : whiteLengths;
+            const Colour *first = &colours[!white], *second = &colours[white];
             int32_t run1 = 0, run2 = 0, code;
             do {
-                code = ReadCode(r, v1, l1);
+                code = ReadCode(r, bits, first);
                 run1 += code == CODE_END ? 0 : code;
             } while (code >= 64 && code != CODE_END && run1 < 0x20000);
             if (code != CODE_END) {
                 do {
-                    code = ReadCode(r, v2, l2);
+                    code = ReadCode(r, bits, second);
                     run2 += code == CODE_END ? 0 : code;
                 } while (code >= 64 && code != CODE_END && run2 < 0x20000);
             }
@@ -680,12 +762,13 @@ static inline int Decode2DRowAt(BitReader *r, const uint16_t *ref, ChangeList *c
     return 0;
 }
 
-static int Decode2DRow(BitReader *shared, const uint16_t *ref, ChangeList *c)
+static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
 {
-    BitReader local = *shared;
+    Bits b;
+    BitsFrom(r, &b);
     ChangeList list = *c;
-    int result = Decode2DRowAt(&local, ref, &list);
-    *shared = local;
+    int result = Decode2DRowAt(r, &b, ref, &list);
+    r->bits = b.at;
     *c = list;
     return result;
 }
