@@ -280,15 +280,18 @@ static inline int ReadCode(BitReader *r, Bits *b, const Colour *colour)
     }
 }
 
-#define MODE_END 6 /* ours: every data bit consumed */
-
-static inline int ReadMode(BitReader *r, Bits *b)
+/* The 1 bits at the bottom of a window that starts with one (V0 codes);
+ * the top bit counts as 0, so at most 31. */
+static inline uint32_t CountTrailingOnes(uint32_t window)
 {
-    if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
-        return MODE_END;
-    uint32_t step = modeStep[Peek(b) & 0xFF];
-    b->at += step >> 4;
-    return (int)(step & 15) - 3;
+#if defined(__GNUC__)
+    return (uint32_t)__builtin_ctz(~window | 0x80000000u);
+#else
+    uint32_t count = 0;
+    while (count < 31 && (window >> count & 1))
+        count++;
+    return count;
+#endif
 }
 
 /* One bit (the tag); 0 at the end of the data. */
@@ -690,7 +693,28 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
     if (bits->at >= bits->fast && !MoreBits(r, bits))
         return 1;
     while (a0 < width) {
-        int mode = ReadMode(r, bits);
+        if (RARELY(bits->at >= bits->fast) && !MoreBits(r, bits))
+            return 0;
+        uint32_t window = Peek(bits);
+        if (window & 1) {
+            /* A string of V0 codes (one 1 bit each, the usual text): copied
+             * from the reference row without going back to the reader. */
+            uint32_t count = CountTrailingOnes(window), used = 0;
+            do {
+                int32_t a1 = ref[b++];
+                if (a1 < a0)
+                    a1 = a0;
+                PutChange(c, a1);
+                a0 = a1;
+                used++;
+            } while (used < count && a0 < width);
+            bits->at += used;
+            white ^= (int)(used & 1);
+            continue;
+        }
+        uint32_t step = modeStep[window & 0xFF];
+        bits->at += step >> 4;
+        int mode = (int)(step & 15) - 3;
         int32_t a1;
         switch (mode) {
         case 0:
@@ -750,7 +774,7 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
                 a0 = ref[b];
             b++;
             continue;
-        default: /* MODE_END */
+        default:
             return 0;
         }
         if (a1 < a0)
