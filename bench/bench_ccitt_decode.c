@@ -1,7 +1,7 @@
 /*
  * bench_ccitt_decode - Part 2.1's decoders beside libtiff on the same data
  * in the same run: a dense 2550 x 3300 pseudo-text page (300 dpi letter),
- * coded by libtiff's own encoder as one Group 4 strip, one Group 3
+ * (bench_common.h) coded by libtiff's own encoder as one Group 4 strip, one Group 3
  * one-dimensional strip and one Group 3 two-dimensional strip.
  *
  * Ours: CcittDecodeG4 / CcittDecode1D (mode 3) / CcittDecode2D (mode 45)
@@ -21,63 +21,12 @@
 
 #include <tiffio.h>
 
+#include "bench_common.h"
+
 #include "../codecs/bilevel/ccitt_decode.h"
 #include "../core/imgio.h"
 
 enum { PAGE_W = 2550, PAGE_H = 3300, RUNS = 21 };
-
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static uint32_t seed = 4242;
-static int Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return (int)((seed >> 16) & 0x7FFF);
-}
-
-/* Packed rows, 1 = black (min-is-white). */
-static void Ink(uint8_t *page, int stride, int x0, int y0, int x1, int y1)
-{
-    for (int y = y0; y < y1 && y < PAGE_H; y++)
-        for (int x = x0; x < x1 && x < PAGE_W; x++)
-            page[(size_t)y * stride + x / 8] |= (uint8_t)(0x80 >> (x % 8));
-}
-
-/* Dense pseudo-text: 12-point-like lines of glyph strokes. */
-static void MakePage(uint8_t *page, int stride)
-{
-    int margin = 120;
-    for (int line = margin; line + 30 < PAGE_H - margin; line += 34) {
-        int x = margin + Random() % 40;
-        while (x < PAGE_W - margin - 40) {
-            int letters = 2 + Random() % 9;
-            for (int l = 0; l < letters && x < PAGE_W - margin - 20; l++) {
-                int shape = Random() % 6, w = 10 + Random() % 8;
-                int top = line + (shape == 5 ? 0 : 8), bottom = line + 26 + (shape == 4 ? 6 : 0);
-                Ink(page, stride, x, top, x + 3, bottom);
-                if (shape & 1)
-                    Ink(page, stride, x, top, x + w, top + 3);
-                if (shape & 2)
-                    Ink(page, stride, x, bottom - 3, x + w, bottom);
-                if (shape >= 3)
-                    Ink(page, stride, x + w - 3, top + 4, x + w, bottom - 4);
-                x += w + 4;
-            }
-            x += 14 + Random() % 10;
-        }
-    }
-}
 
 /* Writes the page with libtiff (compression, T4Options) as one strip. */
 static int WriteTiff(const char *path, const uint8_t *page, int stride, int compression,
@@ -125,11 +74,11 @@ static double TimeOurs(const uint8_t *strip, uint32_t size, int decoder, uint8_t
         p.whiteIsZero = 1;
         p.mode = decoder == 4 ? 4 : decoder == 45 ? 45 : 3;
         ImgSetMemorySourceSized((void *)strip, size);
-        double t0 = Now();
+        double t0 = BenchNow();
         int result = decoder == 4    ? CcittDecodeG4(buffer, PAGE_H, 0, &p, IMG_MEMORY_HANDLE, CountRecord, NULL)
                      : decoder == 45 ? CcittDecode2D(buffer, PAGE_H, 0, &p, IMG_MEMORY_HANDLE, CountRecord, NULL)
                                      : CcittDecode1D(buffer, PAGE_H, 0, &p, IMG_MEMORY_HANDLE, CountRecord, NULL);
-        double t = Now() - t0;
+        double t = BenchNow() - t0;
         if (result < 0) {
             fprintf(stderr, "bench_ccitt_decode: our decoder failed (%d)\n", result);
             exit(1);
@@ -141,9 +90,9 @@ static double TimeOurs(const uint8_t *strip, uint32_t size, int decoder, uint8_t
 /* One TIFFReadEncodedStrip of the open file: seconds. */
 static double TimeLibtiff(TIFF *tif, uint8_t *out, tmsize_t outSize)
 {
-    double t0 = Now();
+    double t0 = BenchNow();
     tmsize_t n = TIFFReadEncodedStrip(tif, 0, out, outSize);
-    double t = Now() - t0;
+    double t = BenchNow() - t0;
     if (n < 0) {
         fprintf(stderr, "bench_ccitt_decode: libtiff failed\n");
         exit(1);
@@ -156,7 +105,8 @@ int main(void)
     int stride = (PAGE_W + 7) / 8;
     uint8_t *page = calloc((size_t)stride, PAGE_H);
     uint8_t *out = malloc((size_t)stride * PAGE_H);
-    MakePage(page, stride);
+    BenchPage text = {page, PAGE_W, PAGE_H, stride};
+    BenchTextPage(&text, 4242);
     TIFFSetWarningHandler(NULL);
     static const struct {
         const char *name;
@@ -167,7 +117,7 @@ int main(void)
                  {"Group 3 1-D", COMPRESSION_CCITTFAX3, 0, 3},
                  {"Group 3 2-D", COMPRESSION_CCITTFAX3, GROUP3OPT_2DENCODING, 45}};
     char path[64];
-    snprintf(path, sizeof path, "/tmp/bench_ccitt_%d.tif", (int)(Now() * 1000) % 100000);
+    snprintf(path, sizeof path, "/tmp/bench_ccitt_%d.tif", (int)(BenchNow() * 1000) % 100000);
     printf("bench_ccitt_decode: %d x %d dense pseudo-text page, median of %d runs\n", PAGE_W,
            PAGE_H, RUNS);
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; i++) {
@@ -192,9 +142,7 @@ int main(void)
         }
         TIFFClose(tif);
         free(buffer);
-        qsort(oursRuns, RUNS, sizeof oursRuns[0], CompareDoubles);
-        qsort(theirRuns, RUNS, sizeof theirRuns[0], CompareDoubles);
-        double ours = oursRuns[RUNS / 2], theirs = theirRuns[RUNS / 2];
+        double ours = BenchMedian(oursRuns, RUNS), theirs = BenchMedian(theirRuns, RUNS);
         printf("  %-12s %7u bytes: ours %7.1f pages/s (%.2f ms), libtiff %7.1f pages/s "
                "(%.2f ms), ratio %.2fx\n",
                cases[i].name, size, 1 / ours, ours * 1e3, 1 / theirs, theirs * 1e3,

@@ -1,0 +1,122 @@
+/*
+ * bench_common.h - what the benchmarks share: the clock, the median of a
+ * set of runs, a seeded random generator, and the dense text page of the
+ * fax benchmarks.
+ *
+ * The page is 300-dpi text as a scanner sees it: lines of words of glyphs
+ * made of strokes of every direction (stems, bars, diagonals, rings), so
+ * that a Group 4 coder meets the usual mix of vertical modes (V0 and the
+ * slanted V+-1..3), horizontal and pass modes, not only straight edges.
+ */
+#ifndef TRNW_BENCH_COMMON_H
+#define TRNW_BENCH_COMMON_H
+
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+static inline double BenchNow(void)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
+}
+
+static inline int BenchCompareDoubles(const void *a, const void *b)
+{
+    double x = *(const double *)a, y = *(const double *)b;
+    return x < y ? -1 : x > y;
+}
+
+/* Sorts `values` and returns the median. */
+static inline double BenchMedian(double *values, int n)
+{
+    qsort(values, (size_t)n, sizeof values[0], BenchCompareDoubles);
+    return values[n / 2];
+}
+
+/* A linear congruential generator: the same pictures in every run. */
+static inline uint32_t BenchRandom(uint32_t *seed)
+{
+    *seed = *seed * 1103515245u + 12345u;
+    return *seed >> 8;
+}
+
+/* ---- the text page: packed rows top first, most significant bit first ---- */
+
+typedef struct BenchPage {
+    uint8_t *rows;
+    int width, height, stride;
+} BenchPage;
+
+static inline void BenchInk(BenchPage *page, int x, int y)
+{
+    if (x >= 0 && x < page->width && y >= 0 && y < page->height)
+        page->rows[(size_t)y * (size_t)page->stride + (size_t)(x >> 3)] |= (uint8_t)(0x80 >> (x & 7));
+}
+
+/* A pen 3 pixels wide from (x0, y0) to (x1, y1). */
+static inline void BenchStroke(BenchPage *page, int x0, int y0, int x1, int y1)
+{
+    int steps = abs(x1 - x0) > abs(y1 - y0) ? abs(x1 - x0) : abs(y1 - y0);
+    for (int s = 0; s <= steps; s++) {
+        int x = x0 + (steps ? (x1 - x0) * s / steps : 0);
+        int y = y0 + (steps ? (y1 - y0) * s / steps : 0);
+        for (int d = 0; d < 9; d++)
+            BenchInk(page, x + d % 3, y + d / 3);
+    }
+}
+
+/* A ring (o, e, c) of width w and height h at (x, y). */
+static inline void BenchRing(BenchPage *page, int x, int y, int w, int h)
+{
+    /* A polygon of 24 sides around the ellipse (integer arithmetic only). */
+    static const int8_t cosine[25] = {100, 97, 87, 71, 50, 26, 0, -26, -50, -71, -87, -97, -100,
+                                      -97, -87, -71, -50, -26, 0, 26, 50, 71, 87, 97, 100};
+    for (int k = 0; k < 24; k++) {
+        int s0 = cosine[(k + 18) % 24], s1 = cosine[(k + 19) % 24];
+        BenchStroke(page, x + w / 2 + cosine[k] * (w / 2 - 2) / 100, y + h / 2 + s0 * (h / 2 - 2) / 100,
+                    x + w / 2 + cosine[k + 1] * (w / 2 - 2) / 100, y + h / 2 + s1 * (h / 2 - 2) / 100);
+    }
+}
+
+/* One glyph in a cell of w x 24 pixels whose x-height starts 8 rows down. */
+static inline void BenchGlyph(BenchPage *page, int x, int top, int w, uint32_t shape)
+{
+    int xh = top + 8, base = top + 24;
+    switch (shape % 9) {
+    case 0: BenchStroke(page, x, top, x, base); break;                              /* l */
+    case 1: BenchStroke(page, x, xh, x, base); BenchRing(page, x, xh, w, 16); break; /* b-ish */
+    case 2: BenchRing(page, x, xh, w, 16); break;                                   /* o */
+    case 3: BenchStroke(page, x, xh, x + w / 2, base); BenchStroke(page, x + w / 2, base, x + w, xh); break; /* v */
+    case 4: BenchStroke(page, x, xh, x + w, base); BenchStroke(page, x + w, xh, x, base); break;             /* x */
+    case 5: BenchStroke(page, x, xh, x, base); BenchStroke(page, x, xh + 2, x + w, xh); BenchStroke(page, x + w, xh, x + w, base); break; /* n */
+    case 6: BenchStroke(page, x + w / 2, top, x + w / 2, base); BenchStroke(page, x, xh, x + w, xh); break; /* t */
+    case 7: BenchStroke(page, x + w, top, x, base + 6); break;                      /* / */
+    default: BenchStroke(page, x, xh, x + w, xh); BenchStroke(page, x, base - 2, x + w, base - 2);
+             BenchStroke(page, x + w, xh, x, base - 2); break;                      /* z */
+    }
+}
+
+/* Fills `page` (cleared first) with lines of text 34 rows apart (about
+ * 10-point type at 300 dpi) inside 1/3-inch margins: 1 = black. */
+static inline void BenchTextPage(BenchPage *page, uint32_t seed)
+{
+    memset(page->rows, 0, (size_t)page->stride * (size_t)page->height);
+    int margin = 100;
+    for (int top = margin; top + 34 < page->height - margin; top += 34) {
+        int x = margin + (int)(BenchRandom(&seed) % 30);
+        while (x < page->width - margin - 40) {
+            int letters = 1 + (int)(BenchRandom(&seed) % 9);
+            for (int l = 0; l < letters && x < page->width - margin - 20; l++) {
+                int w = 9 + (int)(BenchRandom(&seed) % 6);
+                BenchGlyph(page, x, top, w, BenchRandom(&seed));
+                x += w + 5;
+            }
+            x += 12 + (int)(BenchRandom(&seed) % 8);
+        }
+    }
+}
+
+#endif /* TRNW_BENCH_COMMON_H */
