@@ -532,14 +532,14 @@ static inline int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countE
     int32_t width = c->width, position = 0;
     if (b->at >= b->fast && !MoreBits(r, b))
         return 1;
-    while (position < width) {
-        int status = Decode1DRun(r, b, c, &colours[0], &position, countEols, eols);
+    int eolCount = *eols, status = 0; /* a local count stays in a register */
+    while (position < width && !status) {
+        status = Decode1DRun(r, b, c, &colours[0], &position, countEols, &eolCount);
         if (status == 0 && position < width)
-            status = Decode1DRun(r, b, c, &colours[1], &position, countEols, eols);
-        if (status)
-            return status == ROW_PAGE_END ? ROW_PAGE_END : 0;
+            status = Decode1DRun(r, b, c, &colours[1], &position, countEols, &eolCount);
     }
-    return 0;
+    *eols = eolCount;
+    return status == ROW_PAGE_END ? ROW_PAGE_END : 0;
 }
 
 /* The row decoders work on local copies of the reader's offset and of the
@@ -688,7 +688,6 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
 static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, ChangeList *c)
 {
     int32_t width = c->width, a0 = 0;
-    int white = 1;
     int b = 0; /* index into ref of b1 */
     if (bits->at >= bits->fast && !MoreBits(r, bits))
         return 1;
@@ -709,7 +708,6 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
                 used++;
             } while (used < count && a0 < width);
             bits->at += used;
-            white ^= (int)(used & 1);
             continue;
         }
         uint32_t step = modeStep[window & 0xFF];
@@ -747,6 +745,9 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
                 b += 2;
             break;
         case 4: {
+            /* a0's colour: every change adds or cancels one list entry, so
+             * white has an even count (the list starts at LIST_START, even). */
+            int white = !(c->n & 1);
             const Colour *first = &colours[!white], *second = &colours[white];
             int32_t run1 = 0, run2 = 0, code;
             do {
@@ -781,7 +782,6 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
             a1 = a0;
         PutChange(c, a1);
         a0 = a1;
-        white = !white;
     }
     return 0;
 }
