@@ -744,31 +744,70 @@ static void ConvertRow(const TiffReadState *s, const uint8_t *in, uint8_t *out)
     }
 }
 
+/* The usual rows in one pass from the decoded row to the sink's row (no
+ * copy, the predictor's sums in registers): 8-bit samples, either R,G,B
+ * (24 bits, turned into B,G,R) or one sample (8 bits), with or without
+ * predictor 2, inverted for WhiteIsZero.  0 when the row is not one of
+ * these; the general path below does the same steps one by one. */
+static int FastPixelRow(const TiffReadState *s, const uint8_t *in, uint8_t *out)
+{
+    int rgb = s->samples == 3 && s->bits == 24, grey = s->samples == 1 && s->bits == 8;
+    if (s->sampleBits != 8 || !(rgb || grey))
+        return 0;
+    uint8_t flip = tiffInfo.photometric == 0 ? 0xFF : 0; /* 255 - v */
+    int predictor = tiffInfo.predictor == 2;
+    uint32_t n = (uint32_t)s->width;
+    if (grey) {
+        uint8_t v = 0;
+        for (uint32_t i = 0; i < n; i++) {
+            v = (uint8_t)(predictor ? v + in[i] : in[i]);
+            out[i] = v ^ flip;
+        }
+        return 1;
+    }
+    uint8_t red = 0, green = 0, blue = 0;
+    for (uint32_t x = 0; x < n; x++, in += 3, out += 3) {
+        red = (uint8_t)(predictor ? red + in[0] : in[0]);
+        green = (uint8_t)(predictor ? green + in[1] : in[1]);
+        blue = (uint8_t)(predictor ? blue + in[2] : in[2]);
+        out[0] = blue ^ flip;
+        out[1] = green ^ flip;
+        out[2] = red ^ flip;
+    }
+    return 1;
+}
+
 /* The row adapter proper, on one interleaved pixel row: predictor, depth,
- * WhiteIsZero inversion, R,G,B to B,G,R, then the row sink.  The sink's
+ * WhiteIsZero inversion, R,G,B to B,G,R, then the row sink.  `row` is left
+ * as it is (the general path works on a copy in pixelRow).  The sink's
  * result; a negative one is also remembered in sinkFailure. */
-static int DeliverPixelRow(TiffReadState *s, uint8_t *row, int rowIndex)
+static int DeliverPixelRow(TiffReadState *s, const uint8_t *row, int rowIndex)
 {
     if (rowIndex < 0 || rowIndex >= s->height)
         return 0; /* hardening: rows outside the picture are dropped */
-    if (tiffInfo.predictor == 2)
-        UndoPredictor(s, row);
     uint32_t used = (uint32_t)((uint64_t)s->width * (uint32_t)s->bits + 7) / 8;
     uint8_t *out = s->outRow;
     memset(out + used, 0, s->stride - used);
-    if ((uint32_t)s->samples * (uint32_t)s->sampleBits == (uint32_t)s->bits && s->samples != 2)
-        memcpy(out, row, used);
-    else
-        ConvertRow(s, row, out);
-    if (tiffInfo.photometric == 0) {
-        for (uint32_t i = 0; i < used; i++)
-            out[i] = (uint8_t)(255 - out[i]); /* 1, 4 (both nibbles), 8 and 24 bits */
-    }
-    if (s->bits == 24) {
-        for (uint32_t i = 0; i + 2 < used; i += 3) {
-            uint8_t red = out[i];
-            out[i] = out[i + 2];
-            out[i + 2] = red;
+    if (!FastPixelRow(s, row, out)) {
+        uint8_t *work = s->pixelRow;
+        if (row != work)
+            memcpy(work, row, s->pixelRowBytes);
+        if (tiffInfo.predictor == 2)
+            UndoPredictor(s, work);
+        if ((uint32_t)s->samples * (uint32_t)s->sampleBits == (uint32_t)s->bits && s->samples != 2)
+            memcpy(out, work, used);
+        else
+            ConvertRow(s, work, out);
+        if (tiffInfo.photometric == 0) {
+            for (uint32_t i = 0; i < used; i++)
+                out[i] = (uint8_t)(255 - out[i]); /* 1, 4 (both nibbles), 8 and 24 bits */
+        }
+        if (s->bits == 24) {
+            for (uint32_t i = 0; i + 2 < used; i += 3) {
+                uint8_t red = out[i];
+                out[i] = out[i + 2];
+                out[i + 2] = red;
+            }
         }
     }
     int result = s->rowSink(out, s->sinkContext, rowIndex, (int)s->stride);
@@ -794,8 +833,7 @@ static int AdaptRow(uint8_t *row, int rowIndex, int rowBytes, void *context)
     TiffReadState *s = context;
     (void)rowBytes;
     if (s->planes == 1) {
-        memcpy(s->pixelRow, row, s->pixelRowBytes);
-        int result = DeliverPixelRow(s, s->pixelRow, rowIndex);
+        int result = DeliverPixelRow(s, row, rowIndex);
         return result < 0 ? result : 0;
     }
     int32_t position;
