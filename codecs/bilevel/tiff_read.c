@@ -1144,6 +1144,9 @@ static int ReadLzw(TiffReadState *s)
     uint8_t *coded = ImgAllocTracked(LZW_CODED_BUFFER_SIZE + 16);
     uint8_t *output = ImgAllocTracked((size_t)outputSize);
     result = coded && output ? 0 : IMG_ERR_MEMORY;
+    if (output)
+        memset(output, 0, (size_t)outputSize); /* once: a strip that ends early
+                                                 * delivers what the buffer holds */
     for (s->plane = 0; s->plane < s->planes && result >= 0; s->plane++) {
         for (uint32_t strip = 0; strip < s->stripsPerPlane && result >= 0; strip++) {
             int32_t first = (int32_t)(strip * (uint32_t)s->rowsPerStrip);
@@ -1151,7 +1154,6 @@ static int ReadLzw(TiffReadState *s)
             result = SeekStrip(s, strip);
             if (result < 0)
                 break;
-            memset(output, 0, (size_t)outputSize);
             result = LzwDecodeStrip(s->handle, coded, first, (int32_t)rowBytes, output,
                                     (int32_t)outputSize, rows, AdaptRow, s);
             if (s->sinkFailure < 0)
