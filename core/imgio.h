@@ -21,6 +21,11 @@
 int32_t ImgRead(int handle, void *buffer, uint32_t count);
 int32_t ImgWrite(int handle, const void *buffer, uint32_t count);
 int32_t ImgSeek(int handle, int32_t offset, int whence);
+/* Ours: reads of `handle` served from a 64 KB block until ImgReadAheadEnd
+ * (or a write or close of the handle); nothing for the memory image or when
+ * caller I/O functions are set.  One handle at a time. */
+void ImgReadAheadBegin(int handle);
+void ImgReadAheadEnd(void);
 int32_t ImgFileSize(int handle);
 uint32_t ImgTell(void);
 void ImgSetMemorySource(void *pointer);

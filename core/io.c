@@ -72,6 +72,106 @@ static int32_t MemorySeek(int32_t offset, int whence)
     return 0;
 }
 
+/* ---- read-ahead (ours) ----
+ * While a reader walks one file's strips (ImgReadAheadBegin .. End), small
+ * reads of that handle are served from a block read at once, and seeks
+ * inside the file only move the position: a TIFF of one-row strips costs a
+ * few reads instead of a seek and a read per strip.  The data and results
+ * are those of the unbuffered calls; writing or closing the handle ends the
+ * read-ahead, and so does End, which leaves the system's file position
+ * where the unbuffered reads would have left it. */
+#define READ_AHEAD_BYTES 65536
+
+static struct {
+    int active;
+    int handle;
+    uint32_t start;  /* file offset of block[0] */
+    uint32_t length; /* bytes held */
+    int32_t position; /* the position the caller sees */
+    uint8_t block[READ_AHEAD_BYTES];
+} ahead;
+
+void ImgReadAheadBegin(int handle)
+{
+    ImgReadAheadEnd();
+    if (userRead || userSeek || handle == IMG_MEMORY_HANDLE || handle <= 0)
+        return;
+    int32_t position = PlatformSeek(handle, 0, 1);
+    if (position < 0)
+        return;
+    ahead.active = 1;
+    ahead.handle = handle;
+    ahead.position = position;
+    ahead.length = 0;
+}
+
+void ImgReadAheadEnd(void)
+{
+    if (!ahead.active)
+        return;
+    PlatformSeek(ahead.handle, ahead.position, 0);
+    ahead.active = 0;
+}
+
+/* Copies what the block holds at the position; refills it when the position
+ * is outside.  The bytes copied, 0 at the end of the file, or a negative
+ * result of the system read. */
+static int32_t ReadAheadPart(uint8_t *buffer, uint32_t count)
+{
+    uint32_t position = (uint32_t)ahead.position;
+    if (position < ahead.start || position >= ahead.start + ahead.length) {
+        ahead.length = 0;
+        if (PlatformSeek(ahead.handle, ahead.position, 0) < 0)
+            return -1;
+        int32_t got = PlatformRead(ahead.handle, ahead.block, READ_AHEAD_BYTES);
+        if (got <= 0)
+            return got;
+        ahead.start = position;
+        ahead.length = (uint32_t)got > READ_AHEAD_BYTES ? READ_AHEAD_BYTES : (uint32_t)got;
+    }
+    uint32_t held = ahead.start + ahead.length - position;
+    uint32_t n = count < held ? count : held;
+    memcpy(buffer, ahead.block + (position - ahead.start), n);
+    ahead.position += (int32_t)n;
+    return (int32_t)n;
+}
+
+static int32_t ReadAhead(void *buffer, uint32_t count)
+{
+    if (count >= READ_AHEAD_BYTES || (uint64_t)ahead.position + count > INT32_MAX) {
+        /* a large read goes straight to the file */
+        if (PlatformSeek(ahead.handle, ahead.position, 0) < 0)
+            return -1;
+        int32_t got = PlatformRead(ahead.handle, buffer, count);
+        if (got > 0)
+            ahead.position += got;
+        return got;
+    }
+    uint32_t done = 0;
+    while (done < count) {
+        int32_t n = ReadAheadPart((uint8_t *)buffer + done, count - done);
+        if (n <= 0)
+            return done ? (int32_t)done : n;
+        done += (uint32_t)n;
+    }
+    return (int32_t)done;
+}
+
+static int32_t SeekAhead(int32_t offset, int whence)
+{
+    int64_t target = whence == 0 ? offset : whence == 1 ? (int64_t)ahead.position + offset : -1;
+    if (target < 0 || target > INT32_MAX) {
+        /* the end of the file, or a position the system judges */
+        int32_t result = PlatformSeek(ahead.handle, whence == 1 ? ahead.position : 0, 0);
+        result = result < 0 ? result : PlatformSeek(ahead.handle, offset, whence);
+        if (result >= 0)
+            ahead.position = result;
+        return result;
+    }
+    ahead.position = (int32_t)target;
+    return ahead.position;
+}
+
 /* ---- the primitives ---- */
 
 int32_t ImgRead(int handle, void *buffer, uint32_t count)
@@ -80,6 +180,8 @@ int32_t ImgRead(int handle, void *buffer, uint32_t count)
         return userRead(handle, buffer, (int32_t)count);
     if (handle == IMG_MEMORY_HANDLE)
         return MemoryTransfer(buffer, count, 0);
+    if (ahead.active && handle == ahead.handle)
+        return ReadAhead(buffer, count);
     return PlatformRead(handle, buffer, count);
 }
 
@@ -89,6 +191,8 @@ int32_t ImgWrite(int handle, const void *buffer, uint32_t count)
         return userWrite(handle, (void *)buffer, (int32_t)count);
     if (handle == IMG_MEMORY_HANDLE)
         return MemoryTransfer((void *)buffer, count, 1);
+    if (ahead.active && handle == ahead.handle)
+        ImgReadAheadEnd();
     return PlatformWrite(handle, buffer, count);
 }
 
@@ -98,6 +202,8 @@ int32_t ImgSeek(int handle, int32_t offset, int whence)
         return userSeek(handle, offset, whence);
     if (handle == IMG_MEMORY_HANDLE)
         return MemorySeek(offset, whence);
+    if (ahead.active && handle == ahead.handle)
+        return SeekAhead(offset, whence);
     return PlatformSeek(handle, offset, whence);
 }
 
@@ -125,6 +231,8 @@ int ImgOpen(const char *path, int mode)
 
 int ImgClose(int handle)
 {
+    if (ahead.active && handle == ahead.handle)
+        ahead.active = 0;
     return PlatformClose(handle);
 }
 

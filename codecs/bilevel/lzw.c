@@ -39,16 +39,21 @@
 /* ---- the decoding table (module-wide, one LZW image at a time) ---- */
 
 /* One entry: 8 bytes, so that the 4662 entries (37296 bytes) fit the Part's
- * 41960-byte block and one step along a prefix chain touches one entry. */
+ * 41960-byte block and one step along a prefix chain touches one entry.
+ * Ours: each entry also holds the byte before its last one and the prefix
+ * of its prefix, so that the backward walk moves two links and writes two
+ * bytes per step (half the chain of dependent loads). */
 typedef struct LzwEntry {
-    int32_t prefix;  /* prefix code, -1 for none */
-    uint16_t length; /* string length (at most 4662 - 257) */
-    uint8_t last;    /* last byte of the string */
-    uint8_t unused;
+    uint16_t prefix;     /* prefix code (a single byte's entry: itself) */
+    uint16_t prefix2;    /* the prefix's prefix (strings of 3 bytes or more) */
+    uint16_t length;     /* string length (at most 4662 - 257) */
+    uint8_t secondLast;  /* the byte before the last (strings of 2 bytes or more) */
+    uint8_t last;        /* last byte of the string */
 } LzwEntry;
 
 static uint8_t *entryBlock; /* LZW_BLOCK_SIZE bytes, or NULL */
-static LzwEntry *entries;   /* the block as LZW_ENTRIES entries */
+static LzwEntry *entries;   /* the block as LZW_ENTRIES entries ... */
+static uint8_t *firstBytes; /* ... then each entry's first byte (9 bytes an entry) */
 /* A string that does not fit the output's free room is built here first;
  * no string is longer than the number of entries. */
 static uint8_t longString[LZW_ENTRIES];
@@ -61,11 +66,13 @@ int LzwBeginImage(void)
     if (!entryBlock)
         return IMG_ERR_MEMORY;
     entries = (LzwEntry *)(void *)entryBlock;
+    firstBytes = entryBlock + LZW_ENTRIES * sizeof(LzwEntry);
     for (int i = 0; i < 256; i++) {
-        entries[i].prefix = -1;
+        entries[i].prefix = entries[i].prefix2 = (uint16_t)i;
         entries[i].length = 1;
         entries[i].last = (uint8_t)i;
-        entries[i].unused = 0;
+        entries[i].secondLast = 0;
+        firstBytes[i] = (uint8_t)i;
     }
     return 0;
 }
@@ -75,6 +82,7 @@ void LzwEndImage(void)
     ImgFree(entryBlock);
     entryBlock = NULL;
     entries = NULL;
+    firstBytes = NULL;
 }
 
 /* ---- the bit reader ---- */
@@ -185,17 +193,23 @@ static int LzwDeliverRest(LzwOutput *o)
     return 1;
 }
 
-/* Writes the string of `code` backwards, its last byte at end - 1; returns
- * its first byte. */
+/* Writes the string of `code` backwards, its last byte at end - 1, two
+ * bytes and two links per step (the stored length says where the string
+ * starts and how many steps); the first byte, stored, goes in first (for an
+ * odd length it is the byte no pair covers).  Returns the first byte. */
 static inline uint8_t LzwWriteString(const LzwEntry *table, uint8_t *end, int32_t code)
 {
-    uint8_t *p = end - 1;
-    while (code >= 256) {
-        *p-- = table[code].last;
-        code = table[code].prefix;
+    uint32_t n = table[code].length;
+    uint8_t first = firstBytes[code];
+    end[-(int32_t)n] = first;
+    uint8_t *p = end;
+    for (uint32_t pairs = n / 2; pairs; pairs--) {
+        const LzwEntry *e = &table[code];
+        p -= 2;
+        memcpy(p, &e->secondLast, 2); /* secondLast, last: the string's order */
+        code = e->prefix2;
     }
-    *p = (uint8_t)code;
-    return (uint8_t)code;
+    return first;
 }
 
 /* Appends the string of `code` (plus, for KwKwK, its own first byte again)
@@ -278,7 +292,10 @@ enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_B
     do {                                                                     \
         LzwEntry *e_ = &(table)[nextFree];                                   \
         e_->last = (first);                                                  \
-        e_->prefix = (previous);                                             \
+        e_->secondLast = (table)[previous].last;                             \
+        e_->prefix = (uint16_t)(previous);                                   \
+        e_->prefix2 = (table)[previous].prefix;                              \
+        firstBytes[nextFree] = firstBytes[previous];                         \
         e_->length = (uint16_t)((table)[previous].length + 1);               \
         (nextFree)++;                                                        \
         if ((limit) - (nextFree) == 1) {                                     \
@@ -311,10 +328,12 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
     uint8_t *out = o->buffer + o->fill;
     uint8_t *const rowEnd = o->buffer + o->rowBytes;
     uint8_t *const outEnd = o->buffer + o->size;
-    const LzwEntry *const table = entries;
-    LzwEntry *const newEntries = entries;
+    LzwEntry *const table = entries;
     int32_t previous = t->previous, nextFree = t->nextFree, code = 0;
+    /* What the next entry takes from the previous code's entry, in registers */
     uint32_t previousLength = table[previous].length;
+    uint16_t previousPrefix = table[previous].prefix;
+    uint8_t previousLast = table[previous].last, previousFirst = firstBytes[previous];
     int stop;
     for (;;) {
         if (out >= rowEnd) {
@@ -327,41 +346,32 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
         }
         code = (int32_t)((GetBE32(coded + bitPosition / 8) << (bitPosition % 8)) >> (32 - width));
         bitPosition += width;
-        uint8_t first;
-        uint32_t n;
-        if (code < 256) {
-            *out++ = (uint8_t)code; /* a single byte: no table walk */
-            first = (uint8_t)code;
-            n = 1;
-        } else {
-            if (code == LZW_CLEAR || code == LZW_END) {
-                stop = LZW_STOP_SPECIAL;
-                break;
-            }
-            if (code > nextFree) {
-                stop = LZW_STOP_BAD; /* above the next free code */
-                break;
-            }
-            /* KwKwK (the next free code): the previous string and its own
-             * first byte.  Otherwise the code's string. */
-            int kwkwk = code == nextFree;
-            int32_t source = kwkwk ? previous : code;
-            n = kwkwk ? previousLength : table[source].length;
-            if ((size_t)(outEnd - out) < n + (uint32_t)kwkwk) {
-                stop = LZW_STOP_LONG;
-                break;
-            }
-            first = LzwWriteString(table, out + n, source);
-            out += n;
-            if (kwkwk) {
-                *out++ = first;
-                n++;
-            }
+        if (code >= LZW_CLEAR && (code <= LZW_END || code > nextFree)) {
+            /* Clear, end of information, or above the next free code */
+            stop = code > LZW_END ? LZW_STOP_BAD : LZW_STOP_SPECIAL;
+            break;
         }
-        LzwEntry *e = &newEntries[nextFree];
-        e->last = first;
-        e->prefix = previous;
-        e->length = (uint16_t)(previousLength + 1);
+        /* KwKwK (the next free code): the previous string and its own first
+         * byte.  Otherwise the code's string (a single byte included). */
+        int kwkwk = code == nextFree;
+        uint32_t n = kwkwk ? previousLength + 1 : table[code].length;
+        if ((size_t)(outEnd - out) < n) {
+            stop = LZW_STOP_LONG;
+            break;
+        }
+        uint8_t first = kwkwk ? previousFirst : firstBytes[code];
+        LzwEntry made = {(uint16_t)previous, previousPrefix, (uint16_t)(previousLength + 1),
+                         previousLast, first};
+        table[nextFree] = made; /* for KwKwK this is the code's own entry */
+        firstBytes[nextFree] = previousFirst;
+        if (code < 256)
+            *out = (uint8_t)code; /* a single byte: no walk */
+        else
+            LzwWriteString(table, out + n, code);
+        out += n;
+        previousPrefix = table[code].prefix;
+        previousLast = table[code].last;
+        previousFirst = first;
         previous = code;
         previousLength = n;
         if (++nextFree == growAt) { /* limit - next free code = 1, or the block full */

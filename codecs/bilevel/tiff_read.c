@@ -1287,6 +1287,7 @@ int TiffRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSin
         page = (int)(start & 0xFFFF);
         base = CurrentPosition(handle);
     }
+    ImgReadAheadBegin(handle); /* the IFD walk and the strips: many small reads */
     int result = TiffOpenPage(handle, base, page);
     if (result >= 0) {
         TiffReadState s;
@@ -1298,5 +1299,6 @@ int TiffRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSin
         FreeState(&s);
     }
     FreeStripOffsets();
+    ImgReadAheadEnd();
     return result < 0 ? result : 1;
 }
