@@ -1,8 +1,8 @@
 /*
  * bench_tiff_read - the TIFF reader (Part 2.3) beside libtiff on the same
  * files in the same run:
- *   a 20-page dense Group 4 TIFF (2550 x 3300 pseudo-text pages at 300 dpi,
- *   one strip each), read page by page, and
+ *   a 20-page dense Group 4 TIFF (2550 x 3300 text pages at 300 dpi from
+ *   bench_common.h, one strip each), read page by page, and
  *   a 2000 x 1500 24-bit LZW TIFF with predictor 2 (libtiff's default strips).
  * Both files are written here with libtiff's own encoders.
  *
@@ -22,60 +22,14 @@
 
 #include <tiffio.h>
 
+#include "bench_common.h"
+
 #include "../codecs/bilevel/tiff_read.h"
 #include "../core/imgio.h"
 
 enum { PAGE_W = 2550, PAGE_H = 3300, PAGES = 20, PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 5 };
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *t, int n)
-{
-    qsort(t, (size_t)n, sizeof *t, CompareDoubles);
-    return t[n / 2];
-}
-
 static uint32_t seed = 12345;
-static uint32_t Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return seed >> 8;
-}
-
-/* A page of pseudo-text: lines of "words" made of small glyph blocks with
- * random strokes, 1 = black (MinIsWhite). */
-static void MakePage(uint8_t *page, int stride, int shift)
-{
-    memset(page, 0, (size_t)stride * PAGE_H);
-    for (int line = 150 + shift; line + 40 < PAGE_H - 150; line += 50) {
-        int x = 150;
-        while (x < PAGE_W - 200) {
-            int letters = 2 + (int)(Random() % 8);
-            for (int l = 0; l < letters && x < PAGE_W - 200; l++, x += 24) {
-                uint32_t strokes = Random();
-                for (int y = 0; y < 32; y++)
-                    for (int k = 0; k < 5; k++)
-                        if (strokes & (1u << ((y / 7) * 5 + k)))
-                            for (int dx = 0; dx < 4; dx++) {
-                                int px = x + k * 4 + dx, py = line + y;
-                                page[(size_t)py * stride + px / 8] |= (uint8_t)(0x80 >> (px % 8));
-                            }
-            }
-            x += 24;
-        }
-    }
-}
 
 static int WriteG4File(const char *path)
 {
@@ -85,7 +39,8 @@ static int WriteG4File(const char *path)
     int stride = (PAGE_W + 7) / 8;
     uint8_t *page = malloc((size_t)stride * PAGE_H);
     for (int p = 0; p < PAGES; p++) {
-        MakePage(page, stride, p % 7);
+        BenchPage text = {page, PAGE_W, PAGE_H, stride};
+        BenchTextPage(&text, 1000u + (uint32_t)p);
         TIFFSetField(t, TIFFTAG_IMAGEWIDTH, PAGE_W);
         TIFFSetField(t, TIFFTAG_IMAGELENGTH, PAGE_H);
         TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 1);
@@ -122,8 +77,8 @@ static int WriteLzwFile(const char *path)
     for (int y = 0; y < PHOTO_H; y++) {
         for (int x = 0; x < PHOTO_W; x++) {
             /* smooth gradients with a little noise, like a photograph */
-            row[3 * x] = (uint8_t)((x * 255) / PHOTO_W + (Random() & 3));
-            row[3 * x + 1] = (uint8_t)((y * 255) / PHOTO_H + (Random() & 3));
+            row[3 * x] = (uint8_t)((x * 255) / PHOTO_W + (BenchRandom(&seed) & 3));
+            row[3 * x + 1] = (uint8_t)((y * 255) / PHOTO_H + (BenchRandom(&seed) & 3));
             row[3 * x + 2] = (uint8_t)(((x + y) * 128) / (PHOTO_W + PHOTO_H) + ((x / 50 + y / 50) & 1) * 60);
         }
         TIFFWriteScanline(t, row, (uint32_t)y, 0);
@@ -151,7 +106,7 @@ static int CountRow(const uint8_t *row, void *context, int rowIndex, int rowByte
 
 static double OursOnce(const char *path, int pages)
 {
-    double start = Now();
+    double start = BenchNow();
     int handle = ImgOpen(path, 0);
     for (int p = 0; p < pages; p++) {
         ImgSeek(handle, 0, 0);
@@ -162,12 +117,12 @@ static double OursOnce(const char *path, int pages)
         }
     }
     ImgClose(handle);
-    return Now() - start;
+    return BenchNow() - start;
 }
 
 static double LibtiffOnce(const char *path, int pages)
 {
-    double start = Now();
+    double start = BenchNow();
     TIFF *t = TIFFOpen(path, "r");
     tmsize_t size = TIFFStripSize(t) * 2;
     uint8_t *buffer = malloc((size_t)size);
@@ -188,7 +143,7 @@ static double LibtiffOnce(const char *path, int pages)
     }
     free(buffer);
     TIFFClose(t);
-    return Now() - start;
+    return BenchNow() - start;
 }
 
 static void Compare(const char *what, const char *path, int pages)
@@ -198,7 +153,7 @@ static void Compare(const char *what, const char *path, int pages)
         ours[r] = OursOnce(path, pages);
         theirs[r] = LibtiffOnce(path, pages);
     }
-    double o = Median(ours, RUNS), t = Median(theirs, RUNS);
+    double o = BenchMedian(ours, RUNS), t = BenchMedian(theirs, RUNS);
     printf("%-44s ours %8.1f ms   libtiff %8.1f ms   ratio %.2fx\n", what, o * 1e3, t * 1e3, t / o);
 }
 
