@@ -153,7 +153,9 @@ void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const u
 #if defined(__GNUC__)
 #define RARELY(condition) __builtin_expect(!!(condition), 0)
 #define NOINLINE __attribute__((noinline))
+#define ALWAYS_INLINE inline __attribute__((always_inline))
 #else
+#define ALWAYS_INLINE inline
 #define RARELY(condition) (condition)
 #define NOINLINE
 #endif
@@ -444,7 +446,8 @@ typedef struct ChangeList {
     int32_t width;
 } ChangeList;
 
-static void PutChangeSlow(ChangeList *c, int32_t position)
+/* Inlined, so that the list's fields stay in registers in the row loops. */
+static ALWAYS_INLINE void PutChangeSlow(ChangeList *c, int32_t position)
 {
     if (position > c->width)
         position = c->width;
