@@ -23,6 +23,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "bench_common.h"
 #include "../codecs/bilevel/ccitt_encode.h"
 #include "../core/imgapi.h"
 #include "../core/imgio.h"
@@ -35,79 +36,24 @@ enum { PAGE_W = 2550, PAGE_H = 3300, RUNS = 21 };
 #define PAGE_STRIDE ((PAGE_W + 7) / 8)
 #define OUT_CAPACITY (8u << 20)
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *values, int n)
-{
-    qsort(values, (size_t)n, sizeof *values, CompareDoubles);
-    return values[n / 2];
-}
-
-static uint32_t seed = 4242;
-static uint32_t Random(uint32_t n)
-{
-    seed = seed * 1103515245u + 12345u;
-    return ((seed >> 16) & 0x7FFF) % n;
-}
-
 /* ---- the page: rows top first, bit 1 white ---- */
 
-static uint8_t page[PAGE_H][PAGE_STRIDE];
+static uint8_t pageBytes[PAGE_H * PAGE_STRIDE];
+#define PAGE_ROW(y) (pageBytes + (size_t)(y) * PAGE_STRIDE)
 
-static void Ink(int32_t x, int32_t y)
-{
-    if (x >= 0 && x < PAGE_W && y >= 0 && y < PAGE_H)
-        page[y][x >> 3] &= (uint8_t)~(0x80 >> (x & 7));
-}
-
-/* 10-point-like text at 300 dpi: lines 50 rows apart, glyphs in 24-pixel
- * cells made of 2 to 4 horizontal or vertical strokes, words of 1 to 9
- * glyphs, a few rules. */
+/* bench_common.h's text page, inverted: here bit 1 is white. */
 static void MakePage(void)
 {
-    memset(page, 0xFF, sizeof page);
-    const int32_t margin = 200, cell = 24;
-    for (int32_t top = margin; top + cell < PAGE_H - margin; top += 50) {
-        if (Random(25) == 0) {
-            for (int32_t x = margin; x < PAGE_W - margin; x++)
-                for (int32_t t = 0; t < 4; t++)
-                    Ink(x, top + t);
-            continue;
-        }
-        int32_t x = margin;
-        while (x + cell < PAGE_W - margin) {
-            int letters = 1 + (int)Random(9);
-            for (int l = 0; l < letters && x + cell < PAGE_W - margin; l++, x += cell * 3 / 4) {
-                int strokes = 2 + (int)Random(3);
-                for (int k = 0; k < strokes; k++) {
-                    int32_t x0 = x + (int32_t)Random(cell / 2), y0 = top + (int32_t)Random(cell / 2);
-                    int vertical = Random(2) == 0;
-                    int32_t len = cell / 3 + (int32_t)Random(cell / 2);
-                    for (int32_t a = 0; a < len; a++)
-                        for (int32_t t = 0; t < 3; t++)
-                            Ink(vertical ? x0 + t : x0 + a, vertical ? y0 + a : y0 + t);
-                }
-            }
-            x += cell / 2 + (int32_t)Random(cell / 2);
-        }
-    }
+    BenchPage text = {pageBytes, PAGE_W, PAGE_H, PAGE_STRIDE};
+    BenchTextPage(&text, 4242);
+    for (size_t i = 0; i < sizeof pageBytes; i++)
+        pageBytes[i] = (uint8_t)~pageBytes[i];
 }
 
 static int PageRows(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
 {
     (void)context;
-    memcpy(buffer, page[rowIndex], (size_t)rowBytes);
+    memcpy(buffer, PAGE_ROW(rowIndex), (size_t)rowBytes);
     return 0;
 }
 
@@ -223,20 +169,20 @@ static void TimeBoth(int g4, double *ourTime, int64_t *ourBytes, double *tiffTim
 {
     double a[RUNS], b[RUNS];
     for (int i = 0; i < RUNS; i++) {
-        double start = Now();
+        double start = BenchNow();
         *ourBytes = EncodeOurs(g4);
-        a[i] = Now() - start;
+        a[i] = BenchNow() - start;
 #ifdef TRNW_HAVE_LIBTIFF
-        start = Now();
+        start = BenchNow();
         *tiffBytes = EncodeLibtiff(g4);
-        b[i] = Now() - start;
+        b[i] = BenchNow() - start;
 #else
         *tiffBytes = -1;
         b[i] = 0;
 #endif
     }
-    *ourTime = Median(a, RUNS);
-    *tiffTime = Median(b, RUNS);
+    *ourTime = BenchMedian(a, RUNS);
+    *tiffTime = BenchMedian(b, RUNS);
 }
 
 #ifdef TRNW_HAVE_LIBTIFF
@@ -258,7 +204,7 @@ int main(void)
     TIFFSetWarningHandler(TiffQuiet);
     for (int y = 0; y < PAGE_H; y++)
         for (int x = 0; x < PAGE_STRIDE; x++)
-            inverted[y][x] = (uint8_t)~page[y][x];
+            inverted[y][x] = (uint8_t)~PAGE_ROW(y)[x];
     memoryFile.capacity = OUT_CAPACITY;
     memoryFile.bytes = malloc(OUT_CAPACITY);
     if (!memoryFile.bytes)

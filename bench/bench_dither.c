@@ -20,6 +20,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "bench_common.h"
 #include "../core/dib.h"
 #include "../core/image_table.h"
 #include "../core/imgapi.h"
@@ -27,32 +28,7 @@
 
 enum { PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 5, TOOL_RUNS = 3 };
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *values, int n)
-{
-    qsort(values, (size_t)n, sizeof *values, CompareDoubles);
-    return values[n / 2];
-}
-
 static uint32_t seed = 4242;
-static uint32_t Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return seed >> 8;
-}
-
 static uint8_t Clamp(double v)
 {
     return (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v);
@@ -71,9 +47,9 @@ static uint8_t *MakePhoto(void)
     memcpy(dib, &h, sizeof h);
     double cx[6], cy[6], rad[6], col[6][3];
     for (int k = 0; k < 6; k++) {
-        cx[k] = Random() % PHOTO_W, cy[k] = Random() % PHOTO_H, rad[k] = 150 + Random() % 400;
+        cx[k] = BenchRandom(&seed) % PHOTO_W, cy[k] = BenchRandom(&seed) % PHOTO_H, rad[k] = 150 + BenchRandom(&seed) % 400;
         for (int c = 0; c < 3; c++)
-            col[k][c] = (double)(Random() % 256) - 128;
+            col[k][c] = (double)(BenchRandom(&seed) % 256) - 128;
     }
     for (int y = 0; y < PHOTO_H; y++) {
         uint8_t *row = dib + 40 + (size_t)y * stride;
@@ -86,7 +62,7 @@ static uint8_t *MakePhoto(void)
                     base[c] += w * col[k][c];
             }
             for (int c = 0; c < 3; c++)
-                row[3 * x + c] = Clamp(base[c] + (double)(Random() % 9) - 4);
+                row[3 * x + c] = Clamp(base[c] + (double)(BenchRandom(&seed) % 9) - 4);
         }
     }
     return dib;
@@ -96,12 +72,12 @@ static double TimeCommand(const char *command)
 {
     double times[TOOL_RUNS];
     for (int run = 0; run < TOOL_RUNS; run++) {
-        double t0 = Now();
+        double t0 = BenchNow();
         if (system(command) != 0)
             return -1;
-        times[run] = Now() - t0;
+        times[run] = BenchNow() - t0;
     }
-    return Median(times, TOOL_RUNS);
+    return BenchMedian(times, TOOL_RUNS);
 }
 
 int main(void)
@@ -126,16 +102,16 @@ int main(void)
             fprintf(stderr, "bench_dither: cannot write %s\n", in);
             return 1;
         }
-        double t0 = Now();
+        double t0 = BenchNow();
         int32_t result = IMG_diffusion_mono(handle);
-        times[run] = Now() - t0;
+        times[run] = BenchNow() - t0;
         if (result != 0) {
             fprintf(stderr, "bench_dither: IMG_diffusion_mono gave %d\n", result);
             return 1;
         }
         IMG_delete_bitmap(handle);
     }
-    double ours = Median(times, RUNS);
+    double ours = BenchMedian(times, RUNS);
     printf("IMG_diffusion_mono (Stucki, run-coded result), %d x %d 24-bit: %.1f ms\n", PHOTO_W,
            PHOTO_H, ours * 1e3);
 

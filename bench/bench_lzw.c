@@ -23,6 +23,7 @@
 
 #include <tiffio.h>
 
+#include "bench_common.h"
 #include "../codecs/bilevel/lzw.h"
 #include "../core/bytes.h"
 #include "../core/contracts.h"
@@ -31,32 +32,7 @@
 enum { WIDTH = 2000, HEIGHT = 1500, ROW_BYTES = WIDTH * 3, RUNS = 7 };
 #define PICTURE_BYTES ((size_t)ROW_BYTES * HEIGHT)
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *values, int n)
-{
-    qsort(values, (size_t)n, sizeof *values, CompareDoubles);
-    return values[n / 2];
-}
-
 static uint32_t seed = 12345;
-static uint32_t Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return seed >> 8;
-}
-
 /* A smooth, slowly varying picture with a little noise, R,G,B: LZW gains
  * about as little on it as on a typical photograph. */
 static void MakePicture(uint8_t *rgb)
@@ -66,8 +42,8 @@ static void MakePicture(uint8_t *rgb)
             for (int c = 0; c < 3; c++) {
                 int cx = x - 700 - 200 * c, cy = y - 600;
                 int v = 60 + (int)((uint32_t)(cx * cx + cy * cy) / 9000 % 150) + (x / 16 + y / 24) % 30;
-                if (Random() % 4 == 0) /* sensor noise on a quarter of the samples */
-                    v += (int)(Random() % 5) - 2;
+                if (BenchRandom(&seed) % 4 == 0) /* sensor noise on a quarter of the samples */
+                    v += (int)(BenchRandom(&seed) % 5) - 2;
                 rgb[(size_t)y * ROW_BYTES + (size_t)x * 3 + c] = (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v);
             }
 }
@@ -149,9 +125,9 @@ static double LibtiffEncode(const uint8_t *rgb, MemTiff *m)
     TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
     TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, HEIGHT);
-    double t0 = Now();
+    double t0 = BenchNow();
     tsize_t r = TIFFWriteEncodedStrip(t, 0, (void *)rgb, (tsize_t)PICTURE_BYTES);
-    double t1 = Now();
+    double t1 = BenchNow();
     TIFFClose(t);
     return r < 0 ? -1 : t1 - t0;
 }
@@ -162,9 +138,9 @@ static double LibtiffDecode(MemTiff *m, uint8_t *out)
     TIFF *t = MemOpen(m, "r");
     if (!t)
         return -1;
-    double t0 = Now();
+    double t0 = BenchNow();
     tsize_t r = TIFFReadEncodedStrip(t, 0, out, (tsize_t)PICTURE_BYTES);
-    double t1 = Now();
+    double t1 = BenchNow();
     TIFFClose(t);
     return r != (tsize_t)PICTURE_BYTES ? -1 : t1 - t0;
 }
@@ -209,9 +185,9 @@ static double OursEncode(Rows *rows, uint8_t *sink, size_t sinkSize, uint32_t *p
     PutLE32(header + 8, HEIGHT);
     PutLE16(header + 14, 24);
     ImgSetMemorySourceSized(sink, (uint32_t)sinkSize);
-    double t0 = Now();
+    double t0 = BenchNow();
     int r = LzwEncodeStrip(IMG_MEMORY_HANDLE, header, SourceRow, rows, 0, HEIGHT);
-    double t1 = Now();
+    double t1 = BenchNow();
     *produced = ImgTell();
     return r != 0 ? -1 : t1 - t0;
 }
@@ -221,10 +197,10 @@ static double OursDecode(uint8_t *strip, uint32_t size, Rows *rows)
     static uint8_t coded[LZW_CODED_BUFFER_SIZE];
     static uint8_t output[4 * ROW_BYTES];
     ImgSetMemorySourceSized(strip, size);
-    double t0 = Now();
+    double t0 = BenchNow();
     int r = LzwDecodeStrip(IMG_MEMORY_HANDLE, coded, 0, ROW_BYTES, output, sizeof output, HEIGHT,
                            SinkRow, rows);
-    double t1 = Now();
+    double t1 = BenchNow();
     return r != 1 ? -1 : t1 - t0;
 }
 
@@ -290,8 +266,8 @@ int main(void)
            HEIGHT, RUNS);
     printf("  strip sizes: trnw %u bytes, libtiff %llu bytes (picture %zu)\n", ourSize,
            (unsigned long long)count, PICTURE_BYTES);
-    double od = Median(oursDec, RUNS), ood = Median(oursOwnDec, RUNS), td = Median(theirsDec, RUNS);
-    double oe = Median(oursEnc, RUNS), te = Median(theirsEnc, RUNS);
+    double od = BenchMedian(oursDec, RUNS), ood = BenchMedian(oursOwnDec, RUNS), td = BenchMedian(theirsDec, RUNS);
+    double oe = BenchMedian(oursEnc, RUNS), te = BenchMedian(theirsEnc, RUNS);
     Report("decode (libtiff's strip)", od, td);
     Report("decode (our strip vs libtiff's)", ood, td);
     Report("encode", oe, te);

@@ -23,6 +23,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "bench_common.h"
 #include "../core/dib.h"
 #include "../core/image_table.h"
 #include "../core/imgapi.h"
@@ -32,32 +33,7 @@ enum { PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 5, MAGICK_RUNS = 3 };
 
 static const char magick[] = "/usr/bin/convert";
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *values, int n)
-{
-    qsort(values, (size_t)n, sizeof *values, CompareDoubles);
-    return values[n / 2];
-}
-
 static uint32_t seed = 2024;
-static uint32_t Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return seed >> 8;
-}
-
 static uint8_t *NewDib(int32_t w, int32_t h, uint32_t *size)
 {
     uint32_t stride = (uint32_t)DibStride((uint32_t)w, 24);
@@ -91,10 +67,10 @@ static uint8_t *Photo(uint32_t *size)
         return NULL;
     struct { double x, y, r, cr, cg, cb; } discs[12];
     for (int i = 0; i < 12; i++) {
-        discs[i].x = Random() % PHOTO_W;
-        discs[i].y = Random() % PHOTO_H;
-        discs[i].r = 80 + Random() % 300;
-        discs[i].cr = Random() % 256, discs[i].cg = Random() % 256, discs[i].cb = Random() % 256;
+        discs[i].x = BenchRandom(&seed) % PHOTO_W;
+        discs[i].y = BenchRandom(&seed) % PHOTO_H;
+        discs[i].r = 80 + BenchRandom(&seed) % 300;
+        discs[i].cr = BenchRandom(&seed) % 256, discs[i].cg = BenchRandom(&seed) % 256, discs[i].cb = BenchRandom(&seed) % 256;
     }
     uint32_t stride = (uint32_t)DibStride(PHOTO_W, 24);
     for (int32_t y = 0; y < PHOTO_H; y++) {
@@ -115,7 +91,7 @@ static uint8_t *Photo(uint32_t *size)
             }
             if (((x / 160) + (y / 220)) % 7 == 0) /* bars with hard edges */
                 r = 0.5 * r + 100, g *= 0.6;
-            double grain = (double)(Random() % 17) - 8;
+            double grain = (double)(BenchRandom(&seed) % 17) - 8;
             row[3 * x] = Byte(b + grain);
             row[3 * x + 1] = Byte(g + grain);
             row[3 * x + 2] = Byte(r + grain);
@@ -136,9 +112,9 @@ static double TimeOurs(const uint8_t *dib, uint32_t size, int octree, int32_t *m
         int32_t handle = IMG_create_handle_keep(copy);
         if (handle < 0)
             return -1;
-        double t0 = Now();
+        double t0 = BenchNow();
         int32_t result = octree ? IMG_octree_color(handle, 8, NULL, 256) : IMG_mediancut_color(handle);
-        times[run] = Now() - t0;
+        times[run] = BenchNow() - t0;
         if (result < 0) {
             fprintf(stderr, "bench_palette: operation failed: %d\n", (int)result);
             return -1;
@@ -147,19 +123,19 @@ static double TimeOurs(const uint8_t *dib, uint32_t size, int octree, int32_t *m
         IMG_delete_bitmap_keep(handle); /* frees the new block, leaves the copy */
         ImgFree(copy);
     }
-    return Median(times, RUNS);
+    return BenchMedian(times, RUNS);
 }
 
 static double TimeCommand(const char *command)
 {
     double times[MAGICK_RUNS];
     for (int run = 0; run < MAGICK_RUNS; run++) {
-        double t0 = Now();
+        double t0 = BenchNow();
         if (system(command) != 0)
             return -1;
-        times[run] = Now() - t0;
+        times[run] = BenchNow() - t0;
     }
-    return Median(times, MAGICK_RUNS);
+    return BenchMedian(times, MAGICK_RUNS);
 }
 
 static int SaveBmp(const uint8_t *dib, uint32_t size, const char *path)

@@ -23,6 +23,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "bench_common.h"
 #include "../core/dib.h"
 #include "../core/image_table.h"
 #include "../core/imgapi.h"
@@ -30,32 +31,7 @@
 
 enum { PAGE_W = 2550, PAGE_H = 3300, PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 5, VIPS_RUNS = 5 };
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *values, int n)
-{
-    qsort(values, (size_t)n, sizeof *values, CompareDoubles);
-    return values[n / 2];
-}
-
 static uint32_t seed = 12345;
-static uint32_t Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return seed >> 8;
-}
-
 /* ---- the pictures, as packed DIBs in blocks of ours ---- */
 
 static uint8_t *NewDib(int32_t w, int32_t h, int bits, uint32_t *size)
@@ -86,32 +62,25 @@ static uint8_t *DibRow(uint8_t *dib, int32_t w, int32_t h, int bits, int32_t r)
     return dib + DIB_HEADER_SIZE + DibPaletteSize(bits) + (size_t)(h - 1 - r) * stride;
 }
 
-/* A dense fax page: lines of text every 36 rows (strokes 1 to 6 pixels,
- * gaps 1 to 10, 20 to 26 rows tall), a rule and a box. */
+/* bench_common.h's text page as a 1-bit DIB (bit 1 white). */
 static uint8_t *FaxPage(uint32_t *size)
 {
     uint8_t *dib = NewDib(PAGE_W, PAGE_H, 1, size);
-    if (!dib)
-        return NULL;
-    for (int32_t r = 0; r < PAGE_H; r++)
-        memset(DibRow(dib, PAGE_W, PAGE_H, 1, r), 0xFF, (size_t)DibStride(PAGE_W, 1));
-    for (int32_t top = 150; top + 30 < PAGE_H - 150; top += 36) {
-        int32_t x = 150;
-        while (x < PAGE_W - 150) {
-            int32_t ink = 1 + (int32_t)(Random() % 6), gap = 1 + (int32_t)(Random() % 10);
-            int32_t y0 = top + (int32_t)(Random() % 4), y1 = top + 20 + (int32_t)(Random() % 7);
-            for (int32_t y = y0; y < y1; y++) {
-                uint8_t *row = DibRow(dib, PAGE_W, PAGE_H, 1, y);
-                for (int32_t i = 0; i < ink; i++)
-                    row[(x + i) >> 3] &= (uint8_t)~(0x80 >> ((x + i) & 7));
-            }
-            x += ink + gap + (Random() % 7 == 0 ? 24 : 0);
-        }
+    int stride = (PAGE_W + 7) / 8;
+    uint8_t *rows = malloc((size_t)stride * PAGE_H);
+    if (!dib || !rows) {
+        free(rows);
+        return dib;
     }
-    for (int32_t y = 100; y < 104; y++)
-        memset(DibRow(dib, PAGE_W, PAGE_H, 1, y) + 18, 0, 280);
-    for (int32_t y = PAGE_H - 400; y < PAGE_H - 200; y++)
-        memset(DibRow(dib, PAGE_W, PAGE_H, 1, y) + 100, 0, 60);
+    BenchPage text = {rows, PAGE_W, PAGE_H, stride};
+    BenchTextPage(&text, 12345);
+    for (int32_t r = 0; r < PAGE_H; r++) {
+        uint8_t *row = DibRow(dib, PAGE_W, PAGE_H, 1, r);
+        memset(row, 0xFF, (size_t)DibStride(PAGE_W, 1));
+        for (int i = 0; i < stride; i++)
+            row[i] = (uint8_t)~rows[(size_t)r * stride + i];
+    }
+    free(rows);
     return dib;
 }
 
@@ -125,7 +94,7 @@ static uint8_t *Photo(uint32_t *size)
         for (int32_t x = 0; x < PHOTO_W; x++) {
             row[3 * x] = (uint8_t)(x * 255 / PHOTO_W);
             row[3 * x + 1] = (uint8_t)(y * 255 / PHOTO_H);
-            row[3 * x + 2] = (uint8_t)((x ^ y) + (Random() & 15));
+            row[3 * x + 2] = (uint8_t)((x ^ y) + (BenchRandom(&seed) & 15));
         }
     }
     return dib;
@@ -166,9 +135,9 @@ static double TimeOurs(const uint8_t *dib, uint32_t size, int coded, int32_t ang
         int32_t handle = IMG_create_handle_keep(copy);
         if (handle < 0 || (coded && IMG_dib_to_runs(handle) < 0))
             return -1;
-        double t0 = Now();
+        double t0 = BenchNow();
         int result = IMG_rotate_bitmap(handle, angle);
-        times[run] = Now() - t0;
+        times[run] = BenchNow() - t0;
         if (result < 0) {
             fprintf(stderr, "IMG_rotate_bitmap: %d\n", result);
             return -1;
@@ -177,7 +146,7 @@ static double TimeOurs(const uint8_t *dib, uint32_t size, int coded, int32_t ang
         IMG_delete_bitmap_keep(handle); /* frees the turned block, leaves the copy */
         ImgFree(copy);
     }
-    return Median(times, RUNS);
+    return BenchMedian(times, RUNS);
 }
 
 /* vips: the median wall-clock time of the command. */
@@ -185,12 +154,12 @@ static double TimeCommand(const char *command)
 {
     double times[VIPS_RUNS];
     for (int run = 0; run < VIPS_RUNS; run++) {
-        double t0 = Now();
+        double t0 = BenchNow();
         if (system(command) != 0)
             return -1;
-        times[run] = Now() - t0;
+        times[run] = BenchNow() - t0;
     }
-    return Median(times, VIPS_RUNS);
+    return BenchMedian(times, VIPS_RUNS);
 }
 
 static void Report(const char *what, double ours, int32_t w, int32_t h, const char *vipsCommand,

@@ -24,6 +24,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "bench_common.h"
 #include "../core/contracts.h"
 #include "../core/dib.h"
 #include "../core/imgapi.h"
@@ -35,54 +36,16 @@
 
 enum { PAGE_W = 2550, PAGE_H = 3300, ROW_BYTES = (PAGE_W + 7) / 8, RUNS = 7 };
 
-static double Now(void)
-{
-    struct timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
-}
-
-static int CompareDoubles(const void *a, const void *b)
-{
-    double x = *(const double *)a, y = *(const double *)b;
-    return x < y ? -1 : x > y;
-}
-
-static double Median(double *values, int n)
-{
-    qsort(values, (size_t)n, sizeof *values, CompareDoubles);
-    return values[n / 2];
-}
-
-static uint32_t seed = 4242;
-static uint32_t Random(void)
-{
-    seed = seed * 1103515245u + 12345u;
-    return seed >> 8;
-}
-
-static void SetBlack(uint8_t *page, int x, int y)
-{
-    page[(size_t)y * ROW_BYTES + x / 8] &= (uint8_t)~(0x80 >> (x % 8));
-}
-
-/* A dense text-like page, 1 = white, top row first. */
+/* bench_common.h's text page, 1 = white, top row first. */
 static uint8_t *MakePage(void)
 {
     uint8_t *page = malloc((size_t)ROW_BYTES * PAGE_H);
     if (!page)
         return NULL;
-    memset(page, 0xFF, (size_t)ROW_BYTES * PAGE_H);
-    for (int line = 150; line + 30 < PAGE_H - 150; line += 40)
-        for (int x = 150; x + 20 < PAGE_W - 150; x += 18 + (int)(Random() % 4)) {
-            if (Random() % 7 == 0)
-                continue; /* a space */
-            int height = 14 + (int)(Random() % 12), width = 8 + (int)(Random() % 8);
-            for (int y = 0; y < height; y++)
-                for (int dx = 0; dx < width; dx++)
-                    if ((Random() % 5) != 0 && ((dx + y) % 6 < 4))
-                        SetBlack(page, x + dx, line + 25 - height + y);
-        }
+    BenchPage text = {page, PAGE_W, PAGE_H, ROW_BYTES};
+    BenchTextPage(&text, 4242);
+    for (size_t i = 0; i < (size_t)ROW_BYTES * PAGE_H; i++)
+        page[i] = (uint8_t)~page[i];
     return page;
 }
 
@@ -121,13 +84,13 @@ static double TimeOurs(const char *path, int32_t type, int64_t *size)
 {
     double times[RUNS];
     for (int r = 0; r < RUNS; r++) {
-        double t0 = Now();
+        double t0 = BenchNow();
         *size = SaveOurs(path, type);
-        times[r] = Now() - t0;
+        times[r] = BenchNow() - t0;
         if (*size < 0)
             return -1;
     }
-    return Median(times, RUNS);
+    return BenchMedian(times, RUNS);
 }
 
 #ifdef TRNW_HAVE_LIBTIFF
@@ -164,13 +127,13 @@ static double TimeLibtiff(const char *path, const uint8_t *inverted, int64_t *si
 {
     double times[RUNS];
     for (int r = 0; r < RUNS; r++) {
-        double t0 = Now();
+        double t0 = BenchNow();
         *size = SaveLibtiff(path, inverted);
-        times[r] = Now() - t0;
+        times[r] = BenchNow() - t0;
         if (*size < 0)
             return -1;
     }
-    return Median(times, RUNS);
+    return BenchMedian(times, RUNS);
 }
 #endif
 
