@@ -809,6 +809,31 @@ static void WhiteReference(int32_t width, int count)
     work.referenceEnd = Terminate(work.rows[0], LIST_START, terminators, count, width);
 }
 
+/* The end of a row of the two-dimensional decoders: the list `c` decoded
+ * with `status` (1: the data had ended), cut at the width and terminated
+ * (width, width, width + 1, width + 1), becomes the reference row and goes
+ * to the callback.  The callback's result; the buffers are freed on a
+ * negative one. */
+static int EmitReferenceRow(ChangeList *c, int status, int *dataEnded, int32_t rowIndex,
+                            int leadingZero, ImgRowSink callback, void *context)
+{
+    int32_t width = c->width;
+    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)(width + 1),
+                               (uint16_t)(width + 1)};
+    if (status == 1)
+        *dataEnded = 1;
+    else
+        work.rowsProduced = rowIndex + 1;
+    CutAtWidth(c);
+    int n = Terminate(c->list, c->n, terminators, 4, width);
+    work.reference = !work.reference;
+    work.referenceEnd = n;
+    int result = EmitRecord(c->list, n, leadingZero, width, rowIndex, callback, context);
+    if (result < 0)
+        FreeRows(); /* ours in Group 3: stop at once, as the other decoders do */
+    return result;
+}
+
 /* ---- the two-dimensional Group 3 decoder ---- */
 
 int CcittDecode2D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
@@ -830,8 +855,6 @@ int CcittDecode2D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
     BitReader *r = &reader;
     StartReader(buffer, p, handle, tagged);
     uint32_t mark = Mark2D(width);
-    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)(width + 1),
-                               (uint16_t)(width + 1)};
     int last = 0, dataEnded = 0, eols = 0;
     for (int32_t i = 0; i < rowCount; i++) {
         int32_t rowIndex = firstRow + i;
@@ -851,19 +874,9 @@ int CcittDecode2D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
         if (!dataEnded)
             status = oneD ? Decode1DRow(r, &c, 0, &eols)
                           : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
-        if (status == 1)
-            dataEnded = 1;
-        else
-            work.rowsProduced = rowIndex + 1;
-        CutAtWidth(&c);
-        int n = Terminate(row, c.n, terminators, 4, width);
-        work.reference = !work.reference;
-        work.referenceEnd = n;
-        last = EmitRecord(row, n, 0, width, rowIndex, rowCallback, context);
-        if (last < 0) {
-            FreeRows(); /* ours: stop at once, as the other two decoders do */
+        last = EmitReferenceRow(&c, status, &dataEnded, rowIndex, 0, rowCallback, context);
+        if (last < 0)
             return last;
-        }
         RefillAtMark(r, mark);
     }
     FinishCall(p, firstRow + rowCount);
@@ -891,8 +904,6 @@ int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
     StartReader(buffer, p, handle, p->mode == 4);
     int leadingZero = p->whiteIsZero == 0;
     uint32_t mark = Mark2D(width);
-    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)(width + 1),
-                               (uint16_t)(width + 1)};
     int last = 0, dataEnded = 0;
     int32_t i = 0;
     for (; i < rowCount && firstRow + i < p->height; i++) {
@@ -901,19 +912,10 @@ int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
         ChangeList c;
         StartList(&c, row, width);
         int status = dataEnded ? 1 : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
-        if (status == 1)
-            dataEnded = 1;
-        else
-            work.rowsProduced = rowIndex + 1;
-        CutAtWidth(&c);
-        int n = Terminate(row, c.n, terminators, 4, width);
-        work.reference = !work.reference;
-        work.referenceEnd = n;
-        last = EmitRecord(row, n, leadingZero, width, rowIndex, rowCallback, context);
-        if (last < 0) {
-            FreeRows();
+        last = EmitReferenceRow(&c, status, &dataEnded, rowIndex, leadingZero, rowCallback,
+                                context);
+        if (last < 0)
             return last;
-        }
         RefillAtMark(r, mark);
     }
     /* The image's rows ran out: the last record again for each row left. */
