@@ -36,6 +36,21 @@ static inline double BenchMedian(double *values, int n)
     return values[n / 2];
 }
 
+/* The median time of `runs` (at most 16) runs of a shell command, or -1
+ * when it fails. */
+static inline double BenchTimeCommand(const char *command, int runs)
+{
+    double times[16];
+    runs = runs < 1 ? 1 : runs > 16 ? 16 : runs;
+    for (int run = 0; run < runs; run++) {
+        double t0 = BenchNow();
+        if (system(command) != 0)
+            return -1;
+        times[run] = BenchNow() - t0;
+    }
+    return BenchMedian(times, runs);
+}
+
 /* A linear congruential generator: the same pictures in every run. */
 static inline uint32_t BenchRandom(uint32_t *seed)
 {

@@ -68,18 +68,6 @@ static uint8_t *MakePhoto(void)
     return dib;
 }
 
-static double TimeCommand(const char *command)
-{
-    double times[TOOL_RUNS];
-    for (int run = 0; run < TOOL_RUNS; run++) {
-        double t0 = BenchNow();
-        if (system(command) != 0)
-            return -1;
-        times[run] = BenchNow() - t0;
-    }
-    return BenchMedian(times, TOOL_RUNS);
-}
-
 int main(void)
 {
     uint8_t *photo = MakePhoto();
@@ -122,12 +110,12 @@ int main(void)
         return 0;
     }
     snprintf(command, sizeof command, "/usr/bin/convert -size 1x1 xc:gray BMP3:%s", tiny);
-    double startup = TimeCommand(command);
+    double startup = BenchTimeCommand(command, TOOL_RUNS);
     snprintf(command, sizeof command, "/usr/bin/convert %s -monochrome BMP3:%s", in, out);
-    double mono = TimeCommand(command);
+    double mono = BenchTimeCommand(command, TOOL_RUNS);
     snprintf(command, sizeof command,
              "/usr/bin/convert %s -dither FloydSteinberg -monochrome BMP3:%s", in, out);
-    double floyd = TimeCommand(command);
+    double floyd = BenchTimeCommand(command, TOOL_RUNS);
     printf("ImageMagick start-up (1x1 convert): %.1f ms\n", startup * 1e3);
     const char *names[2] = {"-monochrome", "-dither FloydSteinberg -monochrome"};
     double tool[2] = {mono, floyd};

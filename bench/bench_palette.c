@@ -126,18 +126,6 @@ static double TimeOurs(const uint8_t *dib, uint32_t size, int octree, int32_t *m
     return BenchMedian(times, RUNS);
 }
 
-static double TimeCommand(const char *command)
-{
-    double times[MAGICK_RUNS];
-    for (int run = 0; run < MAGICK_RUNS; run++) {
-        double t0 = BenchNow();
-        if (system(command) != 0)
-            return -1;
-        times[run] = BenchNow() - t0;
-    }
-    return BenchMedian(times, MAGICK_RUNS);
-}
-
 static int SaveBmp(const uint8_t *dib, uint32_t size, const char *path)
 {
     uint8_t *copy = ImgAlloc(size);
@@ -183,14 +171,14 @@ int main(void)
         return 0;
     }
     snprintf(command, sizeof command, "%s '%s' '%s' >/dev/null 2>&1", magick, tiny, out);
-    double startUp = TimeCommand(command);
+    double startUp = BenchTimeCommand(command, MAGICK_RUNS);
     snprintf(command, sizeof command, "%s '%s' '%s' >/dev/null 2>&1", magick, in, out);
-    double plain = TimeCommand(command);
+    double plain = BenchTimeCommand(command, MAGICK_RUNS);
     snprintf(command, sizeof command,
              "%s '%s' -dither FloydSteinberg -colors 256 '%s' >/dev/null 2>&1", magick, in, out);
-    double magickFs = TimeCommand(command);
+    double magickFs = BenchTimeCommand(command, MAGICK_RUNS);
     snprintf(command, sizeof command, "%s '%s' -colors 256 '%s' >/dev/null 2>&1", magick, in, out);
-    double magickColors = TimeCommand(command);
+    double magickColors = BenchTimeCommand(command, MAGICK_RUNS);
     if (startUp < 0 || plain < 0 || magickFs < 0 || magickColors < 0) {
         printf("  ImageMagick: a command failed\n");
         return 1;

@@ -150,18 +150,6 @@ static double TimeOurs(const uint8_t *dib, uint32_t size, int coded, int32_t ang
 }
 
 /* vips: the median wall-clock time of the command. */
-static double TimeCommand(const char *command)
-{
-    double times[VIPS_RUNS];
-    for (int run = 0; run < VIPS_RUNS; run++) {
-        double t0 = BenchNow();
-        if (system(command) != 0)
-            return -1;
-        times[run] = BenchNow() - t0;
-    }
-    return BenchMedian(times, VIPS_RUNS);
-}
-
 static void Report(const char *what, double ours, int32_t w, int32_t h, const char *vipsCommand,
                    const char *copyCommand, int haveVips)
 {
@@ -170,7 +158,7 @@ static void Report(const char *what, double ours, int32_t w, int32_t h, const ch
         printf("   vips: not installed\n");
         return;
     }
-    double vips = TimeCommand(vipsCommand), copy = TimeCommand(copyCommand);
+    double vips = BenchTimeCommand(vipsCommand, VIPS_RUNS), copy = BenchTimeCommand(copyCommand, VIPS_RUNS);
     if (vips < 0 || copy < 0) {
         printf("   vips: command failed\n");
         return;
