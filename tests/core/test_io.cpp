@@ -1092,3 +1092,94 @@ TEST_F(Part1_2_BitmapName, StoreBitmapNameFillsTheSameBuffers)
     EXPECT_STREQ(text, "from a file");
     EXPECT_STREQ(date, "07-04-1995");
 }
+
+// ---- read-ahead (ours): the TIFF reader's block of a file's reads ----
+
+class Part1_2_ReadAhead : public TrnwTest {};
+
+// A random walk of seeks and reads gives, through the read-ahead block, the
+// same results and bytes as the same calls on a second, plain handle; the
+// expected bytes are the file's own.
+TEST_F(Part1_2_ReadAhead, ReadsAndSeeksMatchPlainHandle)
+{
+    std::string path = TempPath("part1_2_readahead.bin");
+    std::vector<uint8_t> bytes = Pattern(300000, 7); // several 64 KB blocks
+    ASSERT_TRUE(WriteFileBytes(path, bytes));
+    int buffered = ImgOpen(path.c_str(), 0), plain = ImgOpen(path.c_str(), 0);
+    ASSERT_GT(buffered, 0);
+    ASSERT_GT(plain, 0);
+    ImgReadAheadBegin(buffered);
+    uint32_t seed = 99;
+    std::vector<uint8_t> a(70000), b(70000);
+    for (int step = 0; step < 2000; step++) {
+        seed = seed * 1103515245u + 12345u;
+        uint32_t r = seed >> 8;
+        if (r % 3 == 0) {
+            int32_t offset = (int32_t)(r % 310000);
+            int whence = (int)(r >> 20) % 3;
+            if (whence == 1)
+                offset = (int32_t)(r % 20000) - 10000;
+            if (whence == 2)
+                offset = -(int32_t)(r % 1000);
+            int32_t got = ImgSeek(buffered, offset, whence), want = ImgSeek(plain, offset, whence);
+            ASSERT_EQ(got, want) << "step " << step;
+            if (want < 0) { // a refused seek: both handles back to a known place
+                ASSERT_EQ(ImgSeek(buffered, 0, 0), ImgSeek(plain, 0, 0));
+            }
+        } else {
+            uint32_t count = r % 7 == 0 ? 66000 + r % 4000 : r % 12000;
+            int32_t got = ImgRead(buffered, a.data(), count), want = ImgRead(plain, b.data(), count);
+            ASSERT_EQ(got, want) << "step " << step;
+            if (want > 0) {
+                ASSERT_EQ(std::memcmp(a.data(), b.data(), (size_t)want), 0) << "step " << step;
+            }
+        }
+    }
+    // After the end the system's position is where the plain reads left it.
+    int32_t position = ImgSeek(plain, 0, 1);
+    ImgReadAheadEnd();
+    EXPECT_EQ(ImgSeek(buffered, 0, 1), position);
+    ImgClose(buffered);
+    ImgClose(plain);
+    ImgDelete(path.c_str());
+}
+
+// A write to the handle ends the read-ahead first: the bytes land at the
+// position the reads reached, and a later read sees them.
+TEST_F(Part1_2_ReadAhead, WriteEndsReadAhead)
+{
+    std::string path = TempPath("part1_2_readahead_write.bin");
+    std::vector<uint8_t> bytes = Pattern(1000, 3);
+    ASSERT_TRUE(WriteFileBytes(path, bytes));
+    int h = ImgOpen(path.c_str(), 1); // read and write
+    ASSERT_GT(h, 0);
+    ImgReadAheadBegin(h);
+    uint8_t out[100];
+    ASSERT_EQ(ImgRead(h, out, 100), 100);
+    const uint8_t patch[4] = {1, 2, 3, 4};
+    ASSERT_EQ(ImgWrite(h, patch, 4), 4);
+    EXPECT_EQ(ImgSeek(h, 0, 1), 104);
+    ASSERT_EQ(ImgSeek(h, 100, 0), 100);
+    ASSERT_EQ(ImgRead(h, out, 4), 4);
+    EXPECT_EQ(std::memcmp(out, patch, 4), 0);
+    ImgReadAheadEnd();
+    ImgClose(h);
+    std::vector<uint8_t> expected = bytes;
+    std::memcpy(expected.data() + 100, patch, 4);
+    EXPECT_EQ(ReadFileBytes(path), expected);
+    ImgDelete(path.c_str());
+}
+
+// The memory image and caller I/O functions are never buffered.
+TEST_F(Part1_2_ReadAhead, MemoryImageIsNotBuffered)
+{
+    std::vector<uint8_t> bytes = Pattern(100, 5);
+    ImgSetMemorySourceSized(bytes.data(), 100);
+    ImgReadAheadBegin(IMG_MEMORY_HANDLE);
+    uint8_t out[10];
+    ASSERT_EQ(ImgRead(IMG_MEMORY_HANDLE, out, 10), 10);
+    bytes[10] = 0xEE; // a change to the image is seen at once
+    ASSERT_EQ(ImgRead(IMG_MEMORY_HANDLE, out, 1), 1);
+    EXPECT_EQ(out[0], 0xEE);
+    ImgReadAheadEnd();
+}
