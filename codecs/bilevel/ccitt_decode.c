@@ -37,19 +37,13 @@
 
 static uint16_t whiteValues[8192], blackValues[8192];
 static uint8_t whiteLengths[8192], blackLengths[8192];
-/* Ours, for speed: the codes of at most 9 bits by their first 9 bits, each
- * (length << 12) | run; 0 sends the reader to the 13-bit tables (longer
- * codes, EOL, invalid indices).  1 KB each, they stay in the first-level
- * cache where the 13-bit tables (24 KB each) do not. */
-static uint16_t whiteShort[512], blackShort[512];
-
+/* A colour's pair of tables. */
 typedef struct Colour {
-    const uint16_t *shortCodes, *values;
+    const uint16_t *values;
     const uint8_t *lengths;
 } Colour;
 
-static const Colour colours[2] = {{whiteShort, whiteValues, whiteLengths},
-                                  {blackShort, blackValues, blackLengths}};
+static const Colour colours[2] = {{whiteValues, whiteLengths}, {blackValues, blackLengths}};
 static int32_t modeTable[256];
 /* Bits a two-dimensional mode costs, by mode number + 3. */
 static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
@@ -84,15 +78,6 @@ static void BuildCodeTable(uint16_t *values, uint8_t *lengths, const char *const
     AddCode(values, lengths, ccittEol, 0x1FFF);
 }
 
-static void BuildShortTable(uint16_t *shortCodes, const uint16_t *values, const uint8_t *lengths)
-{
-    for (uint32_t index = 0; index < 512; index++) {
-        uint32_t length = lengths[index] + 1u;
-        int valid = values[index] && length <= 9;
-        shortCodes[index] = (uint16_t)(valid ? length << 12 | (values[index] & 0xFFFu) : 0);
-    }
-}
-
 /* Two-dimensional codes, first bit first, and their mode numbers. */
 static void BuildModeTable(void)
 {
@@ -124,8 +109,6 @@ static void BuildTables(void)
         return;
     BuildCodeTable(whiteValues, whiteLengths, ccittWhiteTerminating, ccittWhiteMakeUp);
     BuildCodeTable(blackValues, blackLengths, ccittBlackTerminating, ccittBlackMakeUp);
-    BuildShortTable(whiteShort, whiteValues, whiteLengths);
-    BuildShortTable(blackShort, blackValues, blackLengths);
     BuildModeTable();
     for (int i = 0; i < 256; i++) {
         int r = 0;
@@ -269,13 +252,7 @@ static inline int ReadCode(BitReader *r, Bits *b, const Colour *colour)
     for (;;) {
         if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
             return CODE_END;
-        uint32_t window = Peek(b);
-        uint32_t code = colour->shortCodes[window & 0x1FF];
-        if (code) {
-            b->at += code >> 12;
-            return (int)(code & 0xFFF);
-        }
-        uint32_t index = window & 0x1FFF;
+        uint32_t index = Peek(b) & 0x1FFF; /* one look-up, 13 bits */
         b->at += 1u + colour->lengths[index];
         if (colour->values[index])
             return colour->values[index] & 0xFFF;
