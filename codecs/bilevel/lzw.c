@@ -4,9 +4,10 @@
  * code 258, widths 9 to 12 bits with the early-change width switch).
  *
  * The decoder keeps the Part's entry block (41960 bytes, 4662 entries of
- * last byte, prefix code and string length, here 8 bytes each).  Strings are
- * written backwards straight into the output buffer, ending where the stored
- * length says; no stack.  The per-code loop (LzwDecodeCodes) runs on locals
+ * last byte, prefix code and string length, here 9 bytes each: 8 with the
+ * byte before the last and the prefix's prefix, and the first byte).
+ * Strings are written backwards straight into the output buffer, ending
+ * where the stored length says, two bytes per step; no stack.  The per-code loop (LzwDecodeCodes) runs on locals
  * without calls and stops for the rare steps: a row to deliver, a refill,
  * Clear or end of information, a string longer than the free room, a full
  * entry block.
