@@ -54,7 +54,9 @@ typedef struct LzwEntry {
 
 static uint8_t *entryBlock; /* LZW_BLOCK_SIZE bytes, or NULL */
 static LzwEntry *entries;   /* the block as LZW_ENTRIES entries ... */
-static uint8_t *firstBytes; /* ... then each entry's first byte (9 bytes an entry) */
+/* ... then each entry's first byte (9 bytes an entry), found from the
+ * table's own address so that the hot loop needs no pointer of its own */
+#define LZW_FIRST_BYTES(table) ((uint8_t *)((table) + LZW_ENTRIES))
 /* A string that does not fit the output's free room is built here first;
  * no string is longer than the number of entries. */
 static uint8_t longString[LZW_ENTRIES];
@@ -67,7 +69,7 @@ int LzwBeginImage(void)
     if (!entryBlock)
         return IMG_ERR_MEMORY;
     entries = (LzwEntry *)(void *)entryBlock;
-    firstBytes = entryBlock + LZW_ENTRIES * sizeof(LzwEntry);
+    uint8_t *firstBytes = LZW_FIRST_BYTES(entries);
     for (int i = 0; i < 256; i++) {
         entries[i].prefix = entries[i].prefix2 = (uint16_t)i;
         entries[i].length = 1;
@@ -83,7 +85,6 @@ void LzwEndImage(void)
     ImgFree(entryBlock);
     entryBlock = NULL;
     entries = NULL;
-    firstBytes = NULL;
 }
 
 /* ---- the bit reader ---- */
@@ -201,7 +202,7 @@ static int LzwDeliverRest(LzwOutput *o)
 static inline uint8_t LzwWriteString(const LzwEntry *table, uint8_t *end, int32_t code)
 {
     uint32_t n = table[code].length;
-    uint8_t first = firstBytes[code];
+    uint8_t first = LZW_FIRST_BYTES(table)[code];
     end[-(int32_t)n] = first;
     uint8_t *p = end;
     for (uint32_t pairs = n / 2; pairs; pairs--) {
@@ -296,7 +297,7 @@ enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_B
         e_->secondLast = (table)[previous].last;                             \
         e_->prefix = (uint16_t)(previous);                                   \
         e_->prefix2 = (table)[previous].prefix;                              \
-        firstBytes[nextFree] = firstBytes[previous];                         \
+        LZW_FIRST_BYTES(table)[nextFree] = LZW_FIRST_BYTES(table)[previous]; \
         e_->length = (uint16_t)((table)[previous].length + 1);               \
         (nextFree)++;                                                        \
         if ((limit) - (nextFree) == 1) {                                     \
@@ -334,7 +335,7 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
     /* What the next entry takes from the previous code's entry, in registers */
     uint32_t previousLength = table[previous].length;
     uint16_t previousPrefix = table[previous].prefix;
-    uint8_t previousLast = table[previous].last, previousFirst = firstBytes[previous];
+    uint8_t previousLast = table[previous].last, previousFirst = LZW_FIRST_BYTES(table)[previous];
     int stop;
     for (;;) {
         if (out >= rowEnd) {
@@ -360,11 +361,11 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
             stop = LZW_STOP_LONG;
             break;
         }
-        uint8_t first = kwkwk ? previousFirst : firstBytes[code];
+        uint8_t first = kwkwk ? previousFirst : LZW_FIRST_BYTES(table)[code];
         LzwEntry made = {(uint16_t)previous, previousPrefix, (uint16_t)(previousLength + 1),
                          previousLast, first};
         table[nextFree] = made; /* for KwKwK this is the code's own entry */
-        firstBytes[nextFree] = previousFirst;
+        LZW_FIRST_BYTES(table)[nextFree] = previousFirst;
         if (code < 256)
             *out = (uint8_t)code; /* a single byte: no walk */
         else
