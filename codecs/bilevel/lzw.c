@@ -214,6 +214,29 @@ static inline uint8_t LzwWriteString(const LzwEntry *table, uint8_t *end, int32_
     return first;
 }
 
+/* The hot loop's form of LzwWriteString, the same bytes without a branch
+ * for strings of 1 to 3 bytes: the last pair always goes out (a single
+ * byte's pair lands on the string and the byte behind it), then the first
+ * byte, then the byte behind the string gets back its value. */
+static inline void LzwWriteStringAt(const LzwEntry *table, uint8_t *out, uint32_t n,
+                                    int32_t code, uint8_t first)
+{
+    uint8_t behind = out[n];
+    uint32_t offset = n + (n == 1) - 2; /* where the last pair goes: max(n, 2) - 2 */
+    uint8_t *p = out + offset;
+    const LzwEntry *e = &table[code];
+    memcpy(p, &e->secondLast, 2); /* secondLast, last: the string's order */
+    code = e->prefix2;
+    for (uint32_t pairs = offset / 2; pairs; pairs--) {
+        e = &table[code];
+        p -= 2;
+        memcpy(p, &e->secondLast, 2);
+        code = e->prefix2;
+    }
+    out[0] = first;
+    out[n] = behind;
+}
+
 /* Appends the string of `code` (plus, for KwKwK, its own first byte again)
  * when it does not fit the free room: built in longString, then copied in
  * pieces with rows delivered between them.  *first receives the string's
@@ -348,7 +371,7 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
         }
         code = (int32_t)((GetBE32(coded + bitPosition / 8) << (bitPosition % 8)) >> (32 - width));
         bitPosition += width;
-        if (code >= LZW_CLEAR && (code <= LZW_END || code > nextFree)) {
+        if ((uint32_t)(code - LZW_CLEAR) <= 1 || code > nextFree) {
             /* Clear, end of information, or above the next free code */
             stop = code > LZW_END ? LZW_STOP_BAD : LZW_STOP_SPECIAL;
             break;
@@ -357,8 +380,8 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
          * byte.  Otherwise the code's string (a single byte included). */
         int kwkwk = code == nextFree;
         uint32_t n = kwkwk ? previousLength + 1 : table[code].length;
-        if ((size_t)(outEnd - out) < n) {
-            stop = LZW_STOP_LONG;
+        if ((size_t)(outEnd - out) <= n) {
+            stop = LZW_STOP_LONG; /* it would fit exactly, or not at all */
             break;
         }
         uint8_t first = kwkwk ? previousFirst : LZW_FIRST_BYTES(table)[code];
@@ -366,10 +389,7 @@ static int LzwDecodeCodes(LzwBits *b, LzwOutput *o, LzwTableState *t)
                          previousLast, first};
         table[nextFree] = made; /* for KwKwK this is the code's own entry */
         LZW_FIRST_BYTES(table)[nextFree] = previousFirst;
-        if (code < 256)
-            *out = (uint8_t)code; /* a single byte: no walk */
-        else
-            LzwWriteString(table, out + n, code);
+        LzwWriteStringAt(table, out, n, code, first);
         out += n;
         previousPrefix = table[code].prefix;
         previousLast = table[code].last;
