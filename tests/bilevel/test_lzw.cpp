@@ -609,3 +609,54 @@ TEST_F(Part2_5_Lzw, ClearWhenEntryBlockIsFull)
     ASSERT_EQ(Decode(w.bytes, 4406, 1, c), 1);
     EXPECT_EQ(Flatten(c), expected);
 }
+
+// A single byte after a full row, then end of information: the next rows
+// get the buffer as it is, "x" then what the delivered row left behind
+// ("bcdef"); writing the byte must not disturb the byte behind it.
+TEST_F(Part2_5_Lzw, SingleByteAtEndLeavesTheBytesBehind)
+{
+    BitWriter w;
+    for (uint32_t code : {256u, 97u, 98u, 99u, 100u, 101u, 102u, 120u, 257u})
+        w.Put(code, 9);
+    Collected c;
+    ASSERT_EQ(Decode(w.bytes, 6, 2, c), 1);
+    ASSERT_EQ(c.rows.size(), 2u);
+    EXPECT_EQ(std::string(c.rows[0].begin(), c.rows[0].end()), "abcdef");
+    EXPECT_EQ(std::string(c.rows[1].begin(), c.rows[1].end()), "xbcdef");
+}
+
+// Strings of 2 and 3 bytes (codes 258 "ab" and 261 "abc") after a full row,
+// then end of information: the row gets "ab", "abc" and the byte behind
+// them as the first row left it ("f").
+TEST_F(Part2_5_Lzw, StringsAtEndLeaveTheBytesBehind)
+{
+    // abcdef: entries 258 ab, 259 bc, 260 cd, 261 de, 262 ef; then 258 "ab"
+    // makes 263 "fa", 258 again makes 264 "aba"... the table is not needed
+    // past 258: the second row is "ab" "ab" and the stale "ef".
+    BitWriter w;
+    for (uint32_t code : {256u, 97u, 98u, 99u, 100u, 101u, 102u, 258u, 258u, 257u})
+        w.Put(code, 9);
+    Collected c;
+    ASSERT_EQ(Decode(w.bytes, 6, 2, c), 1);
+    ASSERT_EQ(c.rows.size(), 2u);
+    EXPECT_EQ(std::string(c.rows[1].begin(), c.rows[1].end()), "ababef");
+}
+
+// An output buffer of exactly one row: strings of 1 to 3 bytes that end
+// exactly at the buffer's end decode as with a larger buffer.
+TEST_F(Part2_5_Lzw, StringsEndingAtTheBufferEnd)
+{
+    // "abc" 258(ab) 99(c) 259(bc) 97(a) 261(ca)... written as codes:
+    // 97 98 99 -> "abc"; 258 "ab" + 99 "c" -> "abc"; 259 "bc" + 97 "a"
+    // -> "bca"; 260 "ca" + 98 "b" -> "cab".
+    BitWriter w;
+    for (uint32_t code : {256u, 97u, 98u, 99u, 258u, 99u, 259u, 97u, 260u, 98u, 257u})
+        w.Put(code, 9);
+    Collected c;
+    ASSERT_EQ(Decode(w.bytes, 3, 4, c, 3), 1);
+    ASSERT_EQ(c.rows.size(), 4u);
+    EXPECT_EQ(std::string(c.rows[0].begin(), c.rows[0].end()), "abc");
+    EXPECT_EQ(std::string(c.rows[1].begin(), c.rows[1].end()), "abc");
+    EXPECT_EQ(std::string(c.rows[2].begin(), c.rows[2].end()), "bca");
+    EXPECT_EQ(std::string(c.rows[3].begin(), c.rows[3].end()), "cab");
+}
