@@ -4,9 +4,10 @@
  * IMG_decompress_fax_mem_size.
  *
  * One bit reader (least significant bit first, a 32-bit little-endian window
- * stepped 16 bits at a time), one pair of 13-bit code tables per colour, one
- * 8-bit mode table, and run records as output: rows are never expanded to
- * pixels here.
+ * at the next code's byte, refilled in 16-bit steps), one pair of 13-bit
+ * code tables per colour, one 8-bit mode table (strings of V0 codes taken
+ * at once), and run records as output: rows are never expanded to pixels
+ * here.
  *
  * Hardening (docs/DEVIATIONS.md, Part 2.1): the bit reader knows how many
  * bytes of the buffer hold data and reads zero bits behind them (the 4 bytes
@@ -18,8 +19,6 @@
  */
 #include "ccitt_decode.h"
 
-#include "ccitt_codes.h"
-
 #include <string.h>
 
 #include "../../core/decode.h"
@@ -27,10 +26,9 @@
 #include "../../core/imgapi.h"
 #include "../../core/imgio.h"
 #include "../../core/runs.h"
+#include "ccitt_codes.h"
 
-/* ---- the code tables (ITU-T T.4, codes written first bit first) ---- */
-
-/* The code lists are in ccitt_codes.c. */
+/* ---- the code tables, built from the T.4 code lists of ccitt_codes.c ---- */
 
 #define CODE_EOL 4095   /* value & 0xFFF of the EOL entry */
 #define CODE_END 0x10000 /* ours: every data bit consumed */
@@ -471,9 +469,6 @@ static void CutAtWidth(ChangeList *c)
 
 #define ROW_PAGE_END (-100) /* six EOLs */
 
-/* Decodes one Modified Huffman row into c.  countEols: mode 3 or 128 (EOLs
- * counted in *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END,
- * or 1 when the data ended before the row began. */
 #define RUN_STOP 1 /* the data ended */
 
 /* One run of one colour (EOLs before it counted in mode 3 and 128): its end
@@ -506,7 +501,10 @@ static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour
     return code == CODE_END ? RUN_STOP : 0;
 }
 
-/* Runs alternate white, black, ... until the width is reached. */
+/* Decodes one Modified Huffman row into c: runs alternate white, black, ...
+ * until the width is reached.  countEols: mode 3 or 128 (EOLs counted in
+ * *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END, or 1 when
+ * the data ended before the row began. */
 static inline int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countEols, int *eols)
 {
     int32_t width = c->width, position = 0;

@@ -13,13 +13,12 @@
  */
 #include "ccitt_encode.h"
 
-#include "ccitt_codes.h"
-
 #include <string.h>
 
 #include "../../core/bytes.h"
 #include "../../core/imgapi.h"
 #include "../../core/imgio.h"
+#include "ccitt_codes.h"
 
 #define CCITT_MAX_RUN 2560
 #define CCITT_BUFFER_BYTES 10000
@@ -34,9 +33,7 @@
 
 enum { WHITE = 0, BLACK = 1 };
 
-/* ---- the code table ---- */
-
-/* The T.4 code lists are in ccitt_codes.c. */
+/* ---- the code table, built from the T.4 code lists of ccitt_codes.c ---- */
 
 typedef struct {
     uint16_t code;   /* right-aligned */
