@@ -7,10 +7,10 @@
  * last byte, prefix code and string length, here 9 bytes each: 8 with the
  * byte before the last and the prefix's prefix, and the first byte).
  * Strings are written backwards straight into the output buffer, ending
- * where the stored length says, two bytes per step; no stack.  The per-code loop (LzwDecodeCodes) runs on locals
- * without calls and stops for the rare steps: a row to deliver, a refill,
- * Clear or end of information, a string longer than the free room, a full
- * entry block.
+ * where the stored length says, two bytes per step; no stack.  The per-code
+ * loop (LzwDecodeCodes) runs on locals without calls and stops for the rare
+ * steps: a row to deliver, a refill, Clear or end of information, a string
+ * longer than the free room, a full entry block.
  *
  * Hardening (docs/DEVIATIONS.md, Part 2.5): an entry beyond 4661 closes the
  * strip with -3, and a string longer than the free room of the output buffer
