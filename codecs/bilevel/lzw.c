@@ -195,29 +195,12 @@ static int LzwDeliverRest(LzwOutput *o)
     return 1;
 }
 
-/* Writes the string of `code` backwards, its last byte at end - 1, two
- * bytes and two links per step (the stored length says where the string
- * starts and how many steps); the first byte, stored, goes in first (for an
- * odd length it is the byte no pair covers).  Returns the first byte. */
-static inline uint8_t LzwWriteString(const LzwEntry *table, uint8_t *end, int32_t code)
-{
-    uint32_t n = table[code].length;
-    uint8_t first = LZW_FIRST_BYTES(table)[code];
-    end[-(int32_t)n] = first;
-    uint8_t *p = end;
-    for (uint32_t pairs = n / 2; pairs; pairs--) {
-        const LzwEntry *e = &table[code];
-        p -= 2;
-        memcpy(p, &e->secondLast, 2); /* secondLast, last: the string's order */
-        code = e->prefix2;
-    }
-    return first;
-}
-
-/* The hot loop's form of LzwWriteString, the same bytes without a branch
- * for strings of 1 to 3 bytes: the last pair always goes out (a single
- * byte's pair lands on the string and the byte behind it), then the first
- * byte, then the byte behind the string gets back its value. */
+/* Writes the n-byte string of `code` at out: backwards along the prefix
+ * chain from where the stored length puts its end, two links and two bytes
+ * per step, then the stored first byte (the byte no pair covers when n is
+ * odd).  No branch for strings of 1 to 3 bytes: the last pair always goes
+ * out (a single byte's pair lands on the string and the byte behind it),
+ * and the byte behind the string gets back its value; out[n] must exist. */
 static inline void LzwWriteStringAt(const LzwEntry *table, uint8_t *out, uint32_t n,
                                     int32_t code, uint8_t first)
 {
@@ -244,8 +227,9 @@ static inline void LzwWriteStringAt(const LzwEntry *table, uint8_t *out, uint32_
  * negative result. */
 static int LzwAppendLong(LzwOutput *o, int32_t code, int kwkwk, uint8_t *first)
 {
-    uint32_t length = entries[code].length + (uint32_t)kwkwk;
-    *first = LzwWriteString(entries, longString + entries[code].length, code);
+    uint32_t n = entries[code].length, length = n + (uint32_t)kwkwk;
+    *first = LZW_FIRST_BYTES(entries)[code];
+    LzwWriteStringAt(entries, longString, n, code, *first);
     if (kwkwk)
         longString[length - 1] = *first;
     uint32_t done = 0;
