@@ -27,7 +27,7 @@
 #include "../codecs/bilevel/tiff_read.h"
 #include "../core/imgio.h"
 
-enum { PAGE_W = 2550, PAGE_H = 3300, PAGES = 20, PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 5 };
+enum { PAGE_W = 2550, PAGE_H = 3300, PAGES = 20, PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 9 };
 
 static uint32_t seed = 12345;
 
