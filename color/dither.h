@@ -11,7 +11,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "../core/image_table.h"
+#include "core/image_table.h"
 
 /* The two 8 x 8 tables as listed row by row in the Part (the threshold of
  * pixel x in row m is entry (x & 7) * 8 + (m & 7)). */

@@ -7,7 +7,8 @@
  * integers naming a slot of the library's image table.
  *
  * Only the functions declared here are exported.  Functions marked
- * "extension" are not part of the original interface; docs/API.md lists them.
+ * "extension" were added by this library to the long-standing interface;
+ * docs/API.md lists them.
  */
 #ifndef TRNW_IMGAPI_H
 #define TRNW_IMGAPI_H
@@ -41,7 +42,7 @@ extern "C" {
 #define IMGEXPORT
 #endif
 
-/* ---- Error codes (Part 1.1) ---- */
+/* ---- Error codes (IMG_error_text gives each in words) ---- */
 #define IMG_ERR_MEMORY          (-1)  /* out of memory, or the image has no pixel block */
 #define IMG_ERR_OPEN            (-2)  /* the named file could not be opened */
 #define IMG_ERR_INVALID         (-3)  /* invalid image data or unsupported variant */
@@ -62,7 +63,7 @@ extern "C" {
 #define IMG_ERR_COMPRESSION     (-27) /* compression scheme not supported */
 #define IMG_ERR_SCAN_CAPABILITY (-28) /* a scanner capability could not be set */
 
-/* ---- Type numbers (Part 1.3) ---- */
+/* ---- Type numbers (IMG_type_name gives each its name) ---- */
 #define IMG_TYPE_BY_EXTENSION     (-1) /* save: choose the type by the path's extension */
 #define IMG_TYPE_TIFF             0    /* TIFF, uncompressed */
 #define IMG_TYPE_BMP              1    /* Windows bitmap, uncompressed */
@@ -130,14 +131,18 @@ typedef int32_t(IMGCDECL *IMG_SEEK_FUNC)(int32_t handle, int32_t offset, int32_t
 typedef int32_t(IMGAPI *IMG_STATUS_FUNC)(int32_t value, int32_t total);
 
 /* Caller-supplied sinks and source of IMGLOW_decompress_bitmap and
- * IMGLOW_save_bitmap (C convention; the shapes of Parts 1.4 and 1.5). */
+ * IMGLOW_save_bitmap (C convention). */
 typedef int32_t(IMGCDECL *IMG_HEADER_SINK)(const uint8_t *headerAndPalette, void *sinkContext);
 typedef int32_t(IMGCDECL *IMG_ROW_SINK)(const uint8_t *row, void *sinkContext, int32_t rowIndex,
                                         int32_t rowBytes);
 typedef int32_t(IMGCDECL *IMG_ROW_SOURCE)(void *sourceContext, uint8_t *buffer, int32_t rowIndex,
                                           int32_t rowBytes);
 
-/* ---- Part 1.1: image table and image descriptor ---- */
+/* extension: the meaning of an error code in words; "unknown error" for a
+ * code the library does not return */
+IMGEXPORT const char *IMGAPI IMG_error_text(int32_t code);
+
+/* ---- Images: handles, descriptors, raster access ---- */
 IMGEXPORT int32_t IMGAPI IMG_create_handle(void *memory);
 IMGEXPORT int32_t IMGAPI IMG_create_handle_shell(const void *bitmapinfo);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_fileinfo(const char *path, void *info);
@@ -167,13 +172,13 @@ IMGEXPORT int32_t IMGAPI IMG_ifl_version(int32_t *major, int32_t *minor);
 IMGEXPORT int32_t IMGAPI IMG_dib_to_runs(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_runs_to_dib(int32_t handle);
 
-/* ---- Part 1.2: caller I/O and the bitmap name texts ---- */
+/* ---- Caller I/O and the bitmap name texts ---- */
 IMGEXPORT int32_t IMGAPI IMGLOW_set_fileio(IMG_READ_FUNC read, IMG_WRITE_FUNC write,
                                            IMG_SEEK_FUNC seek);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_bitmap_name(char *text, char *date);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_bitmap_name(const char *text, const char *date);
 
-/* ---- Part 1.3: format registry and detection ---- */
+/* ---- Detection and type queries ---- */
 IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype_fd(int32_t fileHandle);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype_mem(void *memory);
@@ -182,14 +187,20 @@ IMGEXPORT int32_t IMGAPI IMGLOW_get_filetype_mem_size(void *memory, uint32_t siz
 IMGEXPORT int32_t IMGAPI IMGLOW_set_auto_detect(int32_t type);
 IMGEXPORT int32_t IMGAPI IMGLOW_unset_auto_detect(int32_t type);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_auto_detect(int32_t type);
+/* extension: the name of a file or save type number ("TIFF, CCITT Group 4");
+ * "unknown" for a number that names no type */
+IMGEXPORT const char *IMGAPI IMG_type_name(int32_t type);
+/* extension: 1 when saves of this type append pages to an existing file
+ * (TIFF, DCX, MCA), else 0 */
+IMGEXPORT int32_t IMGAPI IMG_type_multipage(int32_t type);
 
-/* ---- Part 1.4: decode pipeline ---- */
+/* ---- Decoding ---- */
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap(const char *path);
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_fd(int32_t fileHandle, uint32_t offset, int32_t page);
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_mem(void *memory, int32_t page);
 /* extension: the memory image with its size (0 = unknown) */
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_mem_size(void *memory, uint32_t size, int32_t page);
-/* Part 2.1: a headerless CCITT stream (type 4: Group 4; 2: two-dimensional
+/* A headerless CCITT stream (type 4: Group 4; 2: two-dimensional
  * Group 3; other: one-dimensional, 3 with EOLs) into a new image. */
 IMGEXPORT int32_t IMGAPI IMG_decompress_fax(int32_t handle, int32_t width, int32_t height,
                                             int32_t type, int32_t fillOrder);
@@ -207,7 +218,7 @@ IMGEXPORT int32_t IMGAPI IMGLOW_decompress_bitmap_mem(void *memory, int32_t page
                                                       IMG_HEADER_SINK headerSink);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_pages(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_get_pages_fd(int32_t fileHandle);
-/* Part 1.1: the orientation stored in a ".tif" file (0, 90, 180, 270 or the
+/* The orientation stored in a ".tif" file (0, 90, 180, 270 or the
  * tag's raw value); -2 when it cannot be opened, -7 for other names. */
 IMGEXPORT int32_t IMGAPI IMGLOW_get_image_orientation(const char *path);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_reduction(int32_t bits);
@@ -217,7 +228,7 @@ IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32
 IMGEXPORT int32_t IMGAPI IMG_set_statusbar(int32_t value, IMG_STATUS_FUNC callback, int32_t enable);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_dispfunc(void *callback, int32_t value);
 
-/* ---- Part 1.5: save pipeline ---- */
+/* ---- Saving ---- */
 IMGEXPORT int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type);
 IMGEXPORT int32_t IMGAPI IMG_save_bitmap_fd(int32_t handle, int32_t fileHandle, int32_t type);
 IMGEXPORT int32_t IMGAPI IMG_save_bitmap_mem(int32_t handle, void *memory, int32_t type);
@@ -230,18 +241,18 @@ IMGEXPORT int32_t IMGAPI IMGLOW_save_bitmap_mem(void *memory, uint8_t *header, i
                                                 IMG_ROW_SOURCE rowSource, void *sourceContext);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality);
 
-/* ---- Part 5.1: rotate, flip and invert ---- */
+/* ---- Rotate, flip and invert ---- */
 IMGEXPORT int32_t IMGAPI IMG_rotate_bitmap(int32_t handle, int32_t angle);
 IMGEXPORT int32_t IMGAPI IMG_flip_bitmapx(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_flip_bitmapy(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_invert_bitmap(int32_t handle);
 
-/* ---- Part 4.1: palette selection ---- */
+/* ---- Palette selection ---- */
 IMGEXPORT int32_t IMGAPI IMG_mediancut_color(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_popularity_color(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colours,
                                           int32_t count);
-/* ---- Part 4.2: dithering and colour conversion ---- */
+/* ---- Dithering and colour conversion ---- */
 IMGEXPORT int32_t IMGAPI IMG_bayer_mono(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_halftone_mono(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_diffusion_mono(int32_t handle);

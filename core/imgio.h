@@ -9,6 +9,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <memory>
+
 #define IMG_MEMORY_HANDLE 32767          /* names the memory image */
 #define IMG_MEMORY_UNBOUNDED 0x70000000u /* size of a memory image of unknown size */
 #define IMG_CHUNK_SIZE 10000             /* the I/O block of readers and decoders */
@@ -56,5 +58,38 @@ void ImgStoreBitmapName(const char *text, const char *date);
 /* Test hook: the allocation after `countdown` more successful ones fails;
  * a negative value switches the failure off. */
 void ImgTestFailAllocations(int countdown);
+
+/* Owners that release on every path: a block from ImgAlloc, freed with
+ * ImgFree, and a handle from ImgOpen or ImgOpenTemp, closed with ImgClose. */
+struct ImgFreeDeleter {
+    void operator()(void *pointer) const noexcept { ImgFree(pointer); }
+};
+
+template <class T = uint8_t>
+class ImgBlock : public std::unique_ptr<T, ImgFreeDeleter> {
+  public:
+    explicit ImgBlock(size_t count)
+        : std::unique_ptr<T, ImgFreeDeleter>(static_cast<T *>(ImgAlloc(count * sizeof(T))))
+    {
+    }
+};
+using ImgBuffer = ImgBlock<uint8_t>;
+
+class ImgFile {
+  public:
+    explicit ImgFile(int handle) : handle_(handle) {}
+    ImgFile(const ImgFile &) = delete;
+    ImgFile &operator=(const ImgFile &) = delete;
+    ~ImgFile()
+    {
+        if (handle_ >= 0)
+            ImgClose(handle_);
+    }
+    int get() const { return handle_; }
+    bool ok() const { return handle_ >= 0; }
+
+  private:
+    int handle_;
+};
 
 #endif /* TRNW_IMGIO_H */

@@ -13,7 +13,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "image_table.h"
+#include "core/descriptor.h"
 
 /* Positions are 16-bit: widths up to this can be run-coded. */
 #define RUN_MAX_WIDTH 65534

@@ -17,14 +17,12 @@
 #include <string>
 #include <vector>
 
-extern "C" {
 #include "core/dib.h"
 #include "core/image_table.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
 #include "core/runs.h"
 #include "platform/platform.h"
-}
 
 #ifdef _WIN32
 #include <process.h>

@@ -4,9 +4,7 @@
 // change lists are worked out by hand in the comments.
 #include "test_support.h"
 
-extern "C" {
-#include "codecs/bilevel/ccitt_decode.h"
-}
+#include "codecs/ccitt_decode.h"
 
 namespace {
 

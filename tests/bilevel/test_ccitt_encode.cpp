@@ -9,9 +9,7 @@
  */
 #include "test_support.h"
 
-extern "C" {
-#include "codecs/bilevel/ccitt_encode.h"
-}
+#include "codecs/ccitt_encode.h"
 
 namespace {
 
@@ -689,9 +687,7 @@ TEST_F(TrnwTest, Part2_2_CcittEncoder_RawTypesSaveTheCropRectangle)
 
 /* ---- round trip through our decoder (Part 2.1) ---- */
 
-extern "C" {
-#include "codecs/bilevel/ccitt_decode.h"
-}
+#include "codecs/ccitt_decode.h"
 
 namespace {
 

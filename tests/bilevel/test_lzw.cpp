@@ -12,10 +12,8 @@
 #include <cmath>
 #include <random>
 
-extern "C" {
-#include "codecs/bilevel/lzw.h"
+#include "codecs/lzw.h"
 #include "core/bytes.h"
-}
 
 namespace {
 

@@ -5,9 +5,7 @@
  */
 #include "test_support.h"
 
-extern "C" {
-#include "codecs/bilevel/packbits.h"
-}
+#include "codecs/packbits.h"
 
 namespace {
 

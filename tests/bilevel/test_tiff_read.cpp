@@ -7,10 +7,8 @@
 
 #include <fstream>
 
-extern "C" {
 #include "color/default_palette.h"
-#include "core/registry.h"
-}
+#include "pipeline/detect.h"
 
 namespace {
 

@@ -13,11 +13,9 @@
 #include <iterator>
 #include <map>
 
-extern "C" {
-#include "codecs/bilevel/tiff_write.h"
+#include "formats/tiff_write.h"
 #include "core/bytes.h"
-#include "core/registry.h"
-}
+#include "pipeline/detect.h"
 
 namespace {
 

@@ -12,10 +12,8 @@
 
 #include <map>
 
-extern "C" {
-#include "codecs/bilevel/tiff_read.h"
+#include "formats/tiff_read.h"
 #include "core/bytes.h"
-}
 
 struct TiffCapture {
     int headerCalls = 0;

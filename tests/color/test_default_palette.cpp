@@ -2,10 +2,8 @@
 // the Part's table.
 #include "test_support.h"
 
-extern "C" {
 #include "color/default_palette.h"
 #include "core/contracts.h"
-}
 
 namespace {
 

@@ -6,10 +6,8 @@
 
 #include <random>
 
-extern "C" {
 #include "color/dither.h"
 #include "core/contracts.h"
-}
 
 namespace {
 

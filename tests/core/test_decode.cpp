@@ -6,12 +6,10 @@
 #include <functional>
 #include <random>
 
-extern "C" {
 #include "core/contracts.h"
-#include "core/decode.h"
+#include "pipeline/decode.h"
 #include "core/bytes.h"
-#include "core/registry.h"
-}
+#include "pipeline/detect.h"
 
 namespace {
 

@@ -15,14 +15,13 @@
 
 #include <cctype>
 
-extern "C" {
-#include "codecs/bilevel/ccitt_encode.h"
-#include "codecs/bilevel/tiff_read.h"
-#include "codecs/tone/bmp.h"
-#include "codecs/tone/gif.h"
+#include "codecs/ccitt_encode.h"
+#include "formats/tiff_read.h"
+#include "formats/bmp.h"
+#include "formats/gif.h"
 #include "core/bytes.h"
-#include "core/registry.h"
-}
+#include "pipeline/detect.h"
+#include "formats/fax.h"
 
 namespace {
 
@@ -1316,10 +1315,10 @@ TEST_F(Part1_3_Registry, WriterRows)
     EXPECT_EQ(RegistryWriter(48), (ImgWriter)BmpWritePacked);
     EXPECT_EQ(RegistryWriter(12), (ImgWriter)BmpWriteCompressed);
     // The raw fax types (Part 2.2).
-    EXPECT_EQ(RegistryWriter(33), (ImgWriter)CcittWriteFaxG3);
-    EXPECT_EQ(RegistryWriter(53), (ImgWriter)CcittWriteFaxG3Lsb);
-    EXPECT_EQ(RegistryWriter(34), (ImgWriter)CcittWriteFaxG4);
-    EXPECT_EQ(RegistryWriter(52), (ImgWriter)CcittWriteFaxG4Lsb);
+    EXPECT_EQ(RegistryWriter(33), (ImgWriter)FaxWriteG3);
+    EXPECT_EQ(RegistryWriter(53), (ImgWriter)FaxWriteG3Lsb);
+    EXPECT_EQ(RegistryWriter(34), (ImgWriter)FaxWriteG4);
+    EXPECT_EQ(RegistryWriter(52), (ImgWriter)FaxWriteG4Lsb);
     // The TIFF writers of Part 2.4.
     const std::vector<int> tiffTypes = {0, 7, 8, 9, 10, 16, 40, 51};
     for (int type : tiffTypes)

@@ -19,11 +19,9 @@
 #include <map>
 #include <random>
 
-extern "C" {
 #include "core/contracts.h"
-#include "core/registry.h"
-#include "core/save.h"
-}
+#include "pipeline/detect.h"
+#include "pipeline/save.h"
 
 namespace {
 

@@ -24,10 +24,8 @@
 #include <iterator>
 #include <random>
 
-extern "C" {
-#include "codecs/tone/bmp.h"
+#include "formats/bmp.h"
 #include "core/bytes.h"
-}
 
 namespace {
 

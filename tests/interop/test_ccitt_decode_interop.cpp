@@ -19,9 +19,7 @@
 #include <fstream>
 #include <iterator>
 
-extern "C" {
-#include "codecs/bilevel/ccitt_decode.h"
-}
+#include "codecs/ccitt_decode.h"
 
 namespace {
 

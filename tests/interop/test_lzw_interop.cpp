@@ -22,11 +22,9 @@
 #include <iterator>
 #include <random>
 
-extern "C" {
-#include "codecs/bilevel/lzw.h"
-#include "codecs/bilevel/packbits.h"
+#include "codecs/lzw.h"
+#include "codecs/packbits.h"
 #include "core/bytes.h"
-}
 
 namespace {
 

@@ -5,10 +5,8 @@
 
 #include <random>
 
-extern "C" {
-#include "core/decode.h"
+#include "pipeline/decode.h"
 #include "process/flip.h"
-}
 
 namespace {
 

@@ -13,10 +13,8 @@
 #include <functional>
 #include <random>
 
-extern "C" {
-#include "codecs/tone/bmp.h"
+#include "formats/bmp.h"
 #include "core/bytes.h"
-}
 
 namespace {
 

@@ -1,0 +1,912 @@
+/*
+ * ccitt_decode.c - Part 2.1: the CCITT Group 3 and Group 4 decoders and the
+ * raw fax entry points IMG_decompress_fax, IMG_decompress_fax_mem and
+ * IMG_decompress_fax_mem_size.
+ *
+ * One bit reader (least significant bit first, a 32-bit little-endian window
+ * at the next code's byte, refilled in 16-bit steps), one pair of 13-bit
+ * code tables per colour, one 8-bit mode table (strings of V0 codes taken
+ * at once), and run records as output: rows are never expanded to pixels
+ * here.
+ *
+ * Hardening (docs/DEVIATIONS.md, Part 2.1): the bit reader knows how many
+ * bytes of the buffer hold data and reads zero bits behind them (the 4 bytes
+ * behind the data are cleared); once every data bit is consumed it reports
+ * the end of the data, which ends the row in progress, satisfies an EOL
+ * search and leaves the remaining rows white.  Every stored change lies in
+ * 0 .. width and the list never decreases; zero-length runs cancel once a
+ * row holds width changes, so no row outgrows its buffer.
+ */
+#include "codecs/ccitt_decode.h"
+
+#include <string.h>
+
+#include "pipeline/decode.h"
+#include "core/dib.h"
+#include "core/imgapi.h"
+#include "core/imgio.h"
+#include "core/runs.h"
+#include "codecs/ccitt_codes.h"
+
+/* ---- the code tables, built from the T.4 code lists of ccitt_codes.c ---- */
+
+#define CODE_EOL 4095   /* value & 0xFFF of the EOL entry */
+#define CODE_END 0x10000 /* ours: every data bit consumed */
+
+static uint16_t whiteValues[8192], blackValues[8192];
+static uint8_t whiteLengths[8192], blackLengths[8192];
+/* A colour's pair of tables. */
+typedef struct Colour {
+    const uint16_t *values;
+    const uint8_t *lengths;
+} Colour;
+
+static const Colour colours[2] = {{whiteValues, whiteLengths}, {blackValues, blackLengths}};
+static int32_t modeTable[256];
+/* Bits a two-dimensional mode costs, by mode number + 3. */
+static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
+/* The mode table and the cost in one byte: (mode + 3) | cost << 4. */
+static uint8_t modeStep[256];
+static uint8_t bitReversal[256];
+static int tablesBuilt;
+
+/* Spreads one code over every 13-bit index whose low bits begin with it. */
+static void AddCode(uint16_t *values, uint8_t *lengths, const char *code, uint16_t value)
+{
+    uint32_t length = (uint32_t)strlen(code), low = 0;
+    for (uint32_t i = 0; i < length; i++)
+        low |= (uint32_t)(code[i] - '0') << i;
+    for (uint32_t high = 0; high < (1u << (13 - length)); high++) {
+        values[low | high << length] = value;
+        lengths[low | high << length] = (uint8_t)(length - 1);
+    }
+}
+
+static void BuildCodeTable(uint16_t *values, uint8_t *lengths, const char *const *terminating,
+                           const char *const *makeUp)
+{
+    memset(values, 0, 8192 * sizeof *values);
+    memset(lengths, 0, 8192);
+    for (int run = 0; run < 64; run++)
+        AddCode(values, lengths, terminating[run], run ? (uint16_t)run : 0x1000);
+    for (int i = 0; i < 27; i++)
+        AddCode(values, lengths, makeUp[i], (uint16_t)(64 * (i + 1)));
+    for (int i = 0; i < 13; i++)
+        AddCode(values, lengths, ccittExtendedMakeUp[i], (uint16_t)(1792 + 64 * i));
+    AddCode(values, lengths, ccittEol, 0x1FFF);
+}
+
+/* Two-dimensional codes, first bit first, and their mode numbers. */
+static void BuildModeTable(void)
+{
+    static const struct {
+        const char *code;
+        int32_t mode;
+    } modes[] = {{"1", 0},       {"011", 1},     {"010", -1},     {"001", 4},
+                 {"0001", 5},    {"000011", 2},  {"000010", -2},  {"0000011", 3},
+                 {"0000010", -3}};
+    for (int index = 0; index < 256; index++) {
+        modeTable[index] = 0; /* 0000000x and 0000001x: EOL, fill, extension read as V0 */
+        for (size_t m = 0; m < sizeof modes / sizeof modes[0]; m++) {
+            size_t length = strlen(modes[m].code);
+            int match = 1;
+            for (size_t i = 0; i < length && match; i++)
+                match = ((index >> i) & 1) == modes[m].code[i] - '0';
+            if (match) {
+                modeTable[index] = modes[m].mode;
+                break;
+            }
+        }
+        modeStep[index] = (uint8_t)((modeTable[index] + 3) | modeCost[modeTable[index] + 3] << 4);
+    }
+}
+
+static void BuildTables(void)
+{
+    if (tablesBuilt)
+        return;
+    BuildCodeTable(whiteValues, whiteLengths, ccittWhiteTerminating, ccittWhiteMakeUp);
+    BuildCodeTable(blackValues, blackLengths, ccittBlackTerminating, ccittBlackMakeUp);
+    BuildModeTable();
+    for (int i = 0; i < 256; i++) {
+        int r = 0;
+        for (int b = 0; b < 8; b++)
+            r |= ((i >> b) & 1) << (7 - b);
+        bitReversal[i] = (uint8_t)r;
+    }
+    tablesBuilt = 1;
+}
+
+void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
+                    const uint8_t **blackLength, const int32_t **modes, const uint8_t **reversal)
+{
+    BuildTables();
+    *white = whiteValues;
+    *whiteLength = whiteLengths;
+    *black = blackValues;
+    *blackLength = blackLengths;
+    *modes = modeTable;
+    *reversal = bitReversal;
+}
+
+/* ---- the bit reader ---- */
+
+#if defined(__GNUC__)
+#define RARELY(condition) __builtin_expect(!!(condition), 0)
+#define NOINLINE __attribute__((noinline))
+#define ALWAYS_INLINE inline __attribute__((always_inline))
+#else
+#define ALWAYS_INLINE inline
+#define RARELY(condition) (condition)
+#define NOINLINE
+#endif
+
+/* The window: the Part steps a 32-bit little-endian window 16 bits at a time
+ * and takes a code at a bit offset of 0-15 in it.  We keep one bit offset
+ * from the buffer's start and take the window at the code's own byte, which
+ * yields the same bits with one shift; the 16-bit steps remain where they
+ * are observable: a refill keeps the tail from the word that holds the next
+ * code, and the refill mark counts whole words consumed. */
+typedef struct BitReader {
+    uint8_t *buffer;
+    uint32_t bits;     /* bit offset of the next code from the buffer's start */
+    uint32_t end;      /* bytes of data in the buffer */
+    uint32_t endBits;  /* end * 8 */
+    uint32_t fastBits; /* below it a 32-bit window at bits / 8 is all data */
+    int handle;
+    int reading;      /* refills from the byte source */
+    int reverse;      /* fill order 1: bytes are bit-reversed as they come in */
+    int sourceDone;   /* the byte source gave less than asked */
+} BitReader;
+
+/* Bit offsets are 32-bit: a non-reading buffer holds at most this much. */
+#define MAX_CODED_BYTES 0x1FFFFF00u
+
+static BitReader reader;
+
+/* The row decoders' copy of the reader's hot fields, kept in registers. */
+typedef struct Bits {
+    const uint8_t *data;
+    uint32_t at;   /* reader.bits */
+    uint32_t fast; /* reader.fastBits */
+} Bits;
+
+static void ReverseBytes(uint8_t *p, uint32_t count)
+{
+    for (uint32_t i = 0; i < count; i++)
+        p[i] = bitReversal[p[i]];
+}
+
+static void SetEnd(BitReader *r, uint32_t end)
+{
+    r->end = end;
+    r->endBits = end * 8;
+    r->fastBits = end >= 4 ? (end - 4) * 8 : 0;
+    memset(r->buffer + end, 0, 4); /* the window reads zero bits behind the data */
+}
+
+/* The unconsumed tail (from the 16-bit word of the next code) to the front,
+ * the rest of the chunk from the source. */
+static void Refill(BitReader *r)
+{
+    uint32_t pos = (r->bits >> 4) * 2;
+    uint32_t tail = pos < r->end ? r->end - pos : 0;
+    if (tail)
+        memmove(r->buffer, r->buffer + pos, tail);
+    r->bits -= pos * 8;
+    uint32_t got = 0;
+    if (!r->sourceDone && tail < CCITT_CHUNK) {
+        int32_t n = ImgRead(r->handle, r->buffer + tail, CCITT_CHUNK - tail);
+        got = n > 0 ? (uint32_t)n : 0;
+        if (got > CCITT_CHUNK - tail)
+            got = CCITT_CHUNK - tail; /* a caller read function claiming too much */
+        if (got < CCITT_CHUNK - tail)
+            r->sourceDone = 1;
+        if (r->reverse)
+            ReverseBytes(r->buffer + tail, got);
+    }
+    SetEnd(r, tail + got);
+}
+
+/* The window at `at` reaches past the data: refills when the source has
+ * more; returns the (possibly moved) bit offset. */
+static NOINLINE uint32_t SlowBits(BitReader *r, uint32_t at)
+{
+    r->bits = at;
+    if (r->reading && !r->sourceDone)
+        Refill(r);
+    return r->bits;
+}
+
+/* Near the end of the buffer: 0 once every data bit is consumed. */
+static inline int MoreBits(BitReader *r, Bits *b)
+{
+    b->at = SlowBits(r, b->at);
+    b->fast = r->fastBits;
+    return b->at < r->endBits;
+}
+
+static inline void BitsFrom(const BitReader *r, Bits *b)
+{
+    b->data = r->buffer;
+    b->at = r->bits;
+    b->fast = r->fastBits;
+}
+
+static inline uint32_t LoadWindow(const uint8_t *p)
+{
+    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
+}
+
+/* The next 8..25 bits, first bit lowest (the fast or slow check done). */
+static inline uint32_t Peek(const Bits *b)
+{
+    return LoadWindow(b->data + (b->at >> 3)) >> (b->at & 7);
+}
+
+/* One code: the run length 0-2560, CODE_EOL, or CODE_END. */
+static inline int ReadCode(BitReader *r, Bits *b, const Colour *colour)
+{
+    for (;;) {
+        if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
+            return CODE_END;
+        uint32_t index = Peek(b) & 0x1FFF; /* one look-up, 13 bits */
+        b->at += 1u + colour->lengths[index];
+        if (colour->values[index])
+            return colour->values[index] & 0xFFF;
+    }
+}
+
+/* The 1 bits at the bottom of a window that starts with one (V0 codes);
+ * the top bit counts as 0, so at most 31. */
+static inline uint32_t CountTrailingOnes(uint32_t window)
+{
+#if defined(__GNUC__)
+    return (uint32_t)__builtin_ctz(~window | 0x80000000u);
+#else
+    uint32_t count = 0;
+    while (count < 31 && (window >> count & 1))
+        count++;
+    return count;
+#endif
+}
+
+/* One bit (the tag); 0 at the end of the data. */
+static int ReadBit(BitReader *r)
+{
+    Bits b;
+    BitsFrom(r, &b);
+    int bit = 0;
+    if (b.at < b.fast || MoreBits(r, &b)) {
+        bit = (int)(Peek(&b) & 1);
+        b.at++;
+    }
+    r->bits = b.at;
+    return bit;
+}
+
+/* Mode 2: the next byte boundary. */
+static void AlignToByte(BitReader *r)
+{
+    r->bits = (r->bits + 7) & ~7u;
+}
+
+/* Set-up at every call: offset 0, pointer at the front; in the reading modes
+ * (and the non-reading modes with codedBytes 0, our choice) the first chunk
+ * is read, otherwise codedBytes bytes are taken as they are. */
+static void StartReader(uint8_t *buffer, const CcittParameters *p, int handle, int reading)
+{
+    BitReader *r = &reader;
+    r->buffer = buffer;
+    r->bits = 0;
+    r->handle = handle;
+    r->reverse = p->fillOrder != 2;
+    r->reading = reading || p->codedBytes == 0;
+    r->sourceDone = !r->reading;
+    if (r->reading) {
+        r->end = 0;
+        Refill(r);
+    } else {
+        uint32_t bytes = p->codedBytes < MAX_CODED_BYTES ? p->codedBytes : MAX_CODED_BYTES;
+        if (r->reverse)
+            ReverseBytes(buffer, bytes);
+        SetEnd(r, bytes);
+    }
+}
+
+/* After a row: the refill mark, in 16-bit words consumed. */
+static void RefillAtMark(BitReader *r, uint32_t markWords)
+{
+    if (r->reading && r->bits / 16 >= markWords)
+        Refill(r);
+}
+
+static uint32_t Mark1D(int32_t width)
+{
+    uint32_t rowBytes = ((uint32_t)width + 7) / 8;
+    uint32_t m = 4 * ((rowBytes + 3) & ~3u);
+    return m < CCITT_CHUNK / 2 ? CCITT_CHUNK / 2 - m : 0;
+}
+
+static uint32_t Mark2D(int32_t width)
+{
+    if (width >= 7500)
+        return CCITT_CHUNK / 4;
+    uint32_t m = 4 * (((uint32_t)width + 7) / 8);
+    return m < CCITT_CHUNK / 2 ? CCITT_CHUNK / 2 - m : 0;
+}
+
+/* ---- row buffers and records ---- */
+
+#define LIST_START 2 /* word 0: length (with the leading 0), word 1: length or the 0 */
+#define GUARD_WORDS 4
+
+static struct {
+    uint16_t *rows[2];  /* each 5 * width + 400 bytes */
+    int32_t width;      /* the width they were set up for */
+    int reference;      /* which of rows[] holds the reference row */
+    int referenceEnd;   /* the index past its record */
+    int32_t rowsProduced;
+} work;
+
+static void FreeRows(void)
+{
+    ImgFree(work.rows[0]);
+    ImgFree(work.rows[1]);
+    work.rows[0] = work.rows[1] = NULL;
+}
+
+/* The row buffers, their first 200 words preset to width, width + 1, ... */
+static int AllocateRows(int32_t width)
+{
+    FreeRows();
+    size_t bytes = 5 * (size_t)width + 400;
+    for (int i = 0; i < 2; i++) {
+        work.rows[i] = static_cast<uint16_t *>(ImgAlloc(bytes));
+        if (!work.rows[i]) {
+            FreeRows();
+            return IMG_ERR_MEMORY;
+        }
+        for (int k = 0; k < 200; k++)
+            work.rows[i][k] = (uint16_t)(width + k > 0xFFFF ? 0xFFFF : width + k);
+    }
+    work.width = width;
+    work.reference = 0;
+    return 0;
+}
+
+/* Writes the terminators behind the changes list[LIST_START .. n) and the
+ * guard words a reference walk may read; returns the index past the record. */
+static int Terminate(uint16_t *list, int n, const uint16_t *terminators, int count, int32_t width)
+{
+    for (int i = 0; i < count; i++)
+        list[n++] = terminators[i];
+    for (int i = 0; i < GUARD_WORDS; i++)
+        list[n + i] = (uint16_t)(width + 1);
+    return n;
+}
+
+/* The record in `row` (changes from LIST_START, terminated up to `n`) to
+ * the callback: the length word, +2 (one more terminator) when it equals the
+ * packed row's byte count, or the 4-byte-aligned stride the row sink takes
+ * for a packed row (docs/DEVIATIONS.md). */
+static int EmitRecord(uint16_t *row, int n, int leadingZero, int32_t width, int32_t rowIndex,
+                      ImgRowSink callback, void *context)
+{
+    uint16_t *record = row + 1;
+    if (leadingZero) {
+        record = row;
+        row[1] = 0;
+    }
+    int bytes = (int)(row + n - record) * 2;
+    /* A loop: one more terminator can turn the packed count into the stride
+     * (width 77: 10 bytes, then 12). */
+    while (bytes == (width + 7) / 8 || (uint64_t)bytes == DibStride((uint32_t)width, 1)) {
+        row[n] = row[n - 1];
+        n++;
+        bytes += 2;
+    }
+    record[0] = (uint16_t)bytes;
+    return callback((const uint8_t *)record, context, rowIndex, bytes);
+}
+
+/* Appends a change (clamped to at least the previous change and at most the
+ * width); past `width` entries a change equal to the last cancels it, so a
+ * list holds at most 2 * width + 1 changes. */
+typedef struct ChangeList {
+    uint16_t *list;
+    int n;          /* next free index */
+    int cancelFrom; /* LIST_START + width */
+    int32_t last;   /* the last change, or 0 */
+    int32_t width;
+} ChangeList;
+
+/* Inlined, so that the list's fields stay in registers in the row loops. */
+static ALWAYS_INLINE void PutChangeSlow(ChangeList *c, int32_t position)
+{
+    if (position > c->width)
+        position = c->width;
+    if (position < c->last)
+        position = c->last;
+    if (c->n >= c->cancelFrom && position == c->last && c->n > LIST_START) {
+        c->n--;
+        c->last = c->n > LIST_START ? c->list[c->n - 1] : 0;
+        return;
+    }
+    c->list[c->n++] = (uint16_t)position;
+    c->last = position;
+}
+
+static inline void PutChange(ChangeList *c, int32_t position)
+{
+    /* The usual case: a change beyond the last one, inside the row (the
+     * cancelling needs an equal change, which takes the slow way anyway). */
+    if (RARELY((uint32_t)(position - c->last - 1) >= (uint32_t)(c->width - c->last))) {
+        PutChangeSlow(c, position);
+        return;
+    }
+    c->list[c->n++] = (uint16_t)position;
+    c->last = position;
+}
+
+static void StartList(ChangeList *c, uint16_t *list, int32_t width)
+{
+    c->list = list;
+    c->n = LIST_START;
+    c->cancelFrom = LIST_START + width;
+    c->last = 0;
+    c->width = width;
+}
+
+/* Cuts the list at its first change at or beyond the width. */
+static void CutAtWidth(ChangeList *c)
+{
+    while (c->n > LIST_START && c->list[c->n - 1] >= c->width)
+        c->n--;
+}
+
+/* ---- the one-dimensional row ---- */
+
+#define ROW_PAGE_END (-100) /* six EOLs */
+
+#define RUN_STOP 1 /* the data ended */
+
+/* One run of one colour (EOLs before it counted in mode 3 and 128): its end
+ * goes into c.  0, RUN_STOP (after placing a run cut short) or ROW_PAGE_END. */
+static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour *colour,
+                              int32_t *position, int countEols, int *eols)
+{
+    int32_t code;
+    for (;;) {
+        code = ReadCode(r, b, colour);
+        if (code == CODE_END)
+            return RUN_STOP;
+        if (code != CODE_EOL)
+            break;
+        if (countEols && ++*eols >= 6)
+            return ROW_PAGE_END;
+    }
+    int32_t run = code;
+    while (code >= 64) {
+        code = ReadCode(r, b, colour);
+        if (code == CODE_END)
+            break;
+        run += code; /* an EOL here adds 4095, as the Part reads */
+        if (run > 0x20000)
+            run = 0x20000;
+    }
+    *position += run;
+    PutChange(c, *position);
+    *eols = 0;
+    return code == CODE_END ? RUN_STOP : 0;
+}
+
+/* Decodes one Modified Huffman row into c: runs alternate white, black, ...
+ * until the width is reached.  countEols: mode 3 or 128 (EOLs counted in
+ * *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END, or 1 when
+ * the data ended before the row began. */
+static inline int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countEols, int *eols)
+{
+    int32_t width = c->width, position = 0;
+    if (b->at >= b->fast && !MoreBits(r, b))
+        return 1;
+    int eolCount = *eols, status = 0; /* a local count stays in a register */
+    while (position < width && !status) {
+        status = Decode1DRun(r, b, c, &colours[0], &position, countEols, &eolCount);
+        if (status == 0 && position < width)
+            status = Decode1DRun(r, b, c, &colours[1], &position, countEols, &eolCount);
+    }
+    *eols = eolCount;
+    return status == ROW_PAGE_END ? ROW_PAGE_END : 0;
+}
+
+/* The row decoders work on local copies of the reader's offset and of the
+ * list (kept in registers). */
+static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
+{
+    Bits b;
+    BitsFrom(r, &b);
+    ChangeList list = *c;
+    int result = Decode1DRowAt(r, &b, &list, countEols, eols);
+    r->bits = b.at;
+    *c = list;
+    return result;
+}
+
+/* One white-table code read at the reader (the EOL after a mode-3 row). */
+static int ReadEolCode(BitReader *r)
+{
+    Bits b;
+    BitsFrom(r, &b);
+    int code = ReadCode(r, &b, &colours[0]);
+    r->bits = b.at;
+    return code;
+}
+
+/* Looks for EOL: one code, then up to `further` more.  The end of the data
+ * counts as found.  0 or -3. */
+static int SeekEol(BitReader *r, int further)
+{
+    Bits b;
+    BitsFrom(r, &b);
+    int result = IMG_ERR_INVALID;
+    for (int i = 0; i <= further && result < 0; i++) {
+        int code = ReadCode(r, &b, &colours[0]);
+        if (code == CODE_EOL || code == CODE_END)
+            result = 0;
+    }
+    r->bits = b.at;
+    return result;
+}
+
+static int EmitWhite(uint16_t *row, int leadingZero, int32_t width, int32_t rowIndex,
+                     ImgRowSink callback, void *context)
+{
+    uint16_t terminators[3] = {(uint16_t)width, (uint16_t)width, (uint16_t)width};
+    int n = Terminate(row, LIST_START, terminators, 3, width);
+    return EmitRecord(row, n, leadingZero, width, rowIndex, callback, context);
+}
+
+static int CheckCall(const CcittParameters *p, int32_t rowCount, int32_t firstRow)
+{
+    if (!p || p->width >= 0xFFFF || rowCount < 0 || firstRow < 0)
+        return IMG_ERR_INVALID; /* positions are 16-bit: width + 1 must fit */
+    return 0;
+}
+
+/* Set-up on row 0 (or when the buffers are missing or of another width):
+ * tables, row buffers.  0 or -1. */
+static int SetUp(int32_t width, int32_t firstRow)
+{
+    BuildTables();
+    if (firstRow == 0 || !work.rows[0] || work.width != width) {
+        int result = AllocateRows(width);
+        if (result < 0)
+            return result;
+        return 1; /* a fresh reference row is needed */
+    }
+    return 0;
+}
+
+/* Frees the buffers once the image's last row has been produced. */
+static void FinishCall(const CcittParameters *p, int32_t endRow)
+{
+    if (endRow >= p->height)
+        FreeRows();
+}
+
+int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
+                  const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
+                  void *context)
+{
+    int result = CheckCall(parameters, rowCount, firstRow);
+    if (result < 0)
+        return result;
+    const CcittParameters *p = parameters;
+    int32_t width = p->width, mode = p->mode;
+    result = SetUp(width, firstRow);
+    if (result < 0)
+        return result;
+    work.rowsProduced = firstRow;
+    BitReader *r = &reader;
+    StartReader(buffer, p, handle, mode != 128);
+    int countEols = mode == 3 || mode == 128;
+    int leadingZero = p->whiteIsZero == 0;
+    uint16_t *row = work.rows[0];
+    uint32_t mark = Mark1D(width);
+    int eols = 0, last = 0, dataEnded = 0;
+    for (int32_t i = 0; i < rowCount; i++) {
+        int32_t rowIndex = firstRow + i;
+        ChangeList c;
+        StartList(&c, row, width);
+        int status = dataEnded ? 1 : Decode1DRow(r, &c, countEols, &eols);
+        if (status == ROW_PAGE_END) {
+            /* The page has ended: the rest of the call is white. */
+            for (; i < rowCount; i++) {
+                last = EmitWhite(row, leadingZero, width, firstRow + i, rowCallback, context);
+                if (last < 0)
+                    break;
+            }
+            FreeRows();
+            return last < 0 ? last : 0;
+        }
+        if (status == 1)
+            dataEnded = 1;
+        else
+            work.rowsProduced = rowIndex + 1;
+        CutAtWidth(&c);
+        if (mode == 2)
+            AlignToByte(r);
+        if (countEols && !dataEnded) {
+            eols++;
+            int code = ReadEolCode(r);
+            if (code != CODE_EOL && code != CODE_END && SeekEol(r, 2999) < 0) {
+                FreeRows();
+                return IMG_ERR_INVALID;
+            }
+        }
+        uint16_t terminators[3] = {(uint16_t)width, (uint16_t)width, (uint16_t)width};
+        int n = Terminate(row, c.n, terminators, 3, width);
+        last = EmitRecord(row, n, leadingZero, width, rowIndex, rowCallback, context);
+        if (last < 0) {
+            FreeRows();
+            return last;
+        }
+        RefillAtMark(r, mark);
+    }
+    FinishCall(p, firstRow + rowCount);
+    return last;
+}
+
+/* ---- the two-dimensional row (Group 4, and Group 3 with tag 0) ---- */
+
+/* Decodes one Modified READ row against the reference changes `ref` (a
+ * list ending in entries beyond the width) into c.  Returns 0, or 1 when the
+ * data ended before the row began. */
+static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, ChangeList *c)
+{
+    int32_t width = c->width, a0 = 0;
+    int b = 0; /* index into ref of b1 */
+    if (bits->at >= bits->fast && !MoreBits(r, bits))
+        return 1;
+    while (a0 < width) {
+        if (RARELY(bits->at >= bits->fast) && !MoreBits(r, bits))
+            return 0;
+        uint32_t window = Peek(bits);
+        if (window & 1) {
+            /* A string of V0 codes (one 1 bit each, the usual text): copied
+             * from the reference row without going back to the reader. */
+            uint32_t count = CountTrailingOnes(window), used = 0;
+            do {
+                int32_t a1 = ref[b++];
+                if (a1 < a0)
+                    a1 = a0;
+                PutChange(c, a1);
+                a0 = a1;
+                used++;
+            } while (used < count && a0 < width);
+            bits->at += used;
+            continue;
+        }
+        uint32_t step = modeStep[window & 0xFF];
+        bits->at += step >> 4;
+        int mode = (int)(step & 15) - 3;
+        int32_t a1;
+        switch (mode) {
+        case 0:
+            a1 = ref[b];
+            b++;
+            break;
+        case 1:
+            a1 = ref[b] + 1;
+            b++;
+            if (ref[b] <= a1)
+                b += 2;
+            break;
+        case 2:
+        case 3:
+            a1 = ref[b] + mode;
+            if (a1 > width)
+                a1 = width; /* the walk then stops at the width + 1 terminators */
+            b++;
+            while (ref[b] <= a1)
+                b += 2;
+            break;
+        case -1:
+        case -2:
+        case -3:
+            a1 = ref[b] + mode;
+            b--;
+            if (b < 0)
+                b += 2; /* before the first change: the next of that colour */
+            while (ref[b] <= a1)
+                b += 2;
+            break;
+        case 4: {
+            /* a0's colour: every change adds or cancels one list entry, so
+             * white has an even count (the list starts at LIST_START, even). */
+            int white = !(c->n & 1);
+            const Colour *first = &colours[!white], *second = &colours[white];
+            int32_t run1 = 0, run2 = 0, code;
+            do {
+                code = ReadCode(r, bits, first);
+                run1 += code == CODE_END ? 0 : code;
+            } while (code >= 64 && code != CODE_END && run1 < 0x20000);
+            if (code != CODE_END) {
+                do {
+                    code = ReadCode(r, bits, second);
+                    run2 += code == CODE_END ? 0 : code;
+                } while (code >= 64 && code != CODE_END && run2 < 0x20000);
+            }
+            PutChange(c, a0 + run1);
+            PutChange(c, a0 + run1 + run2);
+            a0 = a0 + run1 + run2 < width ? a0 + run1 + run2 : width;
+            while (ref[b] <= a0)
+                b += 2;
+            if (code == CODE_END)
+                return 0;
+            continue;
+        }
+        case 5:
+            b++;
+            if (ref[b] > a0)
+                a0 = ref[b];
+            b++;
+            continue;
+        default:
+            return 0;
+        }
+        if (a1 < a0)
+            a1 = a0;
+        PutChange(c, a1);
+        a0 = a1;
+    }
+    return 0;
+}
+
+static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
+{
+    Bits b;
+    BitsFrom(r, &b);
+    ChangeList list = *c;
+    int result = Decode2DRowAt(r, &b, ref, &list);
+    r->bits = b.at;
+    *c = list;
+    return result;
+}
+
+/* Sets the reference row of an image's first row: `count` terminators. */
+static void WhiteReference(int32_t width, int count)
+{
+    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)width,
+                               (uint16_t)(width + 1)};
+    work.reference = 0;
+    work.referenceEnd = Terminate(work.rows[0], LIST_START, terminators, count, width);
+}
+
+/* The end of a row of the two-dimensional decoders: the list `c` decoded
+ * with `status` (1: the data had ended), cut at the width and terminated
+ * (width, width, width + 1, width + 1), becomes the reference row and goes
+ * to the callback.  The callback's result; the buffers are freed on a
+ * negative one. */
+static int EmitReferenceRow(ChangeList *c, int status, int *dataEnded, int32_t rowIndex,
+                            int leadingZero, ImgRowSink callback, void *context)
+{
+    int32_t width = c->width;
+    uint16_t terminators[4] = {(uint16_t)width, (uint16_t)width, (uint16_t)(width + 1),
+                               (uint16_t)(width + 1)};
+    if (status == 1)
+        *dataEnded = 1;
+    else
+        work.rowsProduced = rowIndex + 1;
+    CutAtWidth(c);
+    int n = Terminate(c->list, c->n, terminators, 4, width);
+    work.reference = !work.reference;
+    work.referenceEnd = n;
+    int result = EmitRecord(c->list, n, leadingZero, width, rowIndex, callback, context);
+    if (result < 0)
+        FreeRows(); /* ours in Group 3: stop at once, as the other decoders do */
+    return result;
+}
+
+/* ---- the two-dimensional Group 3 decoder ---- */
+
+int CcittDecode2D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
+                  const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
+                  void *context)
+{
+    int result = CheckCall(parameters, rowCount, firstRow);
+    if (result < 0)
+        return result;
+    const CcittParameters *p = parameters;
+    int32_t width = p->width;
+    int tagged = p->mode == 45;
+    result = SetUp(width, firstRow);
+    if (result < 0)
+        return result;
+    if (result == 1)
+        WhiteReference(width, 4); /* width three times, then width + 1 */
+    work.rowsProduced = firstRow;
+    BitReader *r = &reader;
+    StartReader(buffer, p, handle, tagged);
+    uint32_t mark = Mark2D(width);
+    int last = 0, dataEnded = 0, eols = 0;
+    for (int32_t i = 0; i < rowCount; i++) {
+        int32_t rowIndex = firstRow + i;
+        int oneD = 0;
+        if (!dataEnded && (tagged || rowIndex < 2)) {
+            if (SeekEol(r, 2000) < 0) {
+                FreeRows();
+                return IMG_ERR_INVALID;
+            }
+            int tag = ReadBit(r);
+            oneD = tagged ? tag : rowIndex == 0;
+        }
+        uint16_t *row = work.rows[!work.reference];
+        ChangeList c;
+        StartList(&c, row, width);
+        int status = 1;
+        if (!dataEnded)
+            status = oneD ? Decode1DRow(r, &c, 0, &eols)
+                          : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
+        last = EmitReferenceRow(&c, status, &dataEnded, rowIndex, 0, rowCallback, context);
+        if (last < 0)
+            return last;
+        RefillAtMark(r, mark);
+    }
+    FinishCall(p, firstRow + rowCount);
+    return last;
+}
+
+/* ---- the Group 4 decoder ---- */
+
+int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
+                  const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
+                  void *context)
+{
+    int result = CheckCall(parameters, rowCount, firstRow);
+    if (result < 0)
+        return result;
+    const CcittParameters *p = parameters;
+    int32_t width = p->width;
+    result = SetUp(width, firstRow);
+    if (result < 0)
+        return result;
+    if (result == 1)
+        WhiteReference(width, 3); /* width three times */
+    work.rowsProduced = firstRow;
+    BitReader *r = &reader;
+    StartReader(buffer, p, handle, p->mode == 4);
+    int leadingZero = p->whiteIsZero == 0;
+    uint32_t mark = Mark2D(width);
+    int last = 0, dataEnded = 0;
+    int32_t i = 0;
+    for (; i < rowCount && firstRow + i < p->height; i++) {
+        int32_t rowIndex = firstRow + i;
+        uint16_t *row = work.rows[!work.reference];
+        ChangeList c;
+        StartList(&c, row, width);
+        int status = dataEnded ? 1 : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
+        last = EmitReferenceRow(&c, status, &dataEnded, rowIndex, leadingZero, rowCallback,
+                                context);
+        if (last < 0)
+            return last;
+        RefillAtMark(r, mark);
+    }
+    /* The image's rows ran out: the last record again for each row left. */
+    for (; i < rowCount; i++) {
+        last = EmitRecord(work.rows[work.reference], work.referenceEnd, leadingZero, width,
+                          firstRow + i, rowCallback, context);
+        if (last < 0) {
+            FreeRows();
+            return last;
+        }
+    }
+    FinishCall(p, firstRow + rowCount);
+    return last;
+}
+
+int32_t CcittRowsProduced(void)
+{
+    return work.rowsProduced;
+}

@@ -1,0 +1,495 @@
+/*
+ * ccitt_encode.c - Part 2.2: the CCITT encoders, and the raw fax save types
+ * 33, 53 (Group 3) and 34, 52 (Group 4).
+ *
+ * One code table (per colour, indexed by run length 0..2560), one bit packer
+ * over a 10000-byte buffer of 16-bit words (most significant bit first, codes
+ * split across words), one output byte table (identity or bit reversal).
+ * The one-dimensional coder (Modified Huffman, modes 2 and 3) scans runs
+ * straight off the row bytes; the two-dimensional coder (T.6, mode 4) turns
+ * each row into its list of changing elements and codes it against the
+ * previous row's list.  In a row, bit 1 is white and bit 0 is black (the
+ * library's 1-bit palette); every row starts white.
+ */
+#include "codecs/ccitt_encode.h"
+
+#include <string.h>
+
+#include "core/bytes.h"
+#include "core/imgapi.h"
+#include "core/imgio.h"
+#include "codecs/ccitt_codes.h"
+
+#define CCITT_MAX_RUN 2560
+#define CCITT_BUFFER_BYTES 10000
+#define CCITT_BUFFER_WORDS (CCITT_BUFFER_BYTES / 2)
+/* A block is flushed when fewer than this many words are left, mid-row if
+ * need be (hardening: a row of a very wide image does not fit the buffer). */
+#define CCITT_HIGH_WATER (CCITT_BUFFER_WORDS - 32)
+#define CCITT_MAX_WIDTH (1 << 24)
+#define CCITT_SENTINEL 0xAA
+#define CCITT_SENTINEL_BYTES 8
+#define CCITT_STAGE_BYTES 65536 /* flushed blocks gathered before ImgWrite */
+
+enum { WHITE = 0, BLACK = 1 };
+
+/* ---- the code table, built from the T.4 code lists of ccitt_codes.c ---- */
+
+typedef struct {
+    uint16_t code;   /* right-aligned */
+    uint16_t length; /* bits; 0 where the run length has no code of its own */
+} CcittCode;
+
+static CcittCode codeTable[2][CCITT_MAX_RUN + 1];
+static uint8_t reverseTable[256];
+static uint8_t leadingZeros[256]; /* bits before the first 1, counted from bit 7; 8 for 0 */
+static int tablesBuilt;
+
+static CcittCode ParseCode(const char *bits)
+{
+    CcittCode c = {0, 0};
+    for (; *bits; bits++, c.length++)
+        c.code = (uint16_t)((c.code << 1) | (*bits == '1'));
+    return c;
+}
+
+static void BuildTables(void)
+{
+    if (tablesBuilt)
+        return;
+    for (int run = 0; run < 64; run++) {
+        codeTable[WHITE][run] = ParseCode(ccittWhiteTerminating[run]);
+        codeTable[BLACK][run] = ParseCode(ccittBlackTerminating[run]);
+    }
+    for (int i = 0; i < 27; i++) {
+        codeTable[WHITE][64 * (i + 1)] = ParseCode(ccittWhiteMakeUp[i]);
+        codeTable[BLACK][64 * (i + 1)] = ParseCode(ccittBlackMakeUp[i]);
+    }
+    for (int i = 0; i < 13; i++) {
+        int run = 1792 + i * 64;
+        codeTable[WHITE][run] = codeTable[BLACK][run] = ParseCode(ccittExtendedMakeUp[i]);
+    }
+    for (int i = 0; i < 256; i++) {
+        int r = 0, n = 0;
+        for (int b = 0; b < 8; b++)
+            r |= ((i >> b) & 1) << (7 - b);
+        reverseTable[i] = (uint8_t)r;
+        while (n < 8 && !(i & (0x80 >> n)))
+            n++;
+        leadingZeros[i] = (uint8_t)n;
+    }
+    tablesBuilt = 1;
+}
+
+int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
+{
+    BuildTables();
+    if ((colour != WHITE && colour != BLACK) || run < 0 || run > CCITT_MAX_RUN)
+        return IMG_ERR_INVALID;
+    const CcittCode *c = &codeTable[colour][run];
+    if (!c->length)
+        return IMG_ERR_INVALID;
+    *code = c->code;
+    *length = c->length;
+    return 0;
+}
+
+/* ---- the bit packer and the flushes ---- */
+
+typedef struct {
+    uint8_t *out;         /* the 10000-byte buffer: 16-bit words, high byte first */
+    uint32_t words;       /* index of the current (partial) word */
+    uint32_t current;     /* the partial word, filled from bit 15 down */
+    int freeBits;         /* free bits in it; 16 when empty */
+    int handle;
+    int reverse;          /* output byte table: bit reversal (else identity) */
+    int framed;           /* 0xFE 0x92 and a big-endian count before each block */
+    uint8_t *stage;       /* unframed blocks gathered for fewer ImgWrite calls */
+    uint32_t staged;
+} CcittPacker;
+
+static inline void StoreWord(CcittPacker *p)
+{
+    p->out[2 * p->words] = (uint8_t)(p->current >> 8);
+    p->out[2 * p->words + 1] = (uint8_t)p->current;
+    p->words++;
+}
+
+/* Puts the code's bits at the current position; a code that does not fit
+ * the free bits ends this word with its high part and starts the next with
+ * its low part. */
+static inline void PutBits(CcittPacker *p, uint32_t code, int length)
+{
+    if (length < p->freeBits) {
+        p->freeBits -= length;
+        p->current |= code << p->freeBits;
+        return;
+    }
+    int extra = length - p->freeBits;
+    p->current |= code >> extra;
+    StoreWord(p);
+    p->freeBits = 16 - extra;
+    p->current = (code << p->freeBits) & 0xFFFF;
+}
+
+static inline void PutCode(CcittPacker *p, const CcittCode *c)
+{
+    PutBits(p, c->code, c->length);
+}
+
+static int WriteAll(int handle, const uint8_t *bytes, uint32_t count)
+{
+    return ImgWrite(handle, bytes, count) == (int32_t)count ? 0 : IMG_ERR_WRITE;
+}
+
+static int DrainStage(CcittPacker *p)
+{
+    uint32_t n = p->staged;
+    p->staged = 0;
+    return n ? WriteAll(p->handle, p->stage, n) : 0;
+}
+
+/* Sends the first `count` bytes of the buffer through the output byte table
+ * to the sink: framed, each block at once; otherwise gathered in the stage
+ * (the bytes are the same, only fewer ImgWrite calls carry them). */
+static int SendBlock(CcittPacker *p, uint32_t count)
+{
+    if (p->reverse)
+        for (uint32_t i = 0; i < count; i++)
+            p->out[i] = reverseTable[p->out[i]];
+    if (p->framed) {
+        uint8_t frame[4] = {0xFE, 0x92, (uint8_t)(count >> 8), (uint8_t)count};
+        int result = WriteAll(p->handle, frame, 4);
+        return result < 0 ? result : WriteAll(p->handle, p->out, count);
+    }
+    if (p->staged + count > CCITT_STAGE_BYTES) {
+        int result = DrainStage(p);
+        if (result < 0)
+            return result;
+    }
+    memcpy(p->stage + p->staged, p->out, count);
+    p->staged += count;
+    return 0;
+}
+
+/* Whole words out; the partial word stays (mode 4, mode 3 and the
+ * mid-row flush): the stream continues without fill. */
+static int FlushWords(CcittPacker *p)
+{
+    uint32_t count = 2 * p->words;
+    p->words = 0;
+    return count ? SendBlock(p, count) : 0;
+}
+
+/* All words and the partial word's bytes: 2 when fewer than 8 bits are
+ * free, 1 when 8 to 15 are free, none when 16 (mode 2 rows, the end of a
+ * mode 4 stream); the next code starts on a fresh word. */
+static int FlushWithPartial(CcittPacker *p)
+{
+    uint32_t count = 2 * p->words;
+    if (p->freeBits < 16) {
+        p->out[count] = (uint8_t)(p->current >> 8);
+        p->out[count + 1] = (uint8_t)p->current;
+        count += p->freeBits < 8 ? 2 : 1;
+    }
+    p->words = 0;
+    p->current = 0;
+    p->freeBits = 16;
+    return count ? SendBlock(p, count) : 0;
+}
+
+static inline int FlushIfFull(CcittPacker *p)
+{
+    return p->words >= CCITT_HIGH_WATER ? FlushWords(p) : 0;
+}
+
+/* A run: make-up codes for (run AND NOT 63), at most 2560 each, then the
+ * terminating code for the rest. */
+static int PutLongRun(CcittPacker *p, const CcittCode *table, int32_t run)
+{
+    while (run >= 64) {
+        int32_t makeUp = run & ~63;
+        if (makeUp > CCITT_MAX_RUN)
+            makeUp = CCITT_MAX_RUN;
+        PutCode(p, &table[makeUp]);
+        run -= makeUp;
+        int result = FlushIfFull(p);
+        if (result < 0)
+            return result;
+    }
+    PutCode(p, &table[run]);
+    return 0;
+}
+
+static inline int PutRun(CcittPacker *p, const CcittCode *table, int32_t run)
+{
+    if (run < 64) {
+        PutCode(p, &table[run]);
+        return 0;
+    }
+    return PutLongRun(p, table, run);
+}
+
+/* The one-dimensional EOL: a fresh word (the partial word keeps its zero
+ * fill bits), then the word 0x0001. */
+static void PutWordEol(CcittPacker *p)
+{
+    if (p->freeBits < 16) {
+        StoreWord(p);
+        p->current = 0;
+        p->freeBits = 16;
+    }
+    p->current = 0x0001;
+    StoreWord(p);
+    p->current = 0;
+}
+
+/* ---- the run scanner ---- */
+
+/* The first pixel at or after pos whose colour is not `colour`.  The row
+ * has the sentinel 0xAA behind its last byte, which holds both colours, so
+ * the scan stops without a bound check; the caller cuts the result at the
+ * width.  Long runs are skipped eight bytes at a time: the sentinel byte is
+ * repeated eight times, so such a step also stops in it. */
+static inline int32_t NextChange(const uint8_t *row, int32_t pos, int colour)
+{
+    const uint8_t flip = colour == WHITE ? 0xFF : 0x00; /* white pixels are 1-bits */
+    const uint64_t flipWord = colour == WHITE ? ~(uint64_t)0 : 0;
+    const uint8_t *b = row + (pos >> 3);
+    unsigned v = (uint8_t)((*b ^ flip) & (0xFF >> (pos & 7)));
+    if (!v) {
+        uint64_t word;
+        for (;;) {
+            memcpy(&word, ++b, 8);
+            if (word != flipWord)
+                break;
+            b += 7;
+        }
+        while (!(v = (uint8_t)(*b ^ flip)))
+            b++;
+    }
+    return (int32_t)((b - row) * 8) + leadingZeros[v];
+}
+
+/* ---- set-up ---- */
+
+typedef struct {
+    int32_t width, height, rowBytes;
+    uint8_t *row;          /* rowBytes + the sentinel bytes */
+    int32_t *lists[2];     /* the 2-D coder's change lists */
+    CcittPacker packer;
+} CcittEncoder;
+
+static void Release(CcittEncoder *e)
+{
+    ImgFree(e->row);
+    ImgFree(e->lists[0]);
+    ImgFree(e->lists[1]);
+    ImgFree(e->packer.out);
+    ImgFree(e->packer.stage);
+}
+
+/* Reads the geometry (hardening: width 1..2^24 and height at least 1, else
+ * -3) and allocates the buffers (-1). */
+static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse, int framed,
+                 int twoDimensional)
+{
+    BuildTables();
+    memset(e, 0, sizeof *e);
+    e->width = (int32_t)GetLE32(header + 4);
+    e->height = (int32_t)GetLE32(header + 8);
+    if (e->width < 1 || e->width > CCITT_MAX_WIDTH || e->height < 1)
+        return IMG_ERR_INVALID;
+    e->rowBytes = (e->width + 7) / 8;
+    CcittPacker *p = &e->packer;
+    p->handle = handle;
+    p->reverse = reverse;
+    p->framed = framed;
+    p->freeBits = 16;
+    e->row = static_cast<uint8_t *>(ImgAlloc((size_t)e->rowBytes + CCITT_SENTINEL_BYTES));
+    p->out = static_cast<uint8_t *>(ImgAlloc(CCITT_BUFFER_BYTES));
+    p->stage = framed ? NULL : static_cast<uint8_t *>(ImgAlloc(CCITT_STAGE_BYTES));
+    int ok = e->row && p->out && (framed || p->stage);
+    if (ok && twoDimensional) {
+        size_t listBytes = ((size_t)e->width + 8) * sizeof(int32_t);
+        e->lists[0] = static_cast<int32_t *>(ImgAlloc(listBytes));
+        e->lists[1] = static_cast<int32_t *>(ImgAlloc(listBytes));
+        ok = e->lists[0] && e->lists[1];
+    }
+    if (!ok) {
+        Release(e);
+        return IMG_ERR_MEMORY;
+    }
+    memset(p->out, 0, CCITT_BUFFER_BYTES);
+    return 0;
+}
+
+static int FetchRow(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext, int32_t r)
+{
+    int result = rowSource(sourceContext, e->row, (int)r, (int)e->rowBytes);
+    memset(e->row + e->rowBytes, CCITT_SENTINEL, CCITT_SENTINEL_BYTES);
+    return result < 0 ? result : 0;
+}
+
+/* ---- the one-dimensional coder ---- */
+
+static int Encode1DRow(CcittEncoder *e)
+{
+    CcittPacker *p = &e->packer;
+    int32_t pos = 0;
+    int colour = WHITE;
+    while (pos < e->width) {
+        int32_t end = NextChange(e->row, pos, colour);
+        if (end > e->width)
+            end = e->width;
+        int result = PutRun(p, codeTable[colour], end - pos);
+        if (result < 0 || (result = FlushIfFull(p)) < 0)
+            return result;
+        pos = end;
+        colour ^= 1;
+    }
+    return 0;
+}
+
+static int Encode1D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext, int mode)
+{
+    CcittPacker *p = &e->packer;
+    if (mode == 3)
+        PutWordEol(p);
+    for (int32_t r = 0; r < e->height; r++) {
+        int result = FetchRow(e, rowSource, sourceContext, r);
+        if (result < 0 || (result = Encode1DRow(e)) < 0)
+            return result;
+        if (mode == 3) {
+            int eols = r == e->height - 1 ? 5 : 1;
+            for (int i = 0; i < eols; i++)
+                PutWordEol(p);
+            if (r == e->height - 1)
+                StoreWord(p); /* 16 zero bits */
+            result = FlushWords(p);
+        } else {
+            result = FlushWithPartial(p);
+        }
+        if (result < 0)
+            return result;
+    }
+    return DrainStage(p);
+}
+
+/* ---- the two-dimensional coder ---- */
+
+/* The changing elements of the row in `e->row`: the positions where the
+ * colour changes (the first to black), then the width four times. */
+static void ChangeList(const CcittEncoder *e, int32_t *list)
+{
+    int32_t n = 0, pos = 0;
+    int colour = WHITE;
+    for (;;) {
+        pos = NextChange(e->row, pos, colour);
+        if (pos >= e->width)
+            break;
+        list[n++] = pos;
+        colour ^= 1;
+    }
+    for (int i = 0; i < 4; i++)
+        list[n + i] = e->width;
+}
+
+/* Pass 0001, horizontal 001, then V0 1 and VR1..3 011, 000011, 0000011 and
+ * VL1..3 010, 000010, 0000010, indexed by a1 - b1 + 3. */
+static const CcittCode passCode = {1, 4}, horizontalCode = {1, 3};
+static const CcittCode verticalCodes[7] = {{2, 7}, {2, 6}, {2, 3}, {1, 1},
+                                           {3, 3}, {3, 6}, {3, 7}};
+
+/* Codes the row's change list `cur` against the reference list `ref`.  a0
+ * starts before the row (-1, white); b1 is kept at an index whose parity is
+ * a0's colour (even entries change to black, odd ones to white). */
+static int Encode2DRow(CcittPacker *p, const int32_t *ref, const int32_t *cur, int32_t width)
+{
+    int32_t a0 = -1, ai = 0, bi = 0;
+    int colour = WHITE;
+    while (a0 < width) {
+        while (cur[ai] <= a0)
+            ai++;
+        while (ref[bi] <= a0)
+            bi += 2;
+        int32_t a1 = cur[ai], b1 = ref[bi], b2 = ref[bi + 1];
+        if (b2 < a1) {
+            PutCode(p, &passCode);
+            a0 = b2;
+            bi += 2;
+        } else if (a1 - b1 >= -3 && a1 - b1 <= 3) {
+            PutCode(p, &verticalCodes[a1 - b1 + 3]);
+            a0 = a1;
+            colour ^= 1;
+            bi = bi > 0 ? bi - 1 : 1; /* the other parity; nothing earlier lies past a0 */
+        } else {
+            int32_t a2 = cur[ai + 1];
+            PutCode(p, &horizontalCode);
+            int result = PutRun(p, codeTable[colour], a1 - (a0 < 0 ? 0 : a0));
+            if (result < 0 || (result = PutRun(p, codeTable[colour ^ 1], a2 - a1)) < 0)
+                return result;
+            a0 = a2;
+        }
+        int result = FlushIfFull(p);
+        if (result < 0)
+            return result;
+    }
+    return 0;
+}
+
+static int Encode2D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext)
+{
+    CcittPacker *p = &e->packer;
+    int32_t *ref = e->lists[0], *cur = e->lists[1];
+    for (int i = 0; i < 4; i++)
+        ref[i] = e->width; /* the all-white row before the first */
+    for (int32_t r = 0; r < e->height; r++) {
+        int result = FetchRow(e, rowSource, sourceContext, r);
+        if (result < 0)
+            return result;
+        ChangeList(e, cur);
+        if ((result = Encode2DRow(p, ref, cur, e->width)) < 0)
+            return result;
+        int32_t *t = ref;
+        ref = cur;
+        cur = t;
+    }
+    static const CcittCode eol = {1, 12};
+    for (int i = 0; i < 4; i++)
+        PutCode(p, &eol);
+    int result = FlushWithPartial(p);
+    return result < 0 ? result : DrainStage(p);
+}
+
+/* ---- entry points ---- */
+
+int CcittEncodeFramed(int handle, const uint8_t *header, ImgRowSource rowSource,
+                      void *sourceContext, int lsbFirst, int mode, int framed)
+{
+    CcittEncoder e;
+    int twoDimensional = mode != 2 && mode != 3;
+    int reverse = twoDimensional ? lsbFirst == 1 : (mode == 3 && lsbFirst == 1);
+    int result = Setup(&e, handle, header, reverse, framed != 0, twoDimensional);
+    if (result < 0)
+        return result;
+    result = twoDimensional ? Encode2D(&e, rowSource, sourceContext)
+                            : Encode1D(&e, rowSource, sourceContext, mode);
+    Release(&e);
+    return result < 0 ? result : 0;
+}
+
+int CcittEncode1D(int handle, const uint8_t *header, ImgRowSource rowSource,
+                  void *sourceContext, int lsbFirst, int mode)
+{
+    if (mode != 2 && mode != 3)
+        return IMG_ERR_INVALID;
+    return CcittEncodeFramed(handle, header, rowSource, sourceContext, lsbFirst, mode, 0);
+}
+
+int CcittEncode2D(int handle, const uint8_t *header, ImgRowSource rowSource,
+                  void *sourceContext, int lsbFirst, int mode)
+{
+    (void)mode; /* 4: T.6; the coder has no other variant */
+    return CcittEncodeFramed(handle, header, rowSource, sourceContext, lsbFirst, 4, 0);
+}

@@ -1,0 +1,120 @@
+/*
+ * fuzz_ccitt_encode.c - libFuzzer target for the CCITT encoders of Part 2.2.
+ *
+ * The encoder reads no file, but it runs over any row bytes and widths; the
+ * input gives the width (1..4096, from its first two bytes), the height (1..64,
+ * the third byte) and the row bytes (the rest, repeated as needed).  Each
+ * coder (mode 2, mode 3, T.6) runs into the memory image, and checks:
+ *   - the result is 0 and the output fits a bound of 8 bits a pixel plus the
+ *     end codes (every row's codes are below that);
+ *   - mode 3 starts with the EOL word 00 01 and ends with five EOL words and
+ *     a zero word; T.6 output is never empty;
+ *   - with lsbFirst 1 each byte of modes 3 and 4 is the bit reverse of the
+ *     lsbFirst 0 output, and mode 2 is unchanged;
+ *   - the framed variant, its frames removed, is the plain output.
+ * ASan sees any read outside the row or write outside the buffers.
+ */
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "codecs/ccitt_encode.h"
+#include "core/imgio.h"
+
+typedef struct {
+    const uint8_t *data;
+    size_t size;
+} Rows;
+
+static int RowSource(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
+{
+    const Rows *r = context;
+    for (int i = 0; i < rowBytes; i++)
+        buffer[i] = r->size ? r->data[((size_t)rowIndex * (size_t)rowBytes + (size_t)i) % r->size] : 0xFF;
+    return 0;
+}
+
+static void Fail(const char *what)
+{
+    fprintf(stderr, "fuzz_ccitt_encode: %s\n", what);
+    abort();
+}
+
+static uint8_t Reverse(uint8_t b)
+{
+    uint8_t r = 0;
+    for (int i = 0; i < 8; i++)
+        if (b & (1 << i))
+            r |= (uint8_t)(0x80 >> i);
+    return r;
+}
+
+/* One encode into `out`; the byte count. */
+static size_t Encode(uint8_t *out, size_t capacity, const uint8_t *header, Rows *rows, int mode,
+                     int lsbFirst, int framed)
+{
+    ImgSetMemorySourceSized(out, (uint32_t)capacity);
+    int result = CcittEncodeFramed(IMG_MEMORY_HANDLE, header, RowSource, rows, lsbFirst, mode, framed);
+    if (result != 0)
+        Fail("encode failed");
+    size_t n = ImgTell();
+    if (n >= capacity)
+        Fail("output beyond the bound");
+    return n;
+}
+
+static size_t Unframe(uint8_t *bytes, size_t n)
+{
+    size_t in = 0, out = 0;
+    while (in < n) {
+        if (in + 4 > n || bytes[in] != 0xFE || bytes[in + 1] != 0x92)
+            Fail("bad frame");
+        size_t count = (size_t)bytes[in + 2] << 8 | bytes[in + 3];
+        if (count > 10000 || in + 4 + count > n)
+            Fail("bad frame count");
+        memmove(bytes + out, bytes + in + 4, count);
+        out += count;
+        in += 4 + count;
+    }
+    return out;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 3)
+        return 0;
+    int32_t width = 1 + ((data[0] | data[1] << 8) & 4095), height = 1 + (data[2] & 63);
+    Rows rows = {data + 3, size - 3};
+    uint8_t header[40] = {40};
+    header[4] = (uint8_t)width, header[5] = (uint8_t)(width >> 8);
+    header[8] = (uint8_t)height;
+    header[12] = 1, header[14] = 1;
+    size_t capacity = (size_t)width * (size_t)height + 64 * (size_t)height + 1024;
+    uint8_t *a = malloc(capacity), *b = malloc(capacity + 4 * (capacity / 9000 + 2 * (size_t)height + 2));
+    if (!a || !b)
+        Fail("no memory");
+    for (int mode = 2; mode <= 4; mode++) {
+        size_t n = Encode(a, capacity, header, &rows, mode, 0, 0);
+        if (mode == 3) {
+            static const uint8_t end[12] = {0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 0};
+            if (n < 14 || a[0] != 0 || a[1] != 1 || memcmp(a + n - 12, end, 12) != 0)
+                Fail("mode 3 framing");
+        }
+        if (mode == 4 && n == 0)
+            Fail("empty T.6 output");
+        size_t m = Encode(b, capacity, header, &rows, mode, 1, 0);
+        if (m != n)
+            Fail("lsbFirst changed the length");
+        for (size_t i = 0; i < n; i++)
+            if (b[i] != (mode == 2 ? a[i] : Reverse(a[i])))
+                Fail("lsbFirst output is not the bit reverse");
+        m = Encode(b, capacity + 4 * (capacity / 9000 + 2 * (size_t)height + 2), header, &rows, mode, 0, 1);
+        m = Unframe(b, m);
+        if (m != n || memcmp(a, b, n) != 0)
+            Fail("framed output differs");
+    }
+    free(a);
+    free(b);
+    return 0;
+}

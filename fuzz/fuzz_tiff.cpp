@@ -1,0 +1,118 @@
+/*
+ * fuzz_tiff.c - libFuzzer target for the TIFF reader of Part 2.3 (with the
+ * PackBits and LZW strips of Part 2.5 and the CCITT decoders of Part 2.1).
+ *
+ * The first two bytes choose the page (0 .. 3); the rest is the file, read
+ * through the memory image at exactly its size, once with TiffRead and sinks
+ * that check what the reader guarantees whatever the bytes:
+ *   - the header sink is called at most once, before any row, with width and
+ *     height of at least 1 and a bit count of 1, 4, 8 or 24;
+ *   - every row index lies in 0 .. height - 1; every row is the stride, or
+ *     (1 bit) a run record of 4 .. RunRecordMaxBytes(width) + 16 bytes whose
+ *     length word is its length; every byte handed over is read here;
+ *   - the result is 1 or negative, and no tracked block is left behind;
+ * and once through the library (IMG_decompress_bitmap_mem_size), whose image
+ * is deleted again.  The header sink refuses (-1) pictures over 1 MiB, so
+ * that runs are not spent on huge declared sizes.
+ */
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "formats/tiff_read.h"
+#include "core/bytes.h"
+#include "core/dib.h"
+#include "core/imgapi.h"
+#include "core/imgio.h"
+#include "core/runs.h"
+
+typedef struct {
+    int headerCalls;
+    int32_t width, height;
+    uint32_t stride;
+    uint32_t checksum;
+} FuzzSinks;
+
+static void Fail(const char *what)
+{
+    fprintf(stderr, "fuzz_tiff: %s\n", what);
+    abort();
+}
+
+static int FuzzHeader(const uint8_t *h, void *context)
+{
+    FuzzSinks *s = context;
+    if (++s->headerCalls != 1)
+        Fail("header sink called twice");
+    s->width = (int32_t)GetLE32(h + 4);
+    s->height = (int32_t)GetLE32(h + 8);
+    int bits = GetLE16(h + 14);
+    if (s->width < 1 || s->height < 1)
+        Fail("geometry below 1 reached the sink");
+    if (bits != 1 && bits != 4 && bits != 8 && bits != 24)
+        Fail("unsupported bit count reached the sink");
+    uint64_t stride = DibStride((uint32_t)s->width, bits);
+    s->stride = (uint32_t)stride;
+    for (int i = 0; i < IMG_HEADER_BLOCK_SIZE; i++)
+        s->checksum += h[i];
+    if (stride * (uint64_t)s->height > (1u << 20) || s->width > 65534)
+        return -1;
+    return 1;
+}
+
+static int FuzzRow(const uint8_t *row, void *context, int rowIndex, int rowBytes)
+{
+    FuzzSinks *s = context;
+    if (s->headerCalls != 1)
+        Fail("a row came before the header");
+    if (rowIndex < 0 || rowIndex >= s->height)
+        Fail("row index outside the picture");
+    if ((uint32_t)rowBytes != s->stride) {
+        if (rowBytes < 4 || (size_t)rowBytes > RunRecordMaxBytes(s->width) + 16 || (rowBytes & 1))
+            Fail("row size neither the stride nor a record");
+        uint16_t length;
+        memcpy(&length, row, 2);
+        if (length != rowBytes)
+            Fail("record length word differs from its size");
+    }
+    for (int i = 0; i < rowBytes; i++)
+        s->checksum += row[i];
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 3 || size > (1u << 20))
+        return 0;
+    int page = (data[0] | (data[1] << 8)) & 3;
+    size -= 2;
+    uint8_t *image = malloc(size);
+    if (!image)
+        return 0;
+    memcpy(image, data + 2, size);
+
+    ImgSetMemorySourceSized(image, (uint32_t)size);
+    FuzzSinks sinks;
+    memset(&sinks, 0, sizeof sinks);
+    uint32_t start = page ? (IMG_PAGE_FLAG | (uint32_t)page) : 0;
+    int result = TiffRead(start, FuzzRow, &sinks, FuzzHeader, IMG_MEMORY_HANDLE);
+    if (result != 1 && result >= 0)
+        Fail("result neither 1 nor negative");
+    if (result == 1 && sinks.headerCalls != 1)
+        Fail("success without the header sink");
+    if (ImgTrackedCount() != 0)
+        Fail("tracked blocks left behind");
+    ImgSetMemorySourceSized(image, (uint32_t)size);
+    TiffCountPages(IMG_MEMORY_HANDLE);
+
+    /* Through the library, only for small declared pictures. */
+    if (sinks.headerCalls == 1 && (uint64_t)sinks.stride * (uint64_t)sinks.height <= (1u << 20)) {
+        int32_t handle = IMG_decompress_bitmap_mem_size(image, (uint32_t)size, page);
+        if (handle >= 0)
+            IMG_delete_bitmap(handle);
+    }
+    ImgFreeAllTracked();
+    free(image);
+    return 0;
+}

@@ -1,0 +1,40 @@
+/*
+ * decode.h - Part 1.4 (internal): the decode pipeline's context, its sinks,
+ * and the progress reporting that other operations share.
+ */
+#ifndef TRNW_DECODE_H
+#define TRNW_DECODE_H
+
+#include <stdint.h>
+
+#include "core/contracts.h"
+
+/* Decode context, handed to readers as the opaque sink context. */
+typedef struct ImgDecodeContext {
+    const uint8_t *header; /* the reader's header block of this decode */
+    int32_t handle;        /* the image being filled */
+    int32_t rowOrder;      /* 1 after the header sink; 0 bottom row first (coded); 2 otherwise */
+    int32_t requestedBits; /* depth to reduce to, 0 = keep */
+    /* Ours: the source geometry, and how the output was chosen. */
+    int32_t sourceWidth, sourceHeight, sourceBits, sourceStride;
+    int32_t fixedSize;     /* step 5a applied */
+    int32_t subRectangle;  /* step 5b applied */
+    int32_t rowsStored;    /* coded rows appended in order so far */
+    int32_t storeComplete; /* every coded row has a record (rows then replace in place) */
+    int32_t rowBits, rowStride; /* rows after step 2's reduction (the output depth) */
+    uint8_t *work;         /* row and record scratch */
+    uint8_t *reduced;      /* step 2: the reduced row (inside work) */
+    uint8_t *ditherScratch; /* step 2: the dither routines' scratch (inside work) */
+    uint8_t *palette;      /* step 2: the file's palette (inside work) */
+} ImgDecodeContext;
+
+/* The library's sinks (Part 1.4's Algorithms). */
+int ImgLibraryHeaderSink(const uint8_t *headerAndPalette, void *sinkContext);
+int ImgLibraryRowSink(const uint8_t *row, void *sinkContext, int rowIndex, int rowBytes);
+
+/* Decodes with a given reader into a new image: the body of
+ * IMG_decompress_bitmap_fd once the reader is known.  Returns the handle or a
+ * negative code (the image deleted). */
+int ImgDecodeWithReader(ImgReader reader, uint32_t start, int fileHandle);
+
+#endif /* TRNW_DECODE_H */

@@ -1,0 +1,239 @@
+/*
+ * save.c - Part 1.5: the save pipeline.  Prepares a private copy of the
+ * image's header and palette, applies brightness and contrast, chooses the
+ * writer by type and serves it the crop rectangle's rows.
+ */
+#include "pipeline/save.h"
+
+#include <math.h>
+#include <string.h>
+
+#include "core/contracts.h"
+#include "pipeline/decode.h"
+#include "core/dib.h"
+#include "core/progress.h"
+#include "core/image_table.h"
+#include "core/imgapi.h"
+#include "core/imgio.h"
+#include "pipeline/detect.h"
+#include "core/runs.h"
+
+static int32_t compressionQuality = 75;
+
+int32_t ImgCompressionQuality(void)
+{
+    return compressionQuality;
+}
+
+void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, uint8_t *table)
+{
+    double g = gamma ? (double)gamma : 100.0;
+    double exponent = 1.0 / (g * 0.01);
+    uint32_t c = (uint32_t)contrast + 128u;
+    double f = (c & 0x7FFFFFFFu) ? (double)((c & 0x7FFFFFu) * 2u) : 0.0;
+    for (int i = 0; i < 256; i++) {
+        double v = pow(i / 255.0, exponent) * 255.0 + brightness;
+        v = v * f / 255.0;
+        double t = trunc(v) - contrast;
+        table[i] = (uint8_t)(t < 0 ? 0 : t > 255 ? 255 : t);
+    }
+}
+
+/* ---- the row source ---- */
+
+int ImgLibraryRowSource(void *sourceContext, uint8_t *buffer, int rowIndex, int rowBytes)
+{
+    ImgSaveContext *c = static_cast<ImgSaveContext *>(sourceContext);
+    int result = ImgReportProgress(c->imageHeight);
+    if (result < 0)
+        return result;
+    const ImgDescriptor *d = ImgTableGet(c->handle);
+    if (!d || rowBytes < 0 || rowIndex < 0 || rowIndex >= d->cropHeight)
+        return IMG_ERR_TYPE; /* a request outside the crop rectangle */
+    if (!d->codedRows) {
+        int64_t storedRow = (int64_t)c->imageHeight - c->cropTop - rowIndex - 1;
+        int64_t offset = storedRow * c->imageStride + c->cropOffsetBytes;
+        int64_t inside = (int64_t)c->imageStride * c->imageHeight - offset;
+        if (inside < 0)
+            return IMG_ERR_TYPE;
+        /* The top row's padded crop row can reach past the block: copy what
+         * lies inside and zero the rest (only row padding lies there). */
+        int64_t n = rowBytes < inside ? rowBytes : inside;
+        memcpy(buffer, c->bits + offset, (size_t)n);
+        memset(buffer + n, 0, (size_t)(rowBytes - n));
+    } else {
+        if (!c->scratch) {
+            c->scratch = static_cast<uint8_t *>(ImgAlloc((size_t)d->width * 4 + 4000));
+            if (!c->scratch)
+                return IMG_ERR_MEMORY;
+        }
+        uint32_t bytes;
+        const uint16_t *record = RunStoreRow(d, c->cropTop + rowIndex, &bytes);
+        if (!record)
+            return IMG_ERR_INVALID;
+        /* The crop columns extracted from the runs (the scaler at 1.0). */
+        uint32_t room = (uint32_t)d->width * 4 + 4000;
+        if ((uint32_t)rowBytes > room)
+            return IMG_ERR_TYPE;
+        RunExpandRowAt(record, bytes, d->cropX, d->cropWidth, c->scratch, room);
+        memcpy(buffer, c->scratch, (size_t)rowBytes);
+    }
+    if (c->lookupTable)
+        for (int i = 0; i < rowBytes; i++)
+            buffer[i] = c->lookupTable[buffer[i]];
+    return 0;
+}
+
+/* ---- preparation ---- */
+
+static int PaletteIsGrey(const uint8_t *palette, uint32_t bytes)
+{
+    for (uint32_t i = 0; i < bytes; i += 4)
+        if (palette[i] != palette[i + 1] || palette[i] != palette[i + 2])
+            return 0;
+    return 1;
+}
+
+static void ApplyToPalette(uint8_t *palette, uint32_t bytes, const uint8_t *table)
+{
+    for (uint32_t i = 0; i < bytes; i += 4)
+        for (int k = 0; k < 3; k++)
+            palette[i + k] = table[palette[i + k]];
+}
+
+/* Steps 1 to 5: the context and the header copy.  memoryVariant applies the
+ * table to the palette copy for every depth below 24 bits. */
+static int PrepareSave(const ImgDescriptor *d, int32_t handle, ImgSaveContext *c, uint8_t **copy,
+                       int memoryVariant)
+{
+    if (!d->dib)
+        return IMG_ERR_MEMORY;
+    /* The save context's 16-bit fields, and a crop rectangle inside the image. */
+    if (d->height > 32767 || d->stride > 32767)
+        return IMG_ERR_TYPE;
+    if (d->cropX < 0 || d->cropY < 0 || d->cropWidth < 1 || d->cropHeight < 1 ||
+        (int64_t)d->cropX + d->cropWidth > d->width || (int64_t)d->cropY + d->cropHeight > d->height)
+        return IMG_ERR_TYPE;
+    int bits = ImgDescriptorBits(d);
+    uint32_t palette = DibPaletteSize(bits);
+    memset(c, 0, sizeof *c);
+    c->bits = d->dib + DIB_HEADER_SIZE + palette;
+    c->handle = (int16_t)handle;
+    c->imageHeight = (int16_t)d->height;
+    c->imageStride = (int16_t)d->stride;
+    int64_t x = d->cropX;
+    int64_t offset = bits == 1 ? (x + 7) / 8 : bits == 4 ? (x + 1) / 2 : x * (bits / 8);
+    c->cropOffsetBytes = (int16_t)offset;
+    c->cropTop = (int16_t)d->cropY;
+
+    uint8_t *header = static_cast<uint8_t *>(ImgAlloc(IMG_HEADER_BLOCK_SIZE));
+    if (!header)
+        return IMG_ERR_MEMORY;
+    memset(header, 0, IMG_HEADER_BLOCK_SIZE);
+    memcpy(header, d->dib, DIB_HEADER_SIZE + palette);
+    BITMAPINFOHEADER *h = (BITMAPINFOHEADER *)header;
+    h->biWidth = d->cropWidth;
+    h->biHeight = d->cropHeight;
+    if (d->codedRows)
+        h->biCompression = 0; /* the writer is served plain rows */
+    if (d->brightness || d->contrast) {
+        ImgBuildLookupTable(0, d->brightness, d->contrast, c->table);
+        uint8_t *entries = header + DIB_HEADER_SIZE;
+        if (bits >= 24)
+            c->lookupTable = c->table;
+        else if (memoryVariant || !PaletteIsGrey(entries, palette))
+            ApplyToPalette(entries, palette, c->table);
+        else
+            c->lookupTable = c->table;
+    }
+    if (d->hasTransparentColour)
+        h->biClrUsed = d->transparentColour | DIB_TRANSPARENT_FLAG;
+    *copy = header;
+    return 0;
+}
+
+/* Prepares, dispatches through `save` and frees the copy. */
+static int SaveImage(int32_t handle, int fileHandle, int32_t type, int memoryVariant)
+{
+    ImgDescriptor *d = ImgTableGet(handle);
+    if (!d)
+        return IMG_ERR_HANDLE;
+    ImgSaveContext c;
+    uint8_t *header;
+    int result = PrepareSave(d, handle, &c, &header, memoryVariant);
+    if (result < 0)
+        return result;
+    result = IMGLOW_save_bitmap(fileHandle, header, type, (IMG_ROW_SOURCE)ImgLibraryRowSource, &c);
+    ((BITMAPINFOHEADER *)header)->biClrUsed = 0;
+    ImgFree(header);
+    ImgFree(c.scratch);
+    return result;
+}
+
+/* ---- exported ---- */
+
+int32_t IMGAPI IMGLOW_save_bitmap(int32_t fileHandle, uint8_t *header, int32_t type,
+                                  IMG_ROW_SOURCE rowSource, void *sourceContext)
+{
+    ImgWriter writer = RegistryWriter(type);
+    if (!writer) {
+        ImgFreeAllTracked();
+        return IMG_ERR_TYPE;
+    }
+    return writer(fileHandle, header, (ImgRowSource)rowSource, sourceContext);
+}
+
+int32_t IMGAPI IMGLOW_save_bitmap_mem(void *memory, uint8_t *header, int32_t type,
+                                      IMG_ROW_SOURCE rowSource, void *sourceContext)
+{
+    ImgSetMemorySource(memory);
+    int32_t result = IMGLOW_save_bitmap(IMG_MEMORY_HANDLE, header, type, rowSource, sourceContext);
+    return result < 0 ? result : (int32_t)ImgTell();
+}
+
+int32_t IMGAPI IMG_save_bitmap_fd(int32_t handle, int32_t fileHandle, int32_t type)
+{
+    return SaveImage(handle, fileHandle, type, 0);
+}
+
+int32_t IMGAPI IMG_save_bitmap_mem(int32_t handle, void *memory, int32_t type)
+{
+    if (!ImgTableGet(handle))
+        return IMG_ERR_HANDLE;
+    ImgSetMemorySource(memory);
+    int32_t result = SaveImage(handle, IMG_MEMORY_HANDLE, type, 1);
+    return result < 0 ? result : (int32_t)ImgTell();
+}
+
+int32_t IMGAPI IMG_save_bitmap_mem_size(int32_t handle, void *memory, uint32_t size, int32_t type)
+{
+    if (!ImgTableGet(handle))
+        return IMG_ERR_HANDLE;
+    ImgSetMemorySourceSized(memory, size);
+    int32_t result = SaveImage(handle, IMG_MEMORY_HANDLE, type, 1);
+    return result < 0 ? result : (int32_t)ImgTell();
+}
+
+int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type)
+{
+    if (!ImgTableGet(handle))
+        return IMG_ERR_HANDLE;
+    if (!path)
+        return IMG_ERR_CREATE;
+    if (type == IMG_TYPE_BY_EXTENSION)
+        type = RegistryTypeForPath(path); /* no match leaves -1: the dispatcher gives -7 */
+    int file = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0 ? ImgOpen(path, 1) : ImgOpen(path, 2);
+    if (file < 0)
+        return IMG_ERR_CREATE;
+    int32_t result = IMG_save_bitmap_fd(handle, file, type);
+    ImgClose(file);
+    if (result < 0)
+        ImgDelete(path); /* an update-opened file goes too */
+    return result;
+}
+
+int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality)
+{
+    compressionQuality = quality;
+    return 0;
+}

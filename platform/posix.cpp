@@ -1,0 +1,234 @@
+/*
+ * posix.c - platform layer over malloc and POSIX file descriptors.
+ *
+ * Global memory blocks do not exist here.  To give ImgSetMemorySource the
+ * block size it asks for, every block this layer hands out is recorded in a
+ * small open-addressing table (pointer -> size).  A pointer that is not in
+ * the table (a caller's own memory, or the middle of one of our blocks) has
+ * no known size, exactly as a non-global pointer on Windows.
+ */
+#ifndef _WIN32
+
+#define _POSIX_C_SOURCE 200809L
+#include "platform/platform.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#ifndef O_NOFOLLOW
+#define O_NOFOLLOW 0
+#endif
+
+typedef struct {
+    void *pointer; /* NULL: empty slot */
+    size_t size;
+} BlockEntry;
+
+static BlockEntry *blockTable;
+static size_t blockCapacity; /* power of two */
+static size_t blockCount;
+
+static size_t BlockSlot(const void *pointer)
+{
+    uintptr_t v = (uintptr_t)pointer;
+    v ^= v >> 17;
+    v *= (uintptr_t)0x9E3779B97F4A7C15ull;
+    v ^= v >> 29;
+    return (size_t)v & (blockCapacity - 1);
+}
+
+static BlockEntry *BlockFind(const void *pointer)
+{
+    if (!blockTable || !pointer)
+        return NULL;
+    for (size_t i = BlockSlot(pointer);; i = (i + 1) & (blockCapacity - 1)) {
+        if (blockTable[i].pointer == pointer)
+            return &blockTable[i];
+        if (!blockTable[i].pointer)
+            return NULL;
+    }
+}
+
+static void BlockInsertRaw(void *pointer, size_t size)
+{
+    size_t i = BlockSlot(pointer);
+    while (blockTable[i].pointer)
+        i = (i + 1) & (blockCapacity - 1);
+    blockTable[i].pointer = pointer;
+    blockTable[i].size = size;
+}
+
+static int BlockGrow(void)
+{
+    size_t oldCapacity = blockCapacity;
+    BlockEntry *old = blockTable;
+    size_t capacity = oldCapacity ? oldCapacity * 2 : 256;
+    BlockEntry *table = static_cast<BlockEntry *>(calloc(capacity, sizeof *table));
+    if (!table)
+        return -1;
+    blockTable = table;
+    blockCapacity = capacity;
+    for (size_t i = 0; i < oldCapacity; i++)
+        if (old[i].pointer)
+            BlockInsertRaw(old[i].pointer, old[i].size);
+    free(old);
+    return 0;
+}
+
+static int BlockInsert(void *pointer, size_t size)
+{
+    if ((blockCount + 1) * 2 > blockCapacity && BlockGrow() < 0)
+        return -1;
+    BlockInsertRaw(pointer, size);
+    blockCount++;
+    return 0;
+}
+
+/* Removal with backward shifting, so that probe chains stay unbroken. */
+static void BlockRemove(BlockEntry *entry)
+{
+    size_t hole = (size_t)(entry - blockTable);
+    size_t mask = blockCapacity - 1;
+    blockTable[hole].pointer = NULL;
+    for (size_t i = (hole + 1) & mask; blockTable[i].pointer; i = (i + 1) & mask) {
+        size_t home = BlockSlot(blockTable[i].pointer);
+        /* Move the entry into the hole when its home is not between hole and i. */
+        if (((i - home) & mask) >= ((i - hole) & mask)) {
+            blockTable[hole] = blockTable[i];
+            blockTable[i].pointer = NULL;
+            hole = i;
+        }
+    }
+    blockCount--;
+}
+
+void *PlatformAlloc(size_t size)
+{
+    void *pointer = malloc(size ? size : 1);
+    if (!pointer)
+        return NULL;
+    if (BlockInsert(pointer, size) < 0) {
+        free(pointer);
+        return NULL;
+    }
+    return pointer;
+}
+
+void *PlatformRealloc(void *pointer, size_t size)
+{
+    if (!pointer)
+        return PlatformAlloc(size);
+    BlockEntry *entry = BlockFind(pointer);
+    if (!entry)
+        return NULL; /* not one of ours: it cannot be resized */
+    void *moved = realloc(pointer, size ? size : 1);
+    if (!moved)
+        return NULL;
+    if (moved == pointer) {
+        entry->size = size;
+        return moved;
+    }
+    BlockRemove(entry);
+    BlockInsertRaw(moved, size); /* the slot just freed guarantees room */
+    blockCount++;
+    return moved;
+}
+
+void PlatformFree(void *pointer)
+{
+    BlockEntry *entry = BlockFind(pointer);
+    if (!entry)
+        return;
+    BlockRemove(entry);
+    free(pointer);
+}
+
+size_t PlatformBlockSize(const void *pointer)
+{
+    BlockEntry *entry = BlockFind(pointer);
+    return entry ? entry->size : 0;
+}
+
+int PlatformOpen(const char *path, int mode)
+{
+    int fd;
+    if (!path)
+        return -1;
+    switch (mode) {
+    case 0:
+        fd = open(path, O_RDONLY);
+        break;
+    case 1:
+        fd = open(path, O_RDWR);
+        break;
+    case 2:
+        fd = open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+        break;
+    case 3:
+        return access(path, F_OK) == 0 ? 0 : -1;
+    default:
+        return -1;
+    }
+    return fd < 0 ? -1 : fd;
+}
+
+int32_t PlatformRead(int file, void *buffer, uint32_t count)
+{
+    uint32_t done = 0;
+    while (done < count) {
+        ssize_t n = read(file, (char *)buffer + done, count - done);
+        if (n <= 0)
+            break;
+        done += (uint32_t)n;
+    }
+    return (int32_t)done;
+}
+
+int32_t PlatformWrite(int file, const void *buffer, uint32_t count)
+{
+    uint32_t done = 0;
+    while (done < count) {
+        ssize_t n = write(file, (const char *)buffer + done, count - done);
+        if (n <= 0)
+            break;
+        done += (uint32_t)n;
+    }
+    return (int32_t)done;
+}
+
+int32_t PlatformSeek(int file, int32_t offset, int whence)
+{
+    int how = whence == 0 ? SEEK_SET : whence == 1 ? SEEK_CUR : SEEK_END;
+    off_t position = lseek(file, (off_t)offset, how);
+    return position < 0 || position > INT32_MAX ? -1 : (int32_t)position;
+}
+
+int PlatformClose(int file)
+{
+    return close(file);
+}
+
+int PlatformDelete(const char *path)
+{
+    return unlink(path);
+}
+
+int PlatformTempName(char *buffer)
+{
+    const char *dir = getenv("TMPDIR");
+    if (!dir || !*dir)
+        dir = "/tmp";
+    size_t length = strlen(dir);
+    int slash = dir[length - 1] != '/';
+    if (length + (size_t)slash > 100)
+        return -1;
+    /* The process id keeps two processes from sharing the scratch file;
+     * the name is still the same on every call within one process. */
+    snprintf(buffer, 160, "%s%simg1-%ld.tmp", dir, slash ? "/" : "", (long)getpid());
+    return 0;
+}
+
+#endif /* !_WIN32 */
