@@ -21,7 +21,6 @@
 
 #include <string.h>
 
-#include "pipeline/decode.h"
 #include "core/dib.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"

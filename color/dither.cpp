@@ -13,6 +13,7 @@
 
 #include <string.h>
 
+#include "core/guard.h"
 #include "core/contracts.h"
 #include "core/progress.h"
 #include "core/dib.h"
@@ -74,8 +75,10 @@ int32_t DitherMode(void)
 
 int32_t IMGAPI IMGLOW_set_dithermode(int32_t mode)
 {
-    ditherMode = mode;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        ditherMode = mode;
+        return 0;
+    });
 }
 
 /* Arithmetic right shift (rounding toward minus infinity) without relying
@@ -452,18 +455,22 @@ static int MonoOperation(int32_t handle, MonoJob *job, MonoRowMaker maker)
 
 int32_t IMGAPI IMG_bayer_mono(int32_t handle)
 {
-    MonoJob job;
-    memset(&job, 0, sizeof job);
-    job.table = bayerTable;
-    return MonoOperation(handle, &job, OrderedMaker);
+    return Guarded([&]() -> int32_t {
+        MonoJob job;
+        memset(&job, 0, sizeof job);
+        job.table = bayerTable;
+        return MonoOperation(handle, &job, OrderedMaker);
+    });
 }
 
 int32_t IMGAPI IMG_halftone_mono(int32_t handle)
 {
-    MonoJob job;
-    memset(&job, 0, sizeof job);
-    job.table = halftoneTable;
-    return MonoOperation(handle, &job, OrderedMaker);
+    return Guarded([&]() -> int32_t {
+        MonoJob job;
+        memset(&job, 0, sizeof job);
+        job.table = halftoneTable;
+        return MonoOperation(handle, &job, OrderedMaker);
+    });
 }
 
 /* Stucki: the three rows are read before the frame runs. */
@@ -478,20 +485,22 @@ static void StuckiStart(MonoJob *job, int32_t m, uint8_t *out)
 
 int32_t IMGAPI IMG_diffusion_mono(int32_t handle)
 {
-    MonoJob job;
-    memset(&job, 0, sizeof job);
-    int result = OpenSource(handle, &job.s);
-    if (result == 0 && job.s.bits == 1)
-        result = IMG_ERR_TYPE;
-    int failed = 0;
-    for (int k = 0; result == 0 && k < 3; k++)
-        job.rows[k] = static_cast<int32_t *>(Tracked(4 * ((size_t)job.s.width + 4), &failed));
-    if (result == 0 && failed)
-        result = IMG_ERR_MEMORY;
-    if (result == 0)
-        result = RunMono(&job, StuckiStart);
-    ImgFreeAllTracked();
-    return result;
+    return Guarded([&]() -> int32_t {
+        MonoJob job;
+        memset(&job, 0, sizeof job);
+        int result = OpenSource(handle, &job.s);
+        if (result == 0 && job.s.bits == 1)
+            result = IMG_ERR_TYPE;
+        int failed = 0;
+        for (int k = 0; result == 0 && k < 3; k++)
+            job.rows[k] = static_cast<int32_t *>(Tracked(4 * ((size_t)job.s.width + 4), &failed));
+        if (result == 0 && failed)
+            result = IMG_ERR_MEMORY;
+        if (result == 0)
+            result = RunMono(&job, StuckiStart);
+        ImgFreeAllTracked();
+        return result;
+    });
 }
 
 /* Automatic threshold: map[i] = 255 x the cumulative share of bins 0..i,
@@ -522,14 +531,16 @@ static void ThresholdStart(MonoJob *job, int32_t m, uint8_t *out)
 
 int32_t IMGAPI IMG_thresh_mono(int32_t handle, int32_t threshold)
 {
-    MonoJob job;
-    memset(&job, 0, sizeof job);
-    if (threshold == -1)
-        job.table = bayerTable; /* marks the automatic mode */
-    else
-        for (int i = 0; i < 256; i++)
-            job.white[i] = threshold < i;
-    return MonoOperation(handle, &job, ThresholdStart);
+    return Guarded([&]() -> int32_t {
+        MonoJob job;
+        memset(&job, 0, sizeof job);
+        if (threshold == -1)
+            job.table = bayerTable; /* marks the automatic mode */
+        else
+            for (int i = 0; i < 256; i++)
+                job.white[i] = threshold < i;
+        return MonoOperation(handle, &job, ThresholdStart);
+    });
 }
 
 /* ---- the operations that build a new plain bitmap ---- */
@@ -642,9 +653,11 @@ static int BayerColourMaker(PlainJob *job, int32_t m, uint8_t *out)
 
 int32_t IMGAPI IMG_bayer_color(int32_t handle)
 {
-    PlainJob job;
-    memset(&job, 0, sizeof job);
-    return ColourOperation(&job, handle, 4, "pcx", 1, BayerColourMaker);
+    return Guarded([&]() -> int32_t {
+        PlainJob job;
+        memset(&job, 0, sizeof job);
+        return ColourOperation(&job, handle, 4, "pcx", 1, BayerColourMaker);
+    });
 }
 
 /* Threshold colour diffusion: the index from the unclamped components. */
@@ -703,9 +716,11 @@ static int DiffusionColourMaker(PlainJob *job, int32_t m, uint8_t *out)
 
 int32_t IMGAPI IMG_diffusion_color(int32_t handle)
 {
-    PlainJob job;
-    memset(&job, 0, sizeof job);
-    return ColourOperation(&job, handle, 4, "pcx", 1, DiffusionColourMaker);
+    return Guarded([&]() -> int32_t {
+        PlainJob job;
+        memset(&job, 0, sizeof job);
+        return ColourOperation(&job, handle, 4, "pcx", 1, DiffusionColourMaker);
+    });
 }
 
 /* Grey conversion: (75 G + 38 R + 14 B) >> 7 (white becomes 253). */
@@ -719,9 +734,11 @@ static int GreyMaker(PlainJob *job, int32_t m, uint8_t *out)
 
 int32_t IMGAPI IMG_color_gray(int32_t handle)
 {
-    PlainJob job;
-    memset(&job, 0, sizeof job);
-    return ColourOperation(&job, handle, 8, "tiff", 0, GreyMaker);
+    return Guarded([&]() -> int32_t {
+        PlainJob job;
+        memset(&job, 0, sizeof job);
+        return ColourOperation(&job, handle, 8, "tiff", 0, GreyMaker);
+    });
 }
 
 /* ---- promotions ---- */
@@ -790,12 +807,16 @@ static int Promote(int32_t handle, int bits)
 
 int32_t IMGAPI IMG_promote_8(int32_t handle)
 {
-    return Promote(handle, 8);
+    return Guarded([&]() -> int32_t {
+        return Promote(handle, 8);
+    });
 }
 
 int32_t IMGAPI IMG_promote_24(int32_t handle)
 {
-    return Promote(handle, 24);
+    return Guarded([&]() -> int32_t {
+        return Promote(handle, 24);
+    });
 }
 
 /* ---- display-time reduction to 3-3-2 ---- */

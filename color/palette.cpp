@@ -20,6 +20,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "core/guard.h"
 #include "core/progress.h"
 #include "core/dib.h"
 #include "core/image_table.h"
@@ -261,36 +262,38 @@ void PaletteFixedDiffuseRow(int32_t *current, int32_t *next, int32_t width, int3
 
 int32_t IMGAPI IMG_mediancut_color(int32_t handle)
 {
-    Source s;
-    int result = OpenSource(handle, DEPTH(4) | DEPTH(8) | DEPTH(24) | DEPTH(32), &s);
-    if (result < 0)
-        return Finish(result);
-    ImgDescriptor *d = s.d;
-    uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, 8);
-    size_t ints = AccumulatorInts(d->width, PALETTE_FIXED_SLOTS);
-    int32_t *current = static_cast<int32_t *>(ImgAllocTracked(ints * sizeof(int32_t)));
-    int32_t *next = static_cast<int32_t *>(ImgAllocTracked(ints * sizeof(int32_t)));
-    uint8_t *row = static_cast<uint8_t *>(ImgAllocTracked(stride));
-    uint32_t size = 0;
-    uint8_t *bitmap = current && next && row ? NewBitmap(d, 1024, stride, 0, &size) : NULL;
-    if (!bitmap)
-        return Finish(IMG_ERR_MEMORY);
-    PaletteFixedEntries(bitmap + DIB_HEADER_SIZE);
-    memset(row, 0, stride);
-    LoadColourRow(&s, 0, current, PALETTE_FIXED_SLOTS);
-    LoadColourRow(&s, 1, next, PALETTE_FIXED_SLOTS);
-    for (int32_t y = 0; y < d->height; y++) {
-        PaletteFixedDiffuseRow(current, next, d->width, y, row);
-        SwapRows(&current, &next); /* "copy next over current": the load rewrites all of next */
-        LoadColourRow(&s, y + 2, next, PALETTE_FIXED_SLOTS);
-        result = StoreRow(bitmap, 1024, stride, y, row, d->height);
-        if (result < 0) {
-            ImgFree(bitmap);
+    return Guarded([&]() -> int32_t {
+        Source s;
+        int result = OpenSource(handle, DEPTH(4) | DEPTH(8) | DEPTH(24) | DEPTH(32), &s);
+        if (result < 0)
             return Finish(result);
+        ImgDescriptor *d = s.d;
+        uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, 8);
+        size_t ints = AccumulatorInts(d->width, PALETTE_FIXED_SLOTS);
+        int32_t *current = static_cast<int32_t *>(ImgAllocTracked(ints * sizeof(int32_t)));
+        int32_t *next = static_cast<int32_t *>(ImgAllocTracked(ints * sizeof(int32_t)));
+        uint8_t *row = static_cast<uint8_t *>(ImgAllocTracked(stride));
+        uint32_t size = 0;
+        uint8_t *bitmap = current && next && row ? NewBitmap(d, 1024, stride, 0, &size) : NULL;
+        if (!bitmap)
+            return Finish(IMG_ERR_MEMORY);
+        PaletteFixedEntries(bitmap + DIB_HEADER_SIZE);
+        memset(row, 0, stride);
+        LoadColourRow(&s, 0, current, PALETTE_FIXED_SLOTS);
+        LoadColourRow(&s, 1, next, PALETTE_FIXED_SLOTS);
+        for (int32_t y = 0; y < d->height; y++) {
+            PaletteFixedDiffuseRow(current, next, d->width, y, row);
+            SwapRows(&current, &next); /* "copy next over current": the load rewrites all of next */
+            LoadColourRow(&s, y + 2, next, PALETTE_FIXED_SLOTS);
+            result = StoreRow(bitmap, 1024, stride, y, row, d->height);
+            if (result < 0) {
+                ImgFree(bitmap);
+                return Finish(result);
+            }
         }
-    }
-    Install(d, bitmap, size, stride, 8);
-    return Finish(0);
+        Install(d, bitmap, size, stride, 8);
+        return Finish(0);
+    });
 }
 
 /* ---- IMG_popularity_color ---- */
@@ -340,50 +343,52 @@ static uint8_t NearestPopular(unsigned bin, const uint16_t *list)
 
 int32_t IMGAPI IMG_popularity_color(int32_t handle)
 {
-    Source s;
-    int result = OpenSource(handle, DEPTH(24) | DEPTH(32), &s);
-    if (result < 0)
-        return Finish(result);
-    ImgDescriptor *d = s.d;
-    uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, 8);
-    uint16_t *histogram = static_cast<uint16_t *>(ImgAllocTracked(4096 * sizeof(uint16_t)));
-    uint16_t *list = static_cast<uint16_t *>(ImgAllocTracked(PALETTE_ENTRIES * sizeof(uint16_t)));
-    uint8_t *nearest = static_cast<uint8_t *>(ImgAllocTracked(4096)); /* step 4's answer for every 12-bit colour */
-    uint8_t *row = static_cast<uint8_t *>(ImgAllocTracked(stride));
-    uint32_t size = 0;
-    uint8_t *bitmap =
-        histogram && list && nearest && row ? NewBitmap(d, 1024, stride, 0, &size) : NULL;
-    if (!bitmap)
-        return Finish(IMG_ERR_MEMORY);
-    memset(histogram, 0, 4096 * sizeof(uint16_t));
-    for (int32_t y = 0; y < d->height; y++) {
-        const uint8_t *source = FetchRow(&s, y);
-        for (int32_t x = 0; x < d->width; x++)
-            histogram[Bin12(source + 3 * (size_t)x)]++; /* wraps at 65536 */
-    }
-    ChoosePopular(histogram, list);
-    uint8_t *palette = bitmap + DIB_HEADER_SIZE;
-    for (int i = 0; i < PALETTE_ENTRIES; i++) {
-        palette[4 * i] = (uint8_t)((list[i] & 15) << 4);
-        palette[4 * i + 1] = (uint8_t)(((list[i] >> 4) & 15) << 4);
-        palette[4 * i + 2] = (uint8_t)((list[i] >> 8) << 4);
-        palette[4 * i + 3] = 0;
-    }
-    for (unsigned bin = 0; bin < 4096; bin++)
-        nearest[bin] = NearestPopular(bin, list);
-    memset(row, 0, stride);
-    for (int32_t y = 0; y < d->height; y++) {
-        const uint8_t *source = FetchRow(&s, y);
-        for (int32_t x = 0; x < d->width; x++)
-            row[x] = nearest[Bin12(source + 3 * (size_t)x)];
-        result = StoreRow(bitmap, 1024, stride, y, row, d->height);
-        if (result < 0) {
-            ImgFree(bitmap);
+    return Guarded([&]() -> int32_t {
+        Source s;
+        int result = OpenSource(handle, DEPTH(24) | DEPTH(32), &s);
+        if (result < 0)
             return Finish(result);
+        ImgDescriptor *d = s.d;
+        uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, 8);
+        uint16_t *histogram = static_cast<uint16_t *>(ImgAllocTracked(4096 * sizeof(uint16_t)));
+        uint16_t *list = static_cast<uint16_t *>(ImgAllocTracked(PALETTE_ENTRIES * sizeof(uint16_t)));
+        uint8_t *nearest = static_cast<uint8_t *>(ImgAllocTracked(4096)); /* step 4's answer for every 12-bit colour */
+        uint8_t *row = static_cast<uint8_t *>(ImgAllocTracked(stride));
+        uint32_t size = 0;
+        uint8_t *bitmap =
+            histogram && list && nearest && row ? NewBitmap(d, 1024, stride, 0, &size) : NULL;
+        if (!bitmap)
+            return Finish(IMG_ERR_MEMORY);
+        memset(histogram, 0, 4096 * sizeof(uint16_t));
+        for (int32_t y = 0; y < d->height; y++) {
+            const uint8_t *source = FetchRow(&s, y);
+            for (int32_t x = 0; x < d->width; x++)
+                histogram[Bin12(source + 3 * (size_t)x)]++; /* wraps at 65536 */
         }
-    }
-    Install(d, bitmap, size, stride, 8);
-    return Finish(0);
+        ChoosePopular(histogram, list);
+        uint8_t *palette = bitmap + DIB_HEADER_SIZE;
+        for (int i = 0; i < PALETTE_ENTRIES; i++) {
+            palette[4 * i] = (uint8_t)((list[i] & 15) << 4);
+            palette[4 * i + 1] = (uint8_t)(((list[i] >> 4) & 15) << 4);
+            palette[4 * i + 2] = (uint8_t)((list[i] >> 8) << 4);
+            palette[4 * i + 3] = 0;
+        }
+        for (unsigned bin = 0; bin < 4096; bin++)
+            nearest[bin] = NearestPopular(bin, list);
+        memset(row, 0, stride);
+        for (int32_t y = 0; y < d->height; y++) {
+            const uint8_t *source = FetchRow(&s, y);
+            for (int32_t x = 0; x < d->width; x++)
+                row[x] = nearest[Bin12(source + 3 * (size_t)x)];
+            result = StoreRow(bitmap, 1024, stride, y, row, d->height);
+            if (result < 0) {
+                ImgFree(bitmap);
+                return Finish(result);
+            }
+        }
+        Install(d, bitmap, size, stride, 8);
+        return Finish(0);
+    });
 }
 
 /* ---- IMG_octree_color ---- */
@@ -803,47 +808,49 @@ static void OctreeMapInit(OctreeMap *map, const ImgDescriptor *d)
 
 int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colours, int32_t count)
 {
-    if (!ImgTableGet(handle))
-        return Finish(IMG_ERR_HANDLE);
-    /* hardening: output depths other than 4 and 8 give -7 (docs/DEVIATIONS.md) */
-    if (bits != 4 && bits != 8)
-        return Finish(IMG_ERR_TYPE);
-    Source s;
-    int result = OpenSource(handle, DEPTH(8) | DEPTH(24) | DEPTH(32), &s);
-    if (result < 0)
-        return Finish(result);
-    ImgDescriptor *d = s.d;
-    uint32_t roomEntries = bits == 4 ? 16 : 256;
-    uint32_t paletteBytes = 4 * roomEntries;
-    uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, bits);
-    OctreeQuantizer *q = NULL;
-    OctreeMap *map = static_cast<OctreeMap *>(ImgAllocTracked(sizeof *map));
-    result = OctreeCreate(&q, count);
-    if (result < 0 || !map)
-        return Finish(IMG_ERR_MEMORY);
-    uint32_t size = 0;
-    uint8_t *bitmap = NewBitmap(d, paletteBytes, stride, OCTREE_SLACK, &size);
-    if (!bitmap)
-        return Finish(IMG_ERR_MEMORY);
-    uint8_t *room = bitmap + DIB_HEADER_SIZE;
-    if (colours)
-        result = OctreeBuildFromList(q, static_cast<const uint8_t *>(colours), count, room, roomEntries);
-    else
-        result = OctreeBuildFromImage(q, &s);
-    if (result >= 0) {
-        OctreeMapInit(map, d);
-        q->leafCount = 0;
-        OctreePaletteWalk(q, q->root, map);
-        map->entries = q->leafCount;
-        uint32_t made = (uint32_t)map->entries < roomEntries ? (uint32_t)map->entries : roomEntries;
-        memcpy(room, map->palette, 4 * (size_t)made);
-        result = OctreeMapRows(q, map, &s, bitmap, paletteBytes, stride, bits);
-    }
-    OctreeRelease(q->root);
-    if (result < 0) {
-        ImgFree(bitmap);
-        return Finish(result);
-    }
-    Install(d, bitmap, size, stride, bits);
-    return Finish(map->entries);
+    return Guarded([&]() -> int32_t {
+        if (!ImgTableGet(handle))
+            return Finish(IMG_ERR_HANDLE);
+        /* hardening: output depths other than 4 and 8 give -7 (docs/DEVIATIONS.md) */
+        if (bits != 4 && bits != 8)
+            return Finish(IMG_ERR_TYPE);
+        Source s;
+        int result = OpenSource(handle, DEPTH(8) | DEPTH(24) | DEPTH(32), &s);
+        if (result < 0)
+            return Finish(result);
+        ImgDescriptor *d = s.d;
+        uint32_t roomEntries = bits == 4 ? 16 : 256;
+        uint32_t paletteBytes = 4 * roomEntries;
+        uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, bits);
+        OctreeQuantizer *q = NULL;
+        OctreeMap *map = static_cast<OctreeMap *>(ImgAllocTracked(sizeof *map));
+        result = OctreeCreate(&q, count);
+        if (result < 0 || !map)
+            return Finish(IMG_ERR_MEMORY);
+        uint32_t size = 0;
+        uint8_t *bitmap = NewBitmap(d, paletteBytes, stride, OCTREE_SLACK, &size);
+        if (!bitmap)
+            return Finish(IMG_ERR_MEMORY);
+        uint8_t *room = bitmap + DIB_HEADER_SIZE;
+        if (colours)
+            result = OctreeBuildFromList(q, static_cast<const uint8_t *>(colours), count, room, roomEntries);
+        else
+            result = OctreeBuildFromImage(q, &s);
+        if (result >= 0) {
+            OctreeMapInit(map, d);
+            q->leafCount = 0;
+            OctreePaletteWalk(q, q->root, map);
+            map->entries = q->leafCount;
+            uint32_t made = (uint32_t)map->entries < roomEntries ? (uint32_t)map->entries : roomEntries;
+            memcpy(room, map->palette, 4 * (size_t)made);
+            result = OctreeMapRows(q, map, &s, bitmap, paletteBytes, stride, bits);
+        }
+        OctreeRelease(q->root);
+        if (result < 0) {
+            ImgFree(bitmap);
+            return Finish(result);
+        }
+        Install(d, bitmap, size, stride, bits);
+        return Finish(map->entries);
+    });
 }

@@ -1,6 +1,7 @@
 /*
  * io.c - Part 1.2: the I/O layer.
  */
+#include "core/guard.h"
 #include "core/imgio.h"
 
 #include <string.h>
@@ -362,23 +363,29 @@ void ImgStoreBitmapName(const char *text, const char *date)
 
 int32_t IMGAPI IMGLOW_set_fileio(IMG_READ_FUNC read, IMG_WRITE_FUNC write, IMG_SEEK_FUNC seek)
 {
-    userRead = read;
-    userWrite = write;
-    userSeek = seek;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        userRead = read;
+        userWrite = write;
+        userSeek = seek;
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMGLOW_get_bitmap_name(char *text, char *date)
 {
-    if (text)
-        memcpy(text, bitmapNameText, strlen(bitmapNameText) + 1);
-    if (date)
-        memcpy(date, bitmapNameDate, strlen(bitmapNameDate) + 1);
-    return 0;
+    return Guarded([&]() -> int32_t {
+        if (text)
+            memcpy(text, bitmapNameText, strlen(bitmapNameText) + 1);
+        if (date)
+            memcpy(date, bitmapNameDate, strlen(bitmapNameDate) + 1);
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMGLOW_set_bitmap_name(const char *text, const char *date)
 {
-    ImgStoreBitmapName(text, date);
-    return 0;
+    return Guarded([&]() -> int32_t {
+        ImgStoreBitmapName(text, date);
+        return 0;
+    });
 }

@@ -2,6 +2,7 @@
  * progress.cpp - the status callback and its switch: process-wide, set by
  * IMG_set_statusbar, off at start.
  */
+#include "core/guard.h"
 #include "core/progress.h"
 
 #include "core/imgapi.h"
@@ -32,12 +33,14 @@ void ImgSetStatusEnabled(int enabled)
 
 int32_t IMGAPI IMG_set_statusbar(int32_t value, IMG_STATUS_FUNC callback, int32_t enable)
 {
-    if (enable) {
-        statusCallback = callback;
-        statusValue = value;
-        statusEnabled = 1;
-    } else {
-        statusEnabled = 0;
-    }
-    return 0;
+    return Guarded([&]() -> int32_t {
+        if (enable) {
+            statusCallback = callback;
+            statusValue = value;
+            statusEnabled = 1;
+        } else {
+            statusEnabled = 0;
+        }
+        return 0;
+    });
 }

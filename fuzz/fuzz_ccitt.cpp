@@ -38,7 +38,7 @@ static void Fail(const char *what)
 
 static int CheckRecord(const uint8_t *row, void *context, int rowIndex, int rowBytes)
 {
-    Check *c = context;
+    Check *c = static_cast<Check *>(context);
     if (rowIndex != c->nextRow++)
         Fail("row index out of order");
     if (rowBytes < 4 || (rowBytes & 1) || rowBytes > 2 + 2 * (2 * c->width + 12))
@@ -61,7 +61,7 @@ static int CheckRecord(const uint8_t *row, void *context, int rowIndex, int rowB
     return 0;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 8 || size > (1u << 20))
         return 0;
@@ -77,7 +77,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     size_t codedSize = size - 8;
 
     if (which == 3) {
-        uint8_t *copy = malloc(codedSize + 1);
+        uint8_t *copy = static_cast<uint8_t *>(malloc(codedSize + 1));
         if (!copy)
             return 0;
         memcpy(copy, coded, codedSize);
@@ -107,8 +107,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                         : (nonReading ? 0 : 4);
     /* The buffer: the chunk plus the 300 bytes of slack the contract asks;
      * in the non-reading modes the data (at most a chunk) is in it. */
-    uint8_t *buffer = malloc(CCITT_CHUNK + 300);
-    uint8_t *source = malloc(codedSize + 1);
+    uint8_t *buffer = static_cast<uint8_t *>(malloc(CCITT_CHUNK + 300));
+    uint8_t *source = static_cast<uint8_t *>(malloc(codedSize + 1));
     if (!buffer || !source) {
         free(buffer);
         free(source);
@@ -145,7 +145,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     /* Leave the module's row buffers freed (an image of height 1, one row). */
     p.height = 1;
     ImgSetMemorySourceSized(source, 1);
-    CcittDecodeG4(buffer, 1, 0, &p, IMG_MEMORY_HANDLE, CheckRecord, &(Check){width, 0, -1, 0});
+    Check last = {width, 0, -1, 0};
+    CcittDecodeG4(buffer, 1, 0, &p, IMG_MEMORY_HANDLE, CheckRecord, &last);
     free(buffer);
     free(source);
     return 0;

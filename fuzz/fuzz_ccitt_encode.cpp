@@ -29,7 +29,7 @@ typedef struct {
 
 static int RowSource(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
 {
-    const Rows *r = context;
+    const Rows *r = static_cast<const Rows *>(context);
     for (int i = 0; i < rowBytes; i++)
         buffer[i] = r->size ? r->data[((size_t)rowIndex * (size_t)rowBytes + (size_t)i) % r->size] : 0xFF;
     return 0;
@@ -80,7 +80,7 @@ static size_t Unframe(uint8_t *bytes, size_t n)
     return out;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 3)
         return 0;
@@ -91,7 +91,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     header[8] = (uint8_t)height;
     header[12] = 1, header[14] = 1;
     size_t capacity = (size_t)width * (size_t)height + 64 * (size_t)height + 1024;
-    uint8_t *a = malloc(capacity), *b = malloc(capacity + 4 * (capacity / 9000 + 2 * (size_t)height + 2));
+    uint8_t *a = static_cast<uint8_t *>(malloc(capacity)), *b = static_cast<uint8_t *>(malloc(capacity + 4 * (capacity / 9000 + 2 * (size_t)height + 2)));
     if (!a || !b)
         Fail("no memory");
     for (int mode = 2; mode <= 4; mode++) {

@@ -80,11 +80,11 @@ static void SwitchFlags(uint8_t bits)
         IMGLOW_unset_auto_detect(3); /* Targa */
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0 || size > (1u << 20))
         return 0; /* size 0 would mean "unbounded" */
-    uint8_t *image = malloc(size);
+    uint8_t *image = static_cast<uint8_t *>(malloc(size));
     if (!image)
         return 0;
     memcpy(image, data, size);

@@ -51,7 +51,7 @@ static int Operate(int32_t handle, unsigned choice)
     }
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 3 || size > (1u << 20))
         return 0;
@@ -59,7 +59,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     IMGLOW_set_decomp_reduction(reductions[data[0] & 3]);
     unsigned choice = data[1];
     size -= 2;
-    uint8_t *image = malloc(size);
+    uint8_t *image = static_cast<uint8_t *>(malloc(size));
     if (!image)
         return 0;
     memcpy(image, data + 2, size);
@@ -82,7 +82,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (result == 0 && choice % 11 <= 3) {
             if (!d->codedRows || ImgDescriptorBits(d) != 1)
                 Fail("a 1-bit dither left no coded rows");
-            uint8_t *row = malloc((size_t)d->stride);
+            uint8_t *row = static_cast<uint8_t *>(malloc((size_t)d->stride));
             for (int32_t y = 0; row && y < d->height; y++)
                 if (IMGLOW_get_raster(handle, row, y, 0) != 0)
                     Fail("a coded row does not expand");

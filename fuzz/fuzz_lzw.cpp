@@ -36,7 +36,7 @@ static void Fail(const char *what)
 
 static int FuzzAdapter(uint8_t *row, int rowIndex, int rowBytes, void *context)
 {
-    FuzzRows *f = context;
+    FuzzRows *f = static_cast<FuzzRows *>(context);
     if (rowIndex != f->firstRow + f->delivered)
         Fail("row out of order");
     if (++f->delivered > f->rowCount)
@@ -49,7 +49,7 @@ static int FuzzAdapter(uint8_t *row, int rowIndex, int rowBytes, void *context)
     return 0;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 5 || size > (1u << 20))
         return 0; /* size 0 would mean an unbounded memory image */
@@ -58,9 +58,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int32_t outputSize = rowBytes * ((data[3] & 1) ? 10 : 4);
     int32_t firstRow = data[3] >> 1;
     size_t streamSize = size - 4;
-    uint8_t *stream = malloc(streamSize);
-    uint8_t *coded = malloc(LZW_CODED_BUFFER_SIZE);
-    uint8_t *output = malloc((size_t)outputSize);
+    uint8_t *stream = static_cast<uint8_t *>(malloc(streamSize));
+    uint8_t *coded = static_cast<uint8_t *>(malloc(LZW_CODED_BUFFER_SIZE));
+    uint8_t *output = static_cast<uint8_t *>(malloc((size_t)outputSize));
     if (!stream || !coded || !output)
         abort();
     memcpy(stream, data + 4, streamSize);

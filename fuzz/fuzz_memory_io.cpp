@@ -37,12 +37,12 @@ static uint32_t Take(const uint8_t *data, size_t size, size_t *at, int n)
     return v;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0 || size > (1u << 20))
         return 0; /* size 0 would mean "unbounded" */
     int ours = data[0] & 1;
-    uint8_t *image = ours ? ImgAlloc(size) : malloc(size);
+    uint8_t *image = static_cast<uint8_t *>(ours ? ImgAlloc(size) : malloc(size));
     if (!image)
         return 0;
     memcpy(image, data, size);
@@ -68,7 +68,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             uint32_t count = Take(data, size, &at, 2);
             if (code & 0x80)
                 count %= imageSize + 1; /* a count of the image's own scale */
-            uint8_t *buffer = malloc(count ? count : 1);
+            uint8_t *buffer = static_cast<uint8_t *>(malloc(count ? count : 1));
             if (!buffer)
                 break;
             memset(buffer, code, count);

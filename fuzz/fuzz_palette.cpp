@@ -32,7 +32,7 @@ static void Fail(const char *what)
 
 static const int depths[8] = {4, 8, 16, 24, 32, 24, 32, 2};
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 8)
         return 0;
@@ -48,12 +48,12 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint32_t stride = (uint32_t)DibStride((uint32_t)width, bits == 2 ? 8 : bits);
     uint32_t paletteBytes = DibPaletteSize(bits == 2 ? 8 : bits);
     uint32_t blockSize = DIB_HEADER_SIZE + paletteBytes + stride * (uint32_t)height;
-    uint8_t *block = ImgAlloc(blockSize);
+    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(blockSize));
     if (!block)
         return 0;
     for (uint32_t i = DIB_HEADER_SIZE; i < blockSize; i++)
         block[i] = restSize ? rest[(i - DIB_HEADER_SIZE) % restSize] : (uint8_t)i;
-    BITMAPINFOHEADER header = {0};
+    BITMAPINFOHEADER header = {};
     header.biSize = 40;
     header.biWidth = width;
     header.biHeight = height;
@@ -74,7 +74,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     ImgDescriptor *d = ImgTableGet(handle);
     d->callerOwnsDib = 0; /* the library frees it */
-    uint8_t *before = malloc(blockSize);
+    uint8_t *before = static_cast<uint8_t *>(malloc(blockSize));
     if (!before)
         Fail("no memory");
     memcpy(before, block, blockSize);

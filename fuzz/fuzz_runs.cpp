@@ -37,7 +37,7 @@ static int SameBits(const uint8_t *a, const uint8_t *b, uint32_t bits)
     return 1;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 2)
         return 0;
@@ -47,7 +47,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
 
     /* The hostile record, 2-byte aligned, exactly its size (rounded up to a word). */
-    uint16_t *record = malloc(recordBytes ? (recordBytes + 1) / 2 * 2 : 2);
+    uint16_t *record = static_cast<uint16_t *>(malloc(recordBytes ? (recordBytes + 1) / 2 * 2 : 2));
     if (!record)
         return 0;
     if (recordBytes)
@@ -57,14 +57,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     uint32_t stride = (uint32_t)DibStride((uint32_t)width, 1);
     size_t maxBytes = RunRecordMaxBytes(width);
-    uint8_t *row = malloc(stride);
-    uint8_t *again = malloc(stride);
-    uint16_t *coded = malloc(maxBytes);
+    uint8_t *row = static_cast<uint8_t *>(malloc(stride));
+    uint8_t *again = static_cast<uint8_t *>(malloc(stride));
+    uint16_t *coded = static_cast<uint16_t *>(malloc(maxBytes));
     /* A row buffer shorter than the width: the expansion clips to the row.
      * (Its bits need not be a prefix of the full row: a record ends at the
      * first start at or past the limit, and a hostile one is not sorted.) */
     uint32_t shortBytes = recordBytes ? data[2] % stride : stride / 2;
-    uint8_t *shortRow = malloc(shortBytes ? shortBytes : 1);
+    uint8_t *shortRow = static_cast<uint8_t *>(malloc(shortBytes ? shortBytes : 1));
     if (row && again && coded && shortRow) {
         RunExpandRow(record, (uint32_t)recordBytes, width, row, stride);
 

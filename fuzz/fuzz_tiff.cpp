@@ -42,7 +42,7 @@ static void Fail(const char *what)
 
 static int FuzzHeader(const uint8_t *h, void *context)
 {
-    FuzzSinks *s = context;
+    FuzzSinks *s = static_cast<FuzzSinks *>(context);
     if (++s->headerCalls != 1)
         Fail("header sink called twice");
     s->width = (int32_t)GetLE32(h + 4);
@@ -63,7 +63,7 @@ static int FuzzHeader(const uint8_t *h, void *context)
 
 static int FuzzRow(const uint8_t *row, void *context, int rowIndex, int rowBytes)
 {
-    FuzzSinks *s = context;
+    FuzzSinks *s = static_cast<FuzzSinks *>(context);
     if (s->headerCalls != 1)
         Fail("a row came before the header");
     if (rowIndex < 0 || rowIndex >= s->height)
@@ -81,13 +81,13 @@ static int FuzzRow(const uint8_t *row, void *context, int rowIndex, int rowBytes
     return 0;
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 3 || size > (1u << 20))
         return 0;
     int page = (data[0] | (data[1] << 8)) & 3;
     size -= 2;
-    uint8_t *image = malloc(size);
+    uint8_t *image = static_cast<uint8_t *>(malloc(size));
     if (!image)
         return 0;
     memcpy(image, data + 2, size);

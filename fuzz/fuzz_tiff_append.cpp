@@ -43,13 +43,13 @@ static int32_t Rows(void *context, uint8_t *buffer, int32_t rowIndex, int32_t ro
 
 static void SaveInto(const uint8_t *data, size_t size, int32_t type)
 {
-    uint8_t *block = malloc(size + ROOM);
+    uint8_t *block = static_cast<uint8_t *>(malloc(size + ROOM));
     if (!block)
         return;
     memcpy(block, data, size);
     memset(block + size, 0, ROOM);
-    uint8_t header[IMG_HEADER_BLOCK_SIZE] = {0};
-    BITMAPINFOHEADER h = {0};
+    uint8_t header[IMG_HEADER_BLOCK_SIZE] = {};
+    BITMAPINFOHEADER h = {};
     h.biSize = 40;
     h.biWidth = PAGE_W;
     h.biHeight = PAGE_H;
@@ -69,7 +69,7 @@ static void SaveInto(const uint8_t *data, size_t size, int32_t type)
     free(block);
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size > 1 << 16)
         return 0;

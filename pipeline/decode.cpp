@@ -10,6 +10,7 @@
 
 #include <string.h>
 
+#include "core/guard.h"
 #include "core/dib.h"
 #include "core/progress.h"
 #include "core/image_table.h"
@@ -407,86 +408,104 @@ int32_t IMGAPI IMGLOW_decompress_bitmap(int32_t fileHandle, uint32_t offset, int
                                         IMG_ROW_SINK rowSink, void *sinkContext,
                                         IMG_HEADER_SINK headerSink)
 {
-    char extension[4];
-    ImgSeek(fileHandle, (int32_t)offset, 0);
-    int result = ImgDetect(fileHandle, extension);
-    if (result < 0)
-        return result;
-    uint32_t start = offset;
-    if (page != 0) {
-        start = IMG_PAGE_FLAG | (uint32_t)page;
+    return Guarded([&]() -> int32_t {
+        char extension[4];
         ImgSeek(fileHandle, (int32_t)offset, 0);
-    }
-    ImgReader reader = extension[0] ? RegistryReader(extension) : NULL;
-    if (!reader) {
-        ImgFreeAllTracked();
-        return IMG_ERR_TYPE;
-    }
-    result = reader(start, (ImgRowSink)rowSink, sinkContext, (ImgHeaderSink)headerSink, fileHandle);
-    return result < 0 ? result : 0;
+        int result = ImgDetect(fileHandle, extension);
+        if (result < 0)
+            return result;
+        uint32_t start = offset;
+        if (page != 0) {
+            start = IMG_PAGE_FLAG | (uint32_t)page;
+            ImgSeek(fileHandle, (int32_t)offset, 0);
+        }
+        ImgReader reader = extension[0] ? RegistryReader(extension) : NULL;
+        if (!reader) {
+            ImgFreeAllTracked();
+            return IMG_ERR_TYPE;
+        }
+        result = reader(start, (ImgRowSink)rowSink, sinkContext, (ImgHeaderSink)headerSink, fileHandle);
+        return result < 0 ? result : 0;
+    });
 }
 
 int32_t IMGAPI IMGLOW_decompress_bitmap_mem(void *memory, int32_t page, IMG_ROW_SINK rowSink,
                                             void *sinkContext, IMG_HEADER_SINK headerSink)
 {
-    ImgSetMemorySource(memory);
-    return IMGLOW_decompress_bitmap(IMG_MEMORY_HANDLE, 0, page, rowSink, sinkContext, headerSink);
+    return Guarded([&]() -> int32_t {
+        ImgSetMemorySource(memory);
+        return IMGLOW_decompress_bitmap(IMG_MEMORY_HANDLE, 0, page, rowSink, sinkContext, headerSink);
+    });
 }
 
 int32_t IMGAPI IMG_decompress_bitmap_fd(int32_t fileHandle, uint32_t offset, int32_t page)
 {
-    return DecodeToNewImage(fileHandle, offset, page, NULL);
+    return Guarded([&]() -> int32_t {
+        return DecodeToNewImage(fileHandle, offset, page, NULL);
+    });
 }
 
 int32_t IMGAPI IMG_decompress_bitmap(const char *path)
 {
-    int file = ImgOpen(path, 0);
-    if (file < 0)
-        return IMG_ERR_OPEN;
-    int32_t result = IMG_decompress_bitmap_fd(file, 0, 0);
-    ImgClose(file);
-    return result;
+    return Guarded([&]() -> int32_t {
+        int file = ImgOpen(path, 0);
+        if (file < 0)
+            return IMG_ERR_OPEN;
+        int32_t result = IMG_decompress_bitmap_fd(file, 0, 0);
+        ImgClose(file);
+        return result;
+    });
 }
 
 int32_t IMGAPI IMG_decompress_bitmap_mem(void *memory, int32_t page)
 {
-    ImgSetMemorySource(memory);
-    return DecodeToNewImage(IMG_MEMORY_HANDLE, 0, page, NULL);
+    return Guarded([&]() -> int32_t {
+        ImgSetMemorySource(memory);
+        return DecodeToNewImage(IMG_MEMORY_HANDLE, 0, page, NULL);
+    });
 }
 
 int32_t IMGAPI IMG_decompress_bitmap_mem_size(void *memory, uint32_t size, int32_t page)
 {
-    ImgSetMemorySourceSized(memory, size);
-    return DecodeToNewImage(IMG_MEMORY_HANDLE, 0, page, NULL);
+    return Guarded([&]() -> int32_t {
+        ImgSetMemorySourceSized(memory, size);
+        return DecodeToNewImage(IMG_MEMORY_HANDLE, 0, page, NULL);
+    });
 }
 
 int32_t IMGAPI IMG_create_handle(void *memory)
 {
-    return IMG_decompress_bitmap_mem(memory, 0);
+    return Guarded([&]() -> int32_t {
+        return IMG_decompress_bitmap_mem(memory, 0);
+    });
 }
 
 /* ---- pages ---- */
 
 int32_t IMGAPI IMGLOW_get_pages_fd(int32_t fileHandle)
 {
-    char extension[4];
-    int result = ImgDetect(fileHandle, extension);
-    if (result < 0)
-        return result;
-    if (!extension[0])
-        return IMG_ERR_TYPE; /* not an image we know */
-    ImgPageCounter counter = RegistryPageCounter(extension);
-    return counter ? counter(fileHandle) : 1;
+    return Guarded([&]() -> int32_t {
+        char extension[4];
+        int result = ImgDetect(fileHandle, extension);
+        if (result < 0)
+            return result;
+        if (!extension[0])
+            return IMG_ERR_TYPE; /* not an image we know */
+        ImgPageCounter counter = RegistryPageCounter(extension);
+        return counter ? counter(fileHandle) : 1;
+    });
 }
 
 int32_t IMGAPI IMGLOW_get_pages(const char *path)
 {
-    int file = ImgOpen(path, 0);
-    if (file < 0)
-        return IMG_ERR_OPEN;
-    int32_t result = IMGLOW_get_pages_fd(file);
-    ImgClose(file);
-    return result;
+    return Guarded([&]() -> int32_t {
+        int file = ImgOpen(path, 0);
+        if (file < 0)
+            return IMG_ERR_OPEN;
+        int32_t result = IMGLOW_get_pages_fd(file);
+        ImgClose(file);
+        return result;
+    });
 }
 
 /* ---- IMGLOW_get_fileinfo ---- */
@@ -512,118 +531,130 @@ static int FileInfoRowSink(const uint8_t *row, void *sinkContext, int rowIndex, 
 
 int32_t IMGAPI IMGLOW_get_fileinfo(const char *path, void *info)
 {
-    int file = ImgOpen(path, 0);
-    if (file < 0)
-        return IMG_ERR_OPEN;
-    FileInfoContext c = {info, 0};
-    int result = IMGLOW_decompress_bitmap(file, 0, 0, (IMG_ROW_SINK)FileInfoRowSink, &c,
-                                          (IMG_HEADER_SINK)FileInfoHeaderSink);
-    ImgClose(file);
-    ImgFreeAllTracked();
-    if (result == IMG_ERR_STOPPED)
-        return 0;
-    if (result < 0)
-        return result;
-    return c.filled ? 0 : IMG_ERR_INVALID;
+    return Guarded([&]() -> int32_t {
+        int file = ImgOpen(path, 0);
+        if (file < 0)
+            return IMG_ERR_OPEN;
+        FileInfoContext c = {info, 0};
+        int result = IMGLOW_decompress_bitmap(file, 0, 0, (IMG_ROW_SINK)FileInfoRowSink, &c,
+                                              (IMG_HEADER_SINK)FileInfoHeaderSink);
+        ImgClose(file);
+        ImgFreeAllTracked();
+        if (result == IMG_ERR_STOPPED)
+            return 0;
+        if (result < 0)
+            return result;
+        return c.filled ? 0 : IMG_ERR_INVALID;
+    });
 }
 
 /* ---- IMG_create_handle_shell ---- */
 
 int32_t IMGAPI IMG_create_handle_shell(const void *bitmapinfo)
 {
-    if (!bitmapinfo)
-        return IMG_ERR_INVALID;
-    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(IMG_HEADER_BLOCK_SIZE));
-    if (!block)
-        return IMG_ERR_MEMORY;
-    memset(block, 0, IMG_HEADER_BLOCK_SIZE);
-    BITMAPINFOHEADER h;
-    memcpy(&h, bitmapinfo, sizeof h);
-    /* Below 24 bits the palette follows; 16 bits takes the 1024 bytes of
-     * the palette size rule (4 << 16 would not fit the block). */
-    uint32_t palette = h.biBitCount < 24 ? DibPaletteSize(h.biBitCount) : 0;
-    memcpy(block + DIB_HEADER_SIZE, (const uint8_t *)bitmapinfo + DIB_HEADER_SIZE, palette);
-    if (h.biBitCount == 1) {
-        uint8_t *entries = block + DIB_HEADER_SIZE;
-        if (entries[0] && entries[1] && entries[2]) {
-            static const uint8_t blackWhite[8] = {0, 0, 0, 0, 255, 255, 255, 0};
-            memcpy(entries, blackWhite, sizeof blackWhite);
+    return Guarded([&]() -> int32_t {
+        if (!bitmapinfo)
+            return IMG_ERR_INVALID;
+        uint8_t *block = static_cast<uint8_t *>(ImgAlloc(IMG_HEADER_BLOCK_SIZE));
+        if (!block)
+            return IMG_ERR_MEMORY;
+        memset(block, 0, IMG_HEADER_BLOCK_SIZE);
+        BITMAPINFOHEADER h;
+        memcpy(&h, bitmapinfo, sizeof h);
+        /* Below 24 bits the palette follows; 16 bits takes the 1024 bytes of
+         * the palette size rule (4 << 16 would not fit the block). */
+        uint32_t palette = h.biBitCount < 24 ? DibPaletteSize(h.biBitCount) : 0;
+        memcpy(block + DIB_HEADER_SIZE, (const uint8_t *)bitmapinfo + DIB_HEADER_SIZE, palette);
+        if (h.biBitCount == 1) {
+            uint8_t *entries = block + DIB_HEADER_SIZE;
+            if (entries[0] && entries[1] && entries[2]) {
+                static const uint8_t blackWhite[8] = {0, 0, 0, 0, 255, 255, 255, 0};
+                memcpy(entries, blackWhite, sizeof blackWhite);
+            }
         }
-    }
-    if (h.biXPelsPerMeter && h.biYPelsPerMeter) {
-        h.biXPelsPerMeter = (int32_t)(h.biXPelsPerMeter * 0.0254);
-        h.biYPelsPerMeter = (int32_t)(h.biYPelsPerMeter * 0.0254);
-    }
-    if (h.biWidth > 0 && h.biHeight > 0)
-        h.biSizeImage = (uint32_t)(DibStride((uint32_t)h.biWidth, h.biBitCount) * (uint64_t)h.biHeight);
-    memcpy(block, &h, sizeof h);
+        if (h.biXPelsPerMeter && h.biYPelsPerMeter) {
+            h.biXPelsPerMeter = (int32_t)(h.biXPelsPerMeter * 0.0254);
+            h.biYPelsPerMeter = (int32_t)(h.biYPelsPerMeter * 0.0254);
+        }
+        if (h.biWidth > 0 && h.biHeight > 0)
+            h.biSizeImage = (uint32_t)(DibStride((uint32_t)h.biWidth, h.biBitCount) * (uint64_t)h.biHeight);
+        memcpy(block, &h, sizeof h);
 
-    int handle = ImgTableAllocate();
-    if (handle < 0) {
-        ImgFree(block);
-        return IMG_ERR_MEMORY;
-    }
-    ImgDecodeContext c;
-    memset(&c, 0, sizeof c);
-    c.handle = handle;
-    c.requestedBits = reductionBits;
-    int result = ImgLibraryHeaderSink(block, &c);
-    ImgFree(block);
-    ImgFree(c.work);
-    ImgDescriptor *d = ImgTableGet(handle);
-    if (result >= 0 && d->codedRows) {
-        /* Coding is switched off: a plain block of height * stride + 2000 bytes. */
-        uint32_t offset = ImgDescriptorBitsOffset(d);
-        size_t size = (size_t)d->height * (size_t)d->stride + 2000;
-        uint8_t *plain = static_cast<uint8_t *>(ImgRealloc(d->dib, size));
-        if (!plain) {
-            result = IMG_ERR_MEMORY;
-        } else {
-            ImgFree(d->rowIndex);
-            d->rowIndex = NULL;
-            d->codedRows = 0;
-            d->dib = plain;
-            d->dibSize = offset + (uint32_t)d->height * (uint32_t)d->stride;
-            ((BITMAPINFOHEADER *)plain)->biCompression = 0;
-            memset(plain + offset, 0, size - offset);
+        int handle = ImgTableAllocate();
+        if (handle < 0) {
+            ImgFree(block);
+            return IMG_ERR_MEMORY;
         }
-    }
-    if (result < 0) {
-        ImgTableDelete(handle, 0);
-        return result;
-    }
-    return handle;
+        ImgDecodeContext c;
+        memset(&c, 0, sizeof c);
+        c.handle = handle;
+        c.requestedBits = reductionBits;
+        int result = ImgLibraryHeaderSink(block, &c);
+        ImgFree(block);
+        ImgFree(c.work);
+        ImgDescriptor *d = ImgTableGet(handle);
+        if (result >= 0 && d->codedRows) {
+            /* Coding is switched off: a plain block of height * stride + 2000 bytes. */
+            uint32_t offset = ImgDescriptorBitsOffset(d);
+            size_t size = (size_t)d->height * (size_t)d->stride + 2000;
+            uint8_t *plain = static_cast<uint8_t *>(ImgRealloc(d->dib, size));
+            if (!plain) {
+                result = IMG_ERR_MEMORY;
+            } else {
+                ImgFree(d->rowIndex);
+                d->rowIndex = NULL;
+                d->codedRows = 0;
+                d->dib = plain;
+                d->dibSize = offset + (uint32_t)d->height * (uint32_t)d->stride;
+                ((BITMAPINFOHEADER *)plain)->biCompression = 0;
+                memset(plain + offset, 0, size - offset);
+            }
+        }
+        if (result < 0) {
+            ImgTableDelete(handle, 0);
+            return result;
+        }
+        return handle;
+    });
 }
 
 /* ---- settings ---- */
 
 int32_t IMGAPI IMGLOW_set_decomp_reduction(int32_t bits)
 {
-    if (bits != 0 && bits != 1 && bits != 4 && bits != 8)
-        return IMG_ERR_TYPE;
-    reductionBits = bits;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        if (bits != 0 && bits != 1 && bits != 4 && bits != 8)
+            return IMG_ERR_TYPE;
+        reductionBits = bits;
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMGLOW_set_decompsize(int32_t width, int32_t height)
 {
-    fixedWidth = width;
-    fixedHeight = height;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        fixedWidth = width;
+        fixedHeight = height;
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32_t width, int32_t height)
 {
-    rectLeft = left < 0 ? 0 : left;
-    rectTop = top < 0 ? 0 : top;
-    rectWidth = width;
-    rectHeight = height;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        rectLeft = left < 0 ? 0 : left;
+        rectTop = top < 0 ? 0 : top;
+        rectWidth = width;
+        rectHeight = height;
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMGLOW_set_dispfunc(void *callback, int32_t value)
 {
-    displayCallback = callback;
-    displayValue = value;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        displayCallback = callback;
+        displayValue = value;
+        return 0;
+    });
 }

@@ -12,6 +12,7 @@
 
 #include "formats/formats.h"
 #include "formats/tiff_read.h"
+#include "core/guard.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
 
@@ -189,19 +190,23 @@ bool RegistryMultiPage(int32_t type)
 
 int32_t IMGAPI IMGLOW_get_filetype(const char *path)
 {
-    int handle = ImgOpen(path, 0);
-    if (handle < 0)
-        return IMG_ERR_OPEN;
-    int32_t result = QueryType(handle, 0);
-    ImgClose(handle);
-    return result;
+    return Guarded([&]() -> int32_t {
+        int handle = ImgOpen(path, 0);
+        if (handle < 0)
+            return IMG_ERR_OPEN;
+        int32_t result = QueryType(handle, 0);
+        ImgClose(handle);
+        return result;
+    });
 }
 
 int32_t IMGAPI IMGLOW_get_filetype_fd(int32_t fileHandle)
 {
-    /* The memory image's seek returns 0, not the position. */
-    int32_t start = fileHandle == IMG_MEMORY_HANDLE ? (int32_t)ImgTell() : ImgSeek(fileHandle, 0, 1);
-    return QueryType(fileHandle, start < 0 ? 0 : (uint32_t)start);
+    return Guarded([&]() -> int32_t {
+        /* The memory image's seek returns 0, not the position. */
+        int32_t start = fileHandle == IMG_MEMORY_HANDLE ? (int32_t)ImgTell() : ImgSeek(fileHandle, 0, 1);
+        return QueryType(fileHandle, start < 0 ? 0 : (uint32_t)start);
+    });
 }
 
 /* ---- the orientation query (Parts 1.1 and 2.3) ---- */
@@ -218,43 +223,55 @@ static int HasTifExtension(const char *path)
 
 int32_t IMGAPI IMGLOW_get_image_orientation(const char *path)
 {
-    if (!path)
-        return IMG_ERR_OPEN;
-    int handle = ImgOpen(path, 0);
-    if (handle < 0)
-        return IMG_ERR_OPEN;
-    /* The Photo CD reader's query does not exist yet: other names give -7. */
-    int32_t result = HasTifExtension(path) ? TiffOrientation(handle, 0) : IMG_ERR_TYPE;
-    ImgClose(handle);
-    return result;
+    return Guarded([&]() -> int32_t {
+        if (!path)
+            return IMG_ERR_OPEN;
+        int handle = ImgOpen(path, 0);
+        if (handle < 0)
+            return IMG_ERR_OPEN;
+        /* The Photo CD reader's query does not exist yet: other names give -7. */
+        int32_t result = HasTifExtension(path) ? TiffOrientation(handle, 0) : IMG_ERR_TYPE;
+        ImgClose(handle);
+        return result;
+    });
 }
 
 int32_t IMGAPI IMGLOW_get_filetype_mem(void *memory)
 {
-    ImgSetMemorySource(memory);
-    return QueryType(IMG_MEMORY_HANDLE, 0);
+    return Guarded([&]() -> int32_t {
+        ImgSetMemorySource(memory);
+        return QueryType(IMG_MEMORY_HANDLE, 0);
+    });
 }
 
 int32_t IMGAPI IMGLOW_get_filetype_mem_size(void *memory, uint32_t size)
 {
-    ImgSetMemorySourceSized(memory, size);
-    return QueryType(IMG_MEMORY_HANDLE, 0);
+    return Guarded([&]() -> int32_t {
+        ImgSetMemorySourceSized(memory, size);
+        return QueryType(IMG_MEMORY_HANDLE, 0);
+    });
 }
 
 int32_t IMGAPI IMGLOW_set_auto_detect(int32_t type)
 {
-    return SetAutoDetect(type, 1);
+    return Guarded([&]() -> int32_t {
+        return SetAutoDetect(type, 1);
+    });
 }
 
 int32_t IMGAPI IMGLOW_unset_auto_detect(int32_t type)
 {
-    return SetAutoDetect(type, 0);
+    return Guarded([&]() -> int32_t {
+        return SetAutoDetect(type, 0);
+    });
 }
 
 int32_t IMGAPI IMGLOW_get_auto_detect(int32_t type)
 {
-    uint8_t *flag = AutoDetectFlag(type);
-    return flag ? *flag : IMG_ERR_TYPE;
+    return Guarded([&]() -> int32_t {
+        uint8_t *flag = AutoDetectFlag(type);
+        return flag ? *flag : IMG_ERR_TYPE;
+    });
 }
 
 const char *IMGAPI IMG_type_name(int32_t type)
@@ -265,5 +282,7 @@ const char *IMGAPI IMG_type_name(int32_t type)
 
 int32_t IMGAPI IMG_type_multipage(int32_t type)
 {
-    return RegistryMultiPage(type) ? 1 : 0;
+    return Guarded([&]() -> int32_t {
+        return RegistryMultiPage(type) ? 1 : 0;
+    });
 }

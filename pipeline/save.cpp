@@ -8,6 +8,7 @@
 #include <math.h>
 #include <string.h>
 
+#include "core/guard.h"
 #include "core/contracts.h"
 #include "pipeline/decode.h"
 #include "core/dib.h"
@@ -175,65 +176,79 @@ static int SaveImage(int32_t handle, int fileHandle, int32_t type, int memoryVar
 int32_t IMGAPI IMGLOW_save_bitmap(int32_t fileHandle, uint8_t *header, int32_t type,
                                   IMG_ROW_SOURCE rowSource, void *sourceContext)
 {
-    ImgWriter writer = RegistryWriter(type);
-    if (!writer) {
-        ImgFreeAllTracked();
-        return IMG_ERR_TYPE;
-    }
-    return writer(fileHandle, header, (ImgRowSource)rowSource, sourceContext);
+    return Guarded([&]() -> int32_t {
+        ImgWriter writer = RegistryWriter(type);
+        if (!writer) {
+            ImgFreeAllTracked();
+            return IMG_ERR_TYPE;
+        }
+        return writer(fileHandle, header, (ImgRowSource)rowSource, sourceContext);
+    });
 }
 
 int32_t IMGAPI IMGLOW_save_bitmap_mem(void *memory, uint8_t *header, int32_t type,
                                       IMG_ROW_SOURCE rowSource, void *sourceContext)
 {
-    ImgSetMemorySource(memory);
-    int32_t result = IMGLOW_save_bitmap(IMG_MEMORY_HANDLE, header, type, rowSource, sourceContext);
-    return result < 0 ? result : (int32_t)ImgTell();
+    return Guarded([&]() -> int32_t {
+        ImgSetMemorySource(memory);
+        int32_t result = IMGLOW_save_bitmap(IMG_MEMORY_HANDLE, header, type, rowSource, sourceContext);
+        return result < 0 ? result : (int32_t)ImgTell();
+    });
 }
 
 int32_t IMGAPI IMG_save_bitmap_fd(int32_t handle, int32_t fileHandle, int32_t type)
 {
-    return SaveImage(handle, fileHandle, type, 0);
+    return Guarded([&]() -> int32_t {
+        return SaveImage(handle, fileHandle, type, 0);
+    });
 }
 
 int32_t IMGAPI IMG_save_bitmap_mem(int32_t handle, void *memory, int32_t type)
 {
-    if (!ImgTableGet(handle))
-        return IMG_ERR_HANDLE;
-    ImgSetMemorySource(memory);
-    int32_t result = SaveImage(handle, IMG_MEMORY_HANDLE, type, 1);
-    return result < 0 ? result : (int32_t)ImgTell();
+    return Guarded([&]() -> int32_t {
+        if (!ImgTableGet(handle))
+            return IMG_ERR_HANDLE;
+        ImgSetMemorySource(memory);
+        int32_t result = SaveImage(handle, IMG_MEMORY_HANDLE, type, 1);
+        return result < 0 ? result : (int32_t)ImgTell();
+    });
 }
 
 int32_t IMGAPI IMG_save_bitmap_mem_size(int32_t handle, void *memory, uint32_t size, int32_t type)
 {
-    if (!ImgTableGet(handle))
-        return IMG_ERR_HANDLE;
-    ImgSetMemorySourceSized(memory, size);
-    int32_t result = SaveImage(handle, IMG_MEMORY_HANDLE, type, 1);
-    return result < 0 ? result : (int32_t)ImgTell();
+    return Guarded([&]() -> int32_t {
+        if (!ImgTableGet(handle))
+            return IMG_ERR_HANDLE;
+        ImgSetMemorySourceSized(memory, size);
+        int32_t result = SaveImage(handle, IMG_MEMORY_HANDLE, type, 1);
+        return result < 0 ? result : (int32_t)ImgTell();
+    });
 }
 
 int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type)
 {
-    if (!ImgTableGet(handle))
-        return IMG_ERR_HANDLE;
-    if (!path)
-        return IMG_ERR_CREATE;
-    if (type == IMG_TYPE_BY_EXTENSION)
-        type = RegistryTypeForPath(path); /* no match leaves -1: the dispatcher gives -7 */
-    int file = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0 ? ImgOpen(path, 1) : ImgOpen(path, 2);
-    if (file < 0)
-        return IMG_ERR_CREATE;
-    int32_t result = IMG_save_bitmap_fd(handle, file, type);
-    ImgClose(file);
-    if (result < 0)
-        ImgDelete(path); /* an update-opened file goes too */
-    return result;
+    return Guarded([&]() -> int32_t {
+        if (!ImgTableGet(handle))
+            return IMG_ERR_HANDLE;
+        if (!path)
+            return IMG_ERR_CREATE;
+        if (type == IMG_TYPE_BY_EXTENSION)
+            type = RegistryTypeForPath(path); /* no match leaves -1: the dispatcher gives -7 */
+        int file = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0 ? ImgOpen(path, 1) : ImgOpen(path, 2);
+        if (file < 0)
+            return IMG_ERR_CREATE;
+        int32_t result = IMG_save_bitmap_fd(handle, file, type);
+        ImgClose(file);
+        if (result < 0)
+            ImgDelete(path); /* an update-opened file goes too */
+        return result;
+    });
 }
 
 int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality)
 {
-    compressionQuality = quality;
-    return 0;
+    return Guarded([&]() -> int32_t {
+        compressionQuality = quality;
+        return 0;
+    });
 }

@@ -14,6 +14,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "core/guard.h"
 #include "core/progress.h"
 #include "core/dib.h"
 #include "core/image_table.h"
@@ -333,43 +334,49 @@ static int RebuildCodedRows(ImgDescriptor *d, uint64_t extra, int reversed,
 
 int32_t IMGAPI IMG_flip_bitmapx(int32_t handle)
 {
-    ImgDescriptor *d;
-    int result = Target(handle, &d);
-    if (result < 0)
-        return result;
-    if (d->codedRows)
-        result = RebuildCodedRows(d, (uint64_t)d->height * 8, 0, MirrorRecord);
-    else
-        result = FlipPlainX(d);
-    if (result < 0)
-        return result;
-    d->cropX = MirrorOrigin(d->width, d->cropWidth, d->cropX);
-    return 0;
+    return Guarded([&]() -> int32_t {
+        ImgDescriptor *d;
+        int result = Target(handle, &d);
+        if (result < 0)
+            return result;
+        if (d->codedRows)
+            result = RebuildCodedRows(d, (uint64_t)d->height * 8, 0, MirrorRecord);
+        else
+            result = FlipPlainX(d);
+        if (result < 0)
+            return result;
+        d->cropX = MirrorOrigin(d->width, d->cropWidth, d->cropX);
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMG_flip_bitmapy(int32_t handle)
 {
-    ImgDescriptor *d;
-    int result = Target(handle, &d);
-    if (result < 0)
-        return result;
-    if (d->codedRows)
-        result = RebuildCodedRows(d, 1000, 1, CopyRecord);
-    else
-        result = FlipPlainY(d);
-    if (result < 0)
-        return result;
-    d->cropY = MirrorOrigin(d->height, d->cropHeight, d->cropY);
-    return 0;
+    return Guarded([&]() -> int32_t {
+        ImgDescriptor *d;
+        int result = Target(handle, &d);
+        if (result < 0)
+            return result;
+        if (d->codedRows)
+            result = RebuildCodedRows(d, 1000, 1, CopyRecord);
+        else
+            result = FlipPlainY(d);
+        if (result < 0)
+            return result;
+        d->cropY = MirrorOrigin(d->height, d->cropHeight, d->cropY);
+        return 0;
+    });
 }
 
 int32_t IMGAPI IMG_invert_bitmap(int32_t handle)
 {
-    ImgDescriptor *d;
-    int result = Target(handle, &d);
-    if (result < 0)
-        return result;
-    if (d->codedRows)
-        return RebuildCodedRows(d, (uint64_t)d->height * 8, 0, InvertRecord);
-    return InvertPlain(d);
+    return Guarded([&]() -> int32_t {
+        ImgDescriptor *d;
+        int result = Target(handle, &d);
+        if (result < 0)
+            return result;
+        if (d->codedRows)
+            return RebuildCodedRows(d, (uint64_t)d->height * 8, 0, InvertRecord);
+        return InvertPlain(d);
+    });
 }

@@ -18,6 +18,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "core/guard.h"
 #include "core/progress.h"
 #include "core/dib.h"
 #include "core/image_table.h"
@@ -719,21 +720,23 @@ static int GeometryFits(const ImgDescriptor *d, int bits)
 
 int32_t IMGAPI IMG_rotate_bitmap(int32_t handle, int32_t angle)
 {
-    if (angle == 0)
-        return 0;
-    ImgDescriptor *d = ImgTableGet(handle);
-    if (!d)
-        return IMG_ERR_HANDLE;
-    if (!d->dib)
-        return IMG_ERR_MEMORY;
-    int bits = ImgDescriptorBits(d);
-    if (!DibDepthSupported(bits) || (d->codedRows && bits != 1))
-        return IMG_ERR_DEPTH;
-    if (!GeometryFits(d, bits))
-        return IMG_ERR_INVALID;
-    if (angle == 18000)
-        return HalfTurn(handle);
-    if (angle == 9000 || angle == 27000)
-        return d->codedRows ? QuarterTurnCoded(d, angle) : QuarterTurnPlain(d, handle, angle);
-    return d->codedRows ? FreeRotateCoded(d, angle) : FreeRotatePlain(d, angle);
+    return Guarded([&]() -> int32_t {
+        if (angle == 0)
+            return 0;
+        ImgDescriptor *d = ImgTableGet(handle);
+        if (!d)
+            return IMG_ERR_HANDLE;
+        if (!d->dib)
+            return IMG_ERR_MEMORY;
+        int bits = ImgDescriptorBits(d);
+        if (!DibDepthSupported(bits) || (d->codedRows && bits != 1))
+            return IMG_ERR_DEPTH;
+        if (!GeometryFits(d, bits))
+            return IMG_ERR_INVALID;
+        if (angle == 18000)
+            return HalfTurn(handle);
+        if (angle == 9000 || angle == 27000)
+            return d->codedRows ? QuarterTurnCoded(d, angle) : QuarterTurnPlain(d, handle, angle);
+        return d->codedRows ? FreeRotateCoded(d, angle) : FreeRotatePlain(d, angle);
+    });
 }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# `make fuzz`: builds every fuzz/*.c target with clang's libFuzzer, ASan and
+# `make fuzz`: builds every fuzz/*.cpp target with clang's libFuzzer, ASan and
 # UBSan into build-fuzz/, replays the saved regression inputs of each target
 # (fuzz/regress/<target>/, one file per input: fuzz findings are kept there),
 # then fuzzes each target for ${1:-30} seconds with its corpus in
@@ -10,7 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
-cc=${FUZZ_CC:-clang}
+cc=${FUZZ_CXX:-clang++}
 out=build-fuzz
 
 if ! command -v "$cc" >/dev/null; then
@@ -18,24 +18,25 @@ if ! command -v "$cc" >/dev/null; then
   exit 1
 fi
 
-# The library sources a reader can need, built once for all targets: the
-# core, the codecs and colour (when present) and the POSIX platform layer.
+# The library, built once for all targets: every layer and the POSIX
+# platform layer.
 shopt -s nullglob
-lib_sources=(core/*.c codecs/*/*.c color/*.c platform/posix.c)
-targets=(fuzz/*.c)
+lib_sources=(core/*.cpp codecs/*.cpp color/*.cpp process/*.cpp formats/*.cpp pipeline/*.cpp
+             display/*.cpp platform/posix.cpp)
+targets=(fuzz/*.cpp)
 shopt -u nullglob
 if [[ ${#targets[@]} -eq 0 ]]; then
   echo "fuzz.sh: no fuzz targets in fuzz/" >&2
   exit 1
 fi
 
-common=(-g -O1 -std=gnu11 -Wall -Wextra -Werror -fno-omit-frame-pointer -fno-sanitize-recover=all
-        -I core)
+common=(-g -O1 -std=gnu++20 -Wall -Wextra -Werror -fno-omit-frame-pointer -fno-sanitize-recover=all
+        -I . -I core)
 mkdir -p "$out/obj" "$out/corpus" "$out/artifacts"
 
 # A check that libFuzzer is there, with a clear message when it is not.
-probe="$out/obj/probe.c"
-printf '#include <stddef.h>\n#include <stdint.h>\nint LLVMFuzzerTestOneInput(const uint8_t *d, size_t n) { (void)d; (void)n; return 0; }\n' >"$probe"
+probe="$out/obj/probe.cpp"
+printf '#include <stddef.h>\n#include <stdint.h>\nextern "C" int LLVMFuzzerTestOneInput(const uint8_t *d, size_t n) { (void)d; (void)n; return 0; }\n' >"$probe"
 if ! "$cc" -fsanitize=fuzzer,address,undefined "$probe" -o "$out/obj/probe" 2>"$out/obj/probe.log"; then
   echo "fuzz.sh: $cc cannot link -fsanitize=fuzzer (install libclang-rt-14-dev):" >&2
   cat "$out/obj/probe.log" >&2
@@ -44,7 +45,7 @@ fi
 
 objects=()
 for src in "${lib_sources[@]}"; do
-  obj="$out/obj/$(echo "${src%.c}" | tr '/' '_').o"
+  obj="$out/obj/$(echo "${src%.cpp}" | tr '/' '_').o"
   "$cc" "${common[@]}" -fsanitize=fuzzer-no-link,address,undefined -c "$src" -o "$obj"
   objects+=("$obj")
 done
@@ -54,7 +55,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
 failed=()
 for src in "${targets[@]}"; do
-  name=$(basename "${src%.c}")
+  name=$(basename "${src%.cpp}")
   bin="$out/$name"
   "$cc" "${common[@]}" -fsanitize=fuzzer,address,undefined "$src" "${objects[@]}" -o "$bin"
   echo "fuzz.sh: built $bin"

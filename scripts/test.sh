@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# `make test`: the native build with -Werror and its suite, the Windows cross
+# `make test`: the layering check, the native build with -Werror and its suite, the Windows cross
 # builds with the export check and the wine64 run, a short run of every fuzz
 # target, then the ASan+UBSan build running the same suite.  Ends with
 # ctest's summary.
@@ -20,6 +20,8 @@ quiet() {
     return 1
   fi
 }
+
+bash scripts/check_layers.sh
 
 mkdir -p build
 quiet build/configure.log 0 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
