@@ -1,5 +1,5 @@
 /*
- * bench_tiff_read - the TIFF reader (Part 2.3) beside libtiff on the same
+ * bench_tiff_read - the TIFF reader beside libtiff on the same
  * files in the same run:
  *   a 20-page dense Group 4 TIFF (2550 x 3300 text pages at 300 dpi from
  *   bench_common.h, one strip each), read page by page, and
