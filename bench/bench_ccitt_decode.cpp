@@ -1,5 +1,5 @@
 /*
- * bench_ccitt_decode - Part 2.1's decoders beside libtiff on the same data
+ * bench_ccitt_decode - the CCITT decoders beside libtiff on the same data
  * in the same run: a dense 2550 x 3300 pseudo-text page (300 dpi letter),
  * (bench_common.h) coded by libtiff's own encoder as one Group 4 strip, one Group 3
  * one-dimensional strip and one Group 3 two-dimensional strip.

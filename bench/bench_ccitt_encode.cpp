@@ -1,5 +1,5 @@
 /*
- * bench_ccitt_encode - Part 2.2, the CCITT encoder, beside libtiff's on the
+ * bench_ccitt_encode - the CCITT encoder beside libtiff's on the
  * same page in the same run: a dense 2550 x 3300 text-like 1-bit page coded
  *   as Group 4 (ours: CcittEncode2D, mode 4; libtiff: COMPRESSION_CCITTFAX4)
  *   as Group 3 one-dimensional with EOLs (ours: CcittEncode1D, mode 3;
@@ -13,7 +13,7 @@
  * MinIsWhite: 0 white), so both code the same pixels.  The median of several
  * runs is printed as pages per second, with the ratio.  As a check, the T.6
  * bits of both must agree up to the end-of-block codes (libtiff ends with
- * two EOLs, ours with the Part's four).  No timing is asserted.
+ * two EOLs, ours with four).  No timing is asserted.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <stdarg.h>

@@ -1,5 +1,5 @@
 /*
- * bench_dither - Part 4.2's IMG_diffusion_mono (Stucki, serpentine, finished
+ * bench_dither - IMG_diffusion_mono (Stucki, serpentine, finished
  * as run-coded rows) beside ImageMagick on the same 2000 x 1500 24-bit
  * photographic-like picture in the same run.
  *

@@ -1,5 +1,5 @@
 /*
- * bench_lzw - Part 2.5 LZW (codecs/bilevel/lzw.c) beside libtiff on the same
+ * bench_lzw - the TIFF LZW codec (codecs/lzw) beside libtiff on the same
  * picture in the same run: a 2000 x 1500 24-bit photographic-like picture
  * (smooth shapes plus a little noise) as one strip of 1500 rows.
  *

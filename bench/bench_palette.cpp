@@ -1,5 +1,5 @@
 /*
- * bench_palette - Part 4.1 palette selection (color/palette.c) beside
+ * bench_palette - palette selection (color/palette) beside
  * ImageMagick on the same picture in the same run: a 2000 x 1500 24-bit
  * photographic-like picture (smooth gradients, soft discs and bars, grain),
  * made here and written as a BMP for ImageMagick.

@@ -1,5 +1,5 @@
 /*
- * bench_rotate - Part 5.1 rotation (process/rotate.c) beside libvips on the
+ * bench_rotate - rotation (process/rotate) beside libvips on the
  * same pictures in the same run:
  *   a dense 2550 x 3300 fax-like 1-bit page held run-coded, and
  *   a 2000 x 1500 24-bit picture,

@@ -1,6 +1,6 @@
 /*
  * bench_runs - run coding and expansion of a dense 2550-pixel text row
- * (core/runs.c), beside memcpy of the same row in the same run.
+ * (core/runs), beside memcpy of the same row in the same run.
  * Prints rows per second and bytes per second, and the ratio to memcpy.
  */
 #include <stdint.h>

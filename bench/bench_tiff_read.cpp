@@ -1,5 +1,5 @@
 /*
- * bench_tiff_read - the TIFF reader (Part 2.3) beside libtiff on the same
+ * bench_tiff_read - the TIFF reader beside libtiff on the same
  * files in the same run:
  *   a 20-page dense Group 4 TIFF (2550 x 3300 text pages at 300 dpi from
  *   bench_common.h, one strip each), read page by page, and
@@ -168,7 +168,7 @@ int main(void)
         fprintf(stderr, "bench_tiff_read: cannot write the test files in %s\n", dir);
         return 1;
     }
-    printf("bench_tiff_read: TIFF reader (Part 2.3) beside libtiff\n");
+    printf("bench_tiff_read: TIFF reader beside libtiff\n");
     Compare("20-page Group 4 TIFF, 2550 x 3300, by page", g4, PAGES);
     Compare("2000 x 1500 24-bit LZW TIFF, predictor 2", lzw, 1);
     printf("(ratio = libtiff's time / ours; targets: >= 2 on Group 4, >= 1 on LZW)  [%llu]\n",

@@ -1,5 +1,5 @@
 /*
- * bench_tiff_write - Part 2.4: writing a dense 2550 x 3300 fax page as a
+ * bench_tiff_write - the TIFF writer: writing a dense 2550 x 3300 fax page as a
  * Group 4 TIFF with our writer beside libtiff, on the same page in the same
  * run.
  *

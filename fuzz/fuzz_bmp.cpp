@@ -1,5 +1,5 @@
 /*
- * fuzz_bmp.c - libFuzzer target for the BMP and DIB reader of Part 3.1.
+ * fuzz_bmp.c - libFuzzer target for the BMP and DIB reader.
  *
  * The memory image is set over a copy of the input (at exactly its size) and
  * BmpRead runs with sinks that accept everything, checking only what the

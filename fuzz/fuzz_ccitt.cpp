@@ -1,5 +1,5 @@
 /*
- * fuzz_ccitt.c - libFuzzer target for the CCITT decoders of Part 2.1.
+ * fuzz_ccitt.c - libFuzzer target for the CCITT decoders.
  *
  * The first 8 bytes choose the decoder (1-D, 2-D Group 3, Group 4, or
  * IMG_decompress_fax_mem_size), the mode (reading or the non-reading modes

@@ -1,5 +1,5 @@
 /*
- * fuzz_ccitt_encode.c - libFuzzer target for the CCITT encoders of Part 2.2.
+ * fuzz_ccitt_encode.c - libFuzzer target for the CCITT encoders.
  *
  * The encoder reads no file, but it runs over any row bytes and widths; the
  * input gives the width (1..4096, from its first two bytes), the height (1..64,

@@ -1,7 +1,6 @@
 /*
- * fuzz_detect.c - libFuzzer target for detection and the type query of
- * Part 1.3 (with the TIFF, BMP and GIF subtype queries of Parts 2.3, 1.3
- * and 3.2).
+ * fuzz_detect.c - libFuzzer target for format detection and the type query
+ * (with the TIFF, BMP and GIF subtype queries).
  *
  * The input is copied into a buffer of exactly its size and made the memory
  * image with ImgSetMemorySourceSized, so ASan sees any read outside it.
@@ -10,8 +9,8 @@
  * each input.  Then: ImgDetect from position 0, ImgDetect from an offset
  * within the input, each subtype query from position 0 whatever the probes
  * said, and IMGLOW_get_filetype_mem_size.  Every result must be a type
- * number or an error code of Part 1.1; the detected word must be empty or a
- * three-letter word the registry knows.
+ * number or an IMG_ERR_* code; the detected word must be empty or a
+ * three-letter word the format list knows.
  */
 #include <stdint.h>
 #include <stdio.h>
@@ -35,7 +34,7 @@ static void CheckResult(const char *what, int result)
         Fail(what, result);
 }
 
-/* The words of Part 1.3's format table. */
+/* The detection words of the format list. */
 static const char words[] = "tif gif bmp eps dcx jpg wpg cal png kfx iff gx2 lsd pcx ico tga "
                             "wmf ica pcd clp img btr msp xbm xpm xwd ras cut txt psd imt pct mac ";
 

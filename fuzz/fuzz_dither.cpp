@@ -1,6 +1,6 @@
 /*
- * fuzz_dither.c - libFuzzer target for Part 1.4's depth reduction during
- * decode and the Part 4.2 operations on whatever picture results.
+ * fuzz_dither.c - libFuzzer target for the depth reduction during decode
+ * and the dithering and colour operations on whatever picture results.
  *
  * Byte 0 picks the decode-time reduction (0, 8, 4, 1) and byte 1 the
  * operation (one of the nine, or the display-time 3-3-2 reduction in either

@@ -1,5 +1,5 @@
 /*
- * fuzz_lzw.c - libFuzzer target for the LZW strip decoder of Part 2.5.
+ * fuzz_lzw.c - libFuzzer target for the TIFF LZW strip decoder.
  *
  * Input: two bytes of row size (1 .. 2048), one byte of row count
  * (1 .. 64), one byte of options (bit 0: the 1-bit output buffer of

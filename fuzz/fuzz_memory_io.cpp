@@ -1,5 +1,5 @@
 /*
- * fuzz_memory_io.c - libFuzzer target for the memory image of Part 1.2.
+ * fuzz_memory_io.c - libFuzzer target for the memory image of the I/O layer.
  *
  * The memory image is set over a copy of the input, allocated at exactly the
  * input's size (bit 0 of byte 0 chooses a block of ours with
@@ -7,7 +7,7 @@
  * The rest of the input is a program of ImgRead / ImgWrite / ImgSeek /
  * ImgFileSize calls on handle 32767.  Every transfer goes to or from a buffer
  * of exactly the count asked for, so ASan sees any access outside either the
- * image or the caller's buffer; a small model of the spec's rules (read and
+ * image or the caller's buffer; a small model of the memory image's rules (read and
  * write copy min(count, size - position), claim the whole count at or past
  * the end, seeks unclamped) checks every result and aborts on a mismatch.
  */

@@ -1,7 +1,7 @@
 /*
- * fuzz_palette.c - libFuzzer target for palette selection (Part 4.1).
+ * fuzz_palette.c - libFuzzer target for palette selection.
  *
- * Part 4.1 reads no files, but its octree is driven entirely by the colours
+ * Palette selection reads no files, but its octree is driven entirely by the colours
  * it is given: the input chooses the operation, the source depth (4, 8, 16,
  * 24, 32 and one the library does not hold), a size up to 48 x 48, the
  * octree's output bits and count, and whether a colour list (taken from the

@@ -1,6 +1,6 @@
 /*
- * fuzz_tiff.c - libFuzzer target for the TIFF reader of Part 2.3 (with the
- * PackBits and LZW strips of Part 2.5 and the CCITT decoders of Part 2.1).
+ * fuzz_tiff.c - libFuzzer target for the TIFF reader (with its PackBits and
+ * LZW strips and the CCITT decoders).
  *
  * The first two bytes choose the page (0 .. 3); the rest is the file, read
  * through the memory image at exactly its size, once with TiffRead and sinks

@@ -1,6 +1,6 @@
 /*
  * fuzz_tiff_append.c - libFuzzer target for the part of the TIFF writer
- * (Part 2.4) that reads hostile bytes: appending a page to an output that
+ * that reads hostile bytes: appending a page to an output that
  * already holds data follows that data's IFD chain.
  *
  * The input is the existing output: it is copied into a block with 4 KiB of
