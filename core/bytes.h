@@ -1,6 +1,7 @@
 /*
  * bytes.h - explicit little- and big-endian access to file and header bytes
- * (ARCHITECTURE.md section 3: never cast file bytes to structs).
+ * (file bytes are never cast to structs), and the checked size arithmetic
+ * for every size computed from file data.
  */
 #ifndef TRNW_BYTES_H
 #define TRNW_BYTES_H
@@ -40,6 +41,22 @@ static inline void PutBE32(uint8_t *p, uint32_t v)
     p[1] = (uint8_t)(v >> 16);
     p[2] = (uint8_t)(v >> 8);
     p[3] = (uint8_t)v;
+}
+
+/* Size arithmetic on values read from files: false when the exact result
+ * does not fit, so that no size wraps before it is compared with a limit. */
+static inline bool CheckedMul(uint64_t a, uint64_t b, uint64_t *result)
+{
+    return !__builtin_mul_overflow(a, b, result);
+}
+static inline bool CheckedAdd(uint64_t a, uint64_t b, uint64_t *result)
+{
+    return !__builtin_add_overflow(a, b, result);
+}
+/* The bytes of `rows` rows of `rowBytes` each, when they stay within limit. */
+static inline bool CheckedBlockSize(uint64_t rowBytes, uint64_t rows, uint64_t limit, uint64_t *bytes)
+{
+    return CheckedMul(rowBytes, rows, bytes) && *bytes <= limit;
 }
 
 #endif /* TRNW_BYTES_H */

@@ -157,16 +157,16 @@ static int ApplyBlackWhiteRule(uint8_t *h, int mode)
     return mode;
 }
 
-/* Hardening: the geometry the decoders can size their buffers from.  The
- * Part checks nothing and relies on the header sink; a sink that accepts
- * anything must not lead to a division by zero or an overflowing size. */
+/* The geometry the decoders size their buffers from: a header sink that
+ * accepts anything must not lead to a division by zero or a wrapped size. */
 static int CheckGeometry(const BmpReadState *s, uint64_t stride)
 {
     if (s->width < 1 || s->height < 1)
         return IMG_ERR_INVALID;
     if (s->bits != 1 && s->bits != 4 && s->bits != 8 && s->bits != 24 && s->bits != 32)
         return IMG_ERR_INVALID;
-    if (stride * (uint64_t)s->height > BMP_MAX_PIXEL_BYTES)
+    uint64_t bytes;
+    if (!CheckedBlockSize(stride, (uint64_t)s->height, BMP_MAX_PIXEL_BYTES, &bytes))
         return IMG_ERR_INVALID;
     return 0;
 }
@@ -596,7 +596,8 @@ static int BmpWriteSetup(const uint8_t *header, BmpWriteInfo *info)
         info->headerSize > IMG_HEADER_BLOCK_SIZE - info->paletteBytes)
         return IMG_ERR_INVALID;
     uint64_t stride = DibStride((uint32_t)info->width, info->bits);
-    if (stride * (uint64_t)info->height > BMP_MAX_PIXEL_BYTES - 4096)
+    uint64_t bytes;
+    if (!CheckedBlockSize(stride, (uint64_t)info->height, BMP_MAX_PIXEL_BYTES - 4096, &bytes))
         return IMG_ERR_INVALID;
     info->stride = (uint32_t)stride;
     info->palette = header + info->headerSize;

@@ -11,6 +11,7 @@
 #include <string.h>
 
 #include "core/guard.h"
+#include "core/bytes.h"
 #include "core/dib.h"
 #include "core/progress.h"
 #include "core/image_table.h"
@@ -98,9 +99,10 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
     uint32_t outPalette = DibPaletteSize(outBits);
     /* The palette of the file's depth, or of the reduced depth where that
      * is larger (24 to 8 bits), so that dibSize covers the bitmap. */
-    uint64_t total = stride * (((uint64_t)height + 3) & ~(uint64_t)3) +
-                     (outPalette > palette ? outPalette : palette) + DIB_HEADER_SIZE;
-    if (total > 0x7FFFFFFFu - 8192)
+    uint64_t pixels, total;
+    if (!CheckedMul(stride, ((uint64_t)height + 3) & ~(uint64_t)3, &pixels) ||
+        !CheckedAdd(pixels, (outPalette > palette ? outPalette : palette) + DIB_HEADER_SIZE, &total) ||
+        total > 0x7FFFFFFFu - 8192)
         return IMG_ERR_MEMORY;
     if (coded)
         total = width >= 10000 ? total / 50 : total / 8;
