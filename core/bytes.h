@@ -1,6 +1,6 @@
 /*
  * bytes.h - explicit little- and big-endian access to file and header bytes
- * (ARCHITECTURE.md section 3: never cast file bytes to structs).
+ * (file bytes are never cast to structs).
  */
 #ifndef TRNW_BYTES_H
 #define TRNW_BYTES_H

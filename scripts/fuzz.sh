@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # `make fuzz`: builds every fuzz/*.cpp target with clang's libFuzzer, ASan and
 # UBSan into build-fuzz/, replays the saved regression inputs of each target
-# (fuzz/regress/<target>/, one file per input: fuzz findings are kept there),
+# (fuzz/regress/<target>/, one file per input: fuzz findings are added there),
 # then fuzzes each target for ${1:-30} seconds with its corpus in
 # build-fuzz/corpus/<target>/.  Crash inputs land in build-fuzz/artifacts/.
 # Exits non-zero when a regression input or the fuzzing crashes a target.
