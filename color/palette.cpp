@@ -460,7 +460,9 @@ static OctreeNode *OctreeTakeNode(OctreeQuantizer *q, int odd, int32_t level)
     for (int32_t steps = 0; pool[i].inUse; steps++) {
         if (steps >= 3 * OCTREE_POOL_NODES)
             return NULL;
-        if (++i == OCTREE_POOL_NODES) { /* wraps to the start of the other pool */
+        /* At a pool's end: index 0 of the pool `side` names, then `side`
+         * flips, so the first wrap stays in the same pool. */
+        if (++i == OCTREE_POOL_NODES) {
             i = 0;
             pool = side ? q->oddPool : q->evenPool;
             side = !side;

@@ -24,7 +24,7 @@ typedef struct ImgSaveContext {
 } ImgSaveContext;
 
 /* The 256-entry table for gamma (percent; 0 means 100), brightness and
- * contrast, in double precision with the exact formula the display uses too. */
+ * contrast, computed in double precision throughout. */
 void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, uint8_t *table);
 
 /* The library's row source. */
