@@ -1,8 +1,7 @@
 /*
- * ccitt_codes.c - the ITU-T T.4 code lists (tables 2, 3 and 4, and EOL) as
+ * ccitt_codes.cpp - the ITU-T T.4 code lists (tables 2, 3 and 4, and EOL) as
  * bit strings written first bit first: the one source both the decoder's
- * 13-bit tables (Part 2.1) and the encoder's run tables (Part 2.2) are built
- * from.
+ * 13-bit tables and the encoder's run tables are built from.
  */
 #include "codecs/ccitt_codes.h"
 

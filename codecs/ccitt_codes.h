@@ -1,6 +1,6 @@
 /*
  * ccitt_codes.h - the ITU-T T.4 code lists shared by the CCITT decoder
- * (Part 2.1) and encoder (Part 2.2): each code a string of '0' and '1',
+ * and encoder: each code a string of '0' and '1',
  * first bit first.
  */
 #ifndef TRNW_CCITT_CODES_H

@@ -1,5 +1,5 @@
 /*
- * ccitt_decode.c - Part 2.1: the CCITT Group 3 and Group 4 decoders and the
+ * ccitt_decode.cpp - the CCITT Group 3 and Group 4 decoders and the
  * raw fax entry points IMG_decompress_fax, IMG_decompress_fax_mem and
  * IMG_decompress_fax_mem_size.
  *
@@ -9,7 +9,7 @@
  * at once), and run records as output: rows are never expanded to pixels
  * here.
  *
- * Hardening (docs/DEVIATIONS.md, Part 2.1): the bit reader knows how many
+ * Hardening (docs/DEVIATIONS.md, CCITT decoder): the bit reader knows how many
  * bytes of the buffer hold data and reads zero bits behind them (the 4 bytes
  * behind the data are cleared); once every data bit is consumed it reports
  * the end of the data, which ends the row in progress, satisfies an EOL
@@ -27,10 +27,10 @@
 #include "core/runs.h"
 #include "codecs/ccitt_codes.h"
 
-/* ---- the code tables, built from the T.4 code lists of ccitt_codes.c ---- */
+/* ---- the code tables, built from the T.4 code lists of ccitt_codes.cpp ---- */
 
 #define CODE_EOL 4095   /* value & 0xFFF of the EOL entry */
-#define CODE_END 0x10000 /* ours: every data bit consumed */
+#define CODE_END 0x10000 /* internal: every data bit consumed */
 
 static uint16_t whiteValues[8192], blackValues[8192];
 static uint8_t whiteLengths[8192], blackLengths[8192];
@@ -140,8 +140,9 @@ void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const u
 #define NOINLINE
 #endif
 
-/* The window: the Part steps a 32-bit little-endian window 16 bits at a time
- * and takes a code at a bit offset of 0-15 in it.  We keep one bit offset
+/* The window: coded data is read as a 32-bit little-endian window stepped
+ * 16 bits at a time, a code taken at a bit offset of 0-15 in it.  The reader
+ * keeps one bit offset
  * from the buffer's start and take the window at the code's own byte, which
  * yields the same bits with one shift; the 16-bit steps remain where they
  * are observable: a refill keeps the tail from the word that holds the next
@@ -163,7 +164,7 @@ typedef struct BitReader {
 
 static BitReader reader;
 
-/* The row decoders' copy of the reader's hot fields, kept in registers. */
+/* The row decoders' copy of the reader's hot fields, held in registers. */
 typedef struct Bits {
     const uint8_t *data;
     uint32_t at;   /* reader.bits */
@@ -490,7 +491,7 @@ static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour
         code = ReadCode(r, b, colour);
         if (code == CODE_END)
             break;
-        run += code; /* an EOL here adds 4095, as the Part reads */
+        run += code; /* an EOL here adds 4095 */
         if (run > 0x20000)
             run = 0x20000;
     }
@@ -520,7 +521,7 @@ static inline int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countE
 }
 
 /* The row decoders work on local copies of the reader's offset and of the
- * list (kept in registers). */
+ * list (held in registers). */
 static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
 {
     Bits b;
@@ -804,7 +805,7 @@ static int EmitReferenceRow(ChangeList *c, int status, int *dataEnded, int32_t r
     work.referenceEnd = n;
     int result = EmitRecord(c->list, n, leadingZero, width, rowIndex, callback, context);
     if (result < 0)
-        FreeRows(); /* ours in Group 3: stop at once, as the other decoders do */
+        FreeRows(); /* Group 3 too stops at once, as the other decoders do */
     return result;
 }
 

@@ -1,6 +1,6 @@
 /*
- * ccitt_decode.h - Part 2.1: the CCITT Group 3 and Group 4 decoders.
- * Used by the TIFF reader (Part 2.3), the CALS reader (Part 2.7) and the raw
+ * ccitt_decode.h - the CCITT Group 3 and Group 4 decoders.
+ * Used by the TIFF reader, the CALS reader and the raw
  * fax entry points IMG_decompress_fax and IMG_decompress_fax_mem.
  */
 #ifndef TRNW_CCITT_DECODE_H
@@ -23,7 +23,7 @@ typedef struct CcittParameters {
     int32_t fillOrder;    /* 2: first bit in the least significant bit; else most significant */
 } CcittParameters;
 
-/* The three decoders share one signature (Part 2.1, Interfaces).
+/* The three decoders share one signature.
  * buffer: the coded-data buffer of at least CCITT_CHUNK + 300 bytes (the
  * non-reading modes: codedBytes of data and at least 300 bytes of slack);
  * rowCount rows from absolute row firstRow (firstRow 0 sets up, later calls
@@ -41,13 +41,13 @@ int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
                   const CcittParameters *parameters, int handle, ImgRowSink rowCallback,
                   void *context);
 
-/* Ours: the absolute index after the last row of the last call that still
+/* The absolute index after the last row of the last call that still
  * held coded data (the rows behind a page end or the end of the data are
  * emitted white and not counted); IMG_decompress_fax with height 0 takes it
  * as the image's height. */
 int32_t CcittRowsProduced(void);
 
-/* Ours, for tests: the code tables (8192 values and lengths per colour), the
+/* For tests: the code tables (8192 values and lengths per colour), the
  * 256-entry mode table and the bit-reversal table, built on first use. */
 void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
                     const uint8_t **blackLength, const int32_t **modes, const uint8_t **reversal);

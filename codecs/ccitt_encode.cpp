@@ -1,5 +1,5 @@
 /*
- * ccitt_encode.c - Part 2.2: the CCITT encoders, and the raw fax save types
+ * ccitt_encode.cpp - the CCITT encoders, and the raw fax save types
  * 33, 53 (Group 3) and 34, 52 (Group 4).
  *
  * One code table (per colour, indexed by run length 0..2560), one bit packer
@@ -33,7 +33,7 @@
 
 enum { WHITE = 0, BLACK = 1 };
 
-/* ---- the code table, built from the T.4 code lists of ccitt_codes.c ---- */
+/* ---- the code table, built from the T.4 code lists of ccitt_codes.cpp ---- */
 
 typedef struct {
     uint16_t code;   /* right-aligned */
@@ -402,7 +402,7 @@ static const CcittCode verticalCodes[7] = {{2, 7}, {2, 6}, {2, 3}, {1, 1},
                                            {3, 3}, {3, 6}, {3, 7}};
 
 /* Codes the row's change list `cur` against the reference list `ref`.  a0
- * starts before the row (-1, white); b1 is kept at an index whose parity is
+ * starts before the row (-1, white); b1 is held at an index whose parity is
  * a0's colour (even entries change to black, odd ones to white). */
 static int Encode2DRow(CcittPacker *p, const int32_t *ref, const int32_t *cur, int32_t width)
 {

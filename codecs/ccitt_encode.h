@@ -1,6 +1,6 @@
 /*
- * ccitt_encode.h - Part 2.2: the CCITT encoders.  Used by the TIFF writers
- * (save types 7, 8, 10, 51; Part 2.4), the CALS writer (Part 2.7) and the raw
+ * ccitt_encode.h - the CCITT encoders.  Used by the TIFF writers
+ * (save types 7, 8, 10, 51), the CALS writer and the raw
  * fax save types 33, 53, 34 and 52.
  */
 #ifndef TRNW_CCITT_ENCODE_H

@@ -1,9 +1,9 @@
 /*
- * lzw.c - Part 2.5: TIFF LZW decoding and encoding (TIFF 6.0 scheme: codes
+ * lzw.cpp - TIFF LZW decoding and encoding (TIFF 6.0 scheme: codes
  * most significant bit first, Clear 256, end of information 257, first free
  * code 258, widths 9 to 12 bits with the early-change width switch).
  *
- * The decoder keeps the Part's entry block (41960 bytes, 4662 entries of
+ * The decoder keeps a 41960-byte entry block (4662 entries of
  * last byte, prefix code and string length, here 9 bytes each: 8 with the
  * byte before the last and the prefix's prefix, and the first byte).
  * Strings are written backwards straight into the output buffer, ending
@@ -12,12 +12,12 @@
  * steps: a row to deliver, a refill, Clear or end of information, a string
  * longer than the free room, a full entry block.
  *
- * Hardening (docs/DEVIATIONS.md, Part 2.5): an entry beyond 4661 closes the
+ * Hardening (docs/DEVIATIONS.md, TIFF LZW): an entry beyond 4661 closes the
  * strip with -3, and a string longer than the free room of the output buffer
  * goes out through a scratch string in pieces, rows being delivered between
  * them, so that no stream can write past the output buffer.
  *
- * The encoder: a hash table in the Part's 20580-byte block maps (string
+ * The encoder: a hash table in a 20580-byte block maps (string
  * code, byte) to codes; codes go into the 2100-byte output buffer, 2000
  * bytes at a time to the byte sink.
  */
@@ -33,15 +33,15 @@
 #define LZW_END 257
 #define LZW_FIRST_FREE 258
 #define LZW_ENTRIES 4662      /* codes 0 .. 4661 */
-#define LZW_BLOCK_SIZE 41960  /* the Part's entry block */
+#define LZW_BLOCK_SIZE 41960  /* the entry block */
 #define LZW_MAX_WIDTH 12
 #define LZW_ENCODE_LIMIT_12 4080 /* clear once code 4079 is assigned */
 
 /* ---- the decoding table (module-wide, one LZW image at a time) ---- */
 
-/* One entry: 8 bytes, so that the 4662 entries (37296 bytes) fit the Part's
+/* One entry: 8 bytes, so that the 4662 entries (37296 bytes) fit the
  * 41960-byte block and one step along a prefix chain touches one entry.
- * Ours: each entry also holds the byte before its last one and the prefix
+ * Each entry also holds the byte before its last one and the prefix
  * of its prefix, so that the backward walk moves two links and writes two
  * bytes per step (half the chain of dependent loads). */
 typedef struct LzwEntry {
@@ -89,7 +89,7 @@ void LzwEndImage(void)
 
 /* ---- the bit reader ---- */
 
-/* The Part's byte position and bit offset are held as one bit position
+/* The byte position and bit offset are held as one bit position
  * (byte = bit position / 8, offset = bit position % 8), and the unread bits
  * as the end of the data in bits. */
 typedef struct LzwBits {
@@ -295,8 +295,8 @@ typedef struct LzwTableState {
 /* Why LzwDecodeCodes stopped. */
 enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_BAD, LZW_STOP_FULL };
 
-/* Makes entry nextFree = (previous string, first) and grows the width as
- * the Part says (early change); shared by both paths. */
+/* Makes entry nextFree = (previous string, first) and grows the width
+ * one code early (early change); shared by both paths. */
 #define LZW_ADD_ENTRY(table, first, previous, nextFree, limit, width, mask)  \
     do {                                                                     \
         LzwEntry *e_ = &(table)[nextFree];                                   \
@@ -319,7 +319,7 @@ enum { LZW_STOP_ROWS, LZW_STOP_BITS, LZW_STOP_SPECIAL, LZW_STOP_LONG, LZW_STOP_B
 /* The hot loop: decodes codes while the output holds less than a row, the
  * buffer holds a whole code and the code is an ordinary one whose string
  * fits; everything on locals and no calls, so that it stays in registers
- * (the Part's limit is kept as the code at which the width grows next:
+ * (the limit is held as the code at which the width grows next:
  * limit - 1 while the width is below 12; at 12 bits the doubling limit
  * changes nothing).  Returns why it stopped; the code read is in t->code
  * for SPECIAL, LONG and BAD. */
@@ -486,7 +486,7 @@ int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t r
 
 /* ---- encoding ---- */
 
-#define LZW_HASH_BLOCK 20580    /* the Part's hash table */
+#define LZW_HASH_BLOCK 20580    /* the hash table */
 #define LZW_HASH_SLOTS 5119     /* a prime; 4-byte slots within the block */
 #define LZW_OUT_SIZE 2100
 #define LZW_OUT_FLUSH 2000
@@ -538,7 +538,7 @@ static void LzwEncoderReset(LzwEncoder *e)
 }
 
 /* Enters (prefix, byte) -> nextFree at the free slot `slot`, then grows the
- * width or clears the table as the Part says. */
+ * width or clears the table (early change). */
 static int LzwAddString(LzwEncoder *e, uint32_t slot, uint32_t key)
 {
     e->slots[slot] = key << 12 | e->nextFree;

@@ -1,6 +1,6 @@
 /*
- * lzw.h - Part 2.5: TIFF LZW (TIFF 6.0 scheme, early change).  The strip loop
- * over a TIFF's strips belongs to the TIFF reader (Part 2.3), which calls
+ * lzw.h - TIFF LZW (TIFF 6.0 scheme, early change).  The strip loop
+ * over a TIFF's strips belongs to the TIFF reader, which calls
  * LzwDecodeStrip once per strip.
  */
 #ifndef TRNW_LZW_H
@@ -24,7 +24,7 @@ void LzwEndImage(void);
 /* Decodes one strip read from `handle` (positioned at the strip) into rows of
  * rowBytes bytes, delivering rows firstRow .. firstRow + rowCount - 1 to the
  * adapter.  codedBuffer holds LZW_CODED_BUFFER_SIZE bytes; output at least
- * 4 x rowBytes (10 x rowBytes for 1-bit images) plus slack as the Part says.
+ * 4 x rowBytes (10 x rowBytes for 1-bit images) plus slack.
  * 1 when the strip is complete, -3 bad code, -12 failed read, or the
  * adapter's negative result. */
 int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t rowBytes,

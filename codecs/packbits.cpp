@@ -1,5 +1,5 @@
 /*
- * packbits.c - Part 2.5: PackBits row encoding for the TIFF writer.
+ * packbits.cpp - PackBits row encoding for the TIFF writer.
  *
  * Repeat packets only from three equal bytes and only below n - 3, literal
  * packets that stop where two equal bytes begin, at most 127 bytes either

@@ -1,6 +1,6 @@
 /*
- * packbits.h - Part 2.5: PackBits row encoding for the TIFF writer.  (PackBits
- * decoding lives in the TIFF reader's PackBits strip path, Part 2.3.)
+ * packbits.h - PackBits row encoding for the TIFF writer.  (PackBits
+ * decoding lives in the TIFF reader's PackBits strip path.)
  */
 #ifndef TRNW_PACKBITS_H
 #define TRNW_PACKBITS_H

@@ -1,5 +1,5 @@
 /*
- * default_palette.c - Part 4.2, "Default palettes": BuildDefaultPalette.
+ * default_palette.cpp - the default palettes: BuildDefaultPalette.
  */
 #include "color/default_palette.h"
 
@@ -15,7 +15,7 @@ static void SetEntry(uint8_t *palette, int i, int red, int green, int blue)
     palette[4 * i + 3] = 0;
 }
 
-/* Grey ramp: n = 256 for 16 bits, else 2^bits entries, step 256 / n.  Depths
+/* Grey ramp: n = 256 for 16 bits, else 2^bits entries, spaced 256 / n apart.  Depths
  * without a palette (24 and 32 bits) get none. */
 static int GreyRamp(uint8_t *palette, int bits)
 {

@@ -1,5 +1,5 @@
 /*
- * default_palette.h - Part 4.2: the default palettes that decoders and the
+ * default_palette.h - the default palettes that decoders and the
  * display build by name ("tiff", "332", "targa", "pcx", "dither", any other).
  */
 #ifndef TRNW_DEFAULT_PALETTE_H
@@ -8,9 +8,9 @@
 #include <stdint.h>
 
 /* Writes the palette of `kind` behind the 40-byte header at `header`, chosen
- * by the header's bit count first (1 bit: black, white) and then by kind
- * (Part 4.2's table).  Entries are B, G, R, 0.  The block must hold
- * IMG_HEADER_BLOCK_SIZE (1064) bytes.  Returns the number of entries written. */
+ * by the header's bit count first (1 bit: black, white) and then by kind.
+ * Entries are B, G, R, 0.  The block must hold IMG_HEADER_BLOCK_SIZE (1064)
+ * bytes.  Returns the number of entries written. */
 int BuildDefaultPalette(uint8_t *header, const char *kind);
 
 #endif /* TRNW_DEFAULT_PALETTE_H */

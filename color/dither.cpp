@@ -1,12 +1,12 @@
 /*
- * dither.c - Part 4.2: dithering and colour conversion.
+ * dither.cpp - dithering and colour conversion.
  *
  * Four dithers to 1 bit (ordered with the Bayer or the halftone table,
  * Stucki diffusion, threshold), two to 4-bit colour (ordered, threshold
  * diffusion), the conversion to 8-bit grey and the promotions to 8 and 24
  * bits.  Each builds a new bitmap from the current one a row at a time
  * (rows in storage order, m = 0 the bottom row) and installs it only when
- * every row is done.  Also the row routines of Part 1.4's depth reduction
+ * every row is done.  Also the row routines of the decode pipeline's depth reduction
  * and the display-time reduction to the 3-3-2 palette.
  */
 #include "color/dither.h"
@@ -23,7 +23,7 @@
 #include "color/default_palette.h"
 #include "color/palette.h"
 
-/* The Bayer table; its first entry is 4, not 0 (4 occurs twice): kept. */
+/* The Bayer table; its first entry is 4, not 0 (4 occurs twice). */
 static const uint8_t bayerTable[64] = {
     4,   128, 32,  160, 8,   136, 40,  168, /* */
     192, 64,  224, 96,  200, 72,  232, 104, /* */
@@ -238,8 +238,8 @@ typedef struct Source {
     uint8_t *fetched;  /* one plain row for the promotions (tracked) */
 } Source;
 
-/* The descriptor of a handle with a pixel block; -13 / -1 otherwise (the
- * Part does not validate the handle; a bad one is refused, not used). */
+/* The descriptor of a handle with a pixel block; -13 / -1 otherwise (a bad
+ * handle is refused, never used). */
 static int OpenSource(int32_t handle, Source *s)
 {
     memset(s, 0, sizeof *s);
@@ -704,7 +704,7 @@ static int DiffusionColourMaker(PlainJob *job, int32_t m, uint8_t *out)
             out[x >> 1] = (uint8_t)(index << 4);
     }
     /* The second and third rows move up; row m + 3 goes into the second
-     * slot (source row 2 is never used): kept.  What the third slot holds
+     * slot (source row 2 is never used).  What the third slot holds
      * is overwritten before any output row reads it. */
     int32_t *done = job->rows[0];
     job->rows[0] = job->rows[1];
@@ -755,7 +755,7 @@ static int Promote8Maker(PlainJob *job, int32_t m, uint8_t *out)
         case 1: out[x] = (row[x >> 3] >> (7 - (x & 7))) & 1 ? 255 : 0; break;
         case 4: out[x] = (uint8_t)((x & 1) ? row[x >> 1] & 0x0F : row[x >> 1] >> 4); break;
         case 8: out[x] = row[x]; break;
-        default: out[x] = (uint8_t)(row[2 * x] + 1); break; /* the +1 shift: kept */
+        default: out[x] = (uint8_t)(row[2 * x] + 1); break; /* shifted by 1 */
         }
     }
     return 0;
@@ -778,7 +778,7 @@ static int Promote(int32_t handle, int bits)
     int result = OpenSource(handle, s);
     int accepted = bits == 8 ? (s->bits <= 16) : (s->bits <= 8);
     if (result == 0 && !accepted)
-        result = IMG_ERR_TYPE; /* 24 bits (and 16 / 32 where the Part has no rule) */
+        result = IMG_ERR_TYPE; /* 24 bits (and 16 / 32, which have no conversion here) */
     int failed = 0;
     if (result == 0) {
         s->fetched = static_cast<uint8_t *>(Tracked((size_t)s->d->stride + 8, &failed));
@@ -788,7 +788,7 @@ static int Promote(int32_t handle, int bits)
     if (result == 0) {
         BITMAPINFOHEADER *h = (BITMAPINFOHEADER *)job.block;
         if (bits == 8) {
-            /* The old palette, and biCompression 99 (24 bits writes 0): kept. */
+            /* The old palette, and biCompression 99 (24 bits writes 0). */
             memcpy(job.block + DIB_HEADER_SIZE, s->palette, DibPaletteSize(s->bits));
             h->biCompression = DIB_RUN_CODED;
             if (s->d->codedRows)
@@ -836,7 +836,7 @@ static int Reduce332Rows(PlainJob *job, int32_t y0)
             DitherRow332Ordered(BgrRow(s, m), width, y0 + m, out);
             continue;
         }
-        /* Part 4.1's diffusion; its accumulator rows start 2 pixels of 4 slots early */
+        /* The 3-3-2 palette's diffusion; its accumulator rows start 2 pixels of 4 slots early */
         PaletteFixedDiffuseRow(job->rows[0], job->rows[1], width, m, out);
         memcpy(job->rows[0], job->rows[1], 16 * ((size_t)width + 4));
         ReadColourRow(s, m + 2, next);

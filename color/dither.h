@@ -1,6 +1,6 @@
 /*
- * dither.h - Part 4.2 (internal): the dither tables, the row routines the
- * decode pipeline (Part 1.4, row sink step 2) uses for depth reduction, and
+ * dither.h - dithering (internal): the dither tables, the row routines the
+ * decode pipeline's row sink uses for depth reduction, and
  * the display-time reduction to the 3-3-2 palette.  The exported operations
  * (IMG_bayer_mono ... IMG_promote_24, IMGLOW_set_dithermode) are declared in
  * core/imgapi.h.
@@ -13,12 +13,12 @@
 
 #include "core/image_table.h"
 
-/* The two 8 x 8 tables as listed row by row in the Part (the threshold of
+/* The two 8 x 8 tables as stored, row by row (the threshold of
  * pixel x in row m is entry (x & 7) * 8 + (m & 7)). */
 const uint8_t *DitherBayerTable(void);
 const uint8_t *DitherHalftoneTable(void);
 
-/* ---- depth reduction during decode (Part 1.4, row sink step 2) ---- */
+/* ---- depth reduction during decode (in the row sink) ---- */
 
 /* Bytes of scratch DitherReduceRow needs for rows of `width` pixels. */
 size_t DitherRowScratchBytes(int32_t width);

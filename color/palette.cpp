@@ -1,5 +1,5 @@
 /*
- * palette.c - Part 4.1: palette selection.
+ * palette.cpp - palette selection.
  *
  * IMG_mediancut_color: the fixed 3-3-2 palette with serpentine error
  * diffusion by shifts.  IMG_popularity_color: the 255 most frequent 12-bit
@@ -10,8 +10,9 @@
  * The common frame: the working buffers are tracked allocations, the new
  * bitmap is built beside the old one and installed only when every row is
  * written; any failure or a negative progress result leaves the image as it
- * was.  Every operation ends with ImgFreeAllTracked.  The holes the Part
- * leaves are closed as listed under "Part 4.1" in docs/DEVIATIONS.md; each
+ * was.  Every operation ends with ImgFreeAllTracked.  Hostile or
+ * degenerate input is handled as docs/DEVIATIONS.md lists under palette
+ * selection; each
  * such place carries a "hardening" comment.
  */
 #include "color/palette.h"
@@ -129,7 +130,7 @@ static void LoadColourRow(const Source *s, int32_t y, int32_t *accumulator, int 
     }
 }
 
-/* Step 3 of the diffusions: the next row becomes the current one.  The
+/* Between rows of a diffusion: the next row becomes the current one.  The
  * rows are swapped rather than copied; the old current row is then loaded
  * whole (margins included), which gives the same contents. */
 static void SwapRows(int32_t **current, int32_t **next)
@@ -164,7 +165,7 @@ static uint8_t *NewBitmap(const ImgDescriptor *d, uint32_t paletteBytes, uint32_
     return bitmap;
 }
 
-/* Step 2's reporting and storing of one output row; a negative progress
+/* The progress report and storing of one output row; a negative progress
  * result is returned as it is. */
 static int StoreRow(uint8_t *bitmap, uint32_t paletteBytes, uint32_t stride, int32_t y,
                     const uint8_t *row, int32_t total)
@@ -176,8 +177,8 @@ static int StoreRow(uint8_t *bitmap, uint32_t paletteBytes, uint32_t stride, int
     return 0;
 }
 
-/* Step 3: the old bitmap freed, the new one installed with its stride, bit
- * count and image size. */
+/* The end of an operation: the old bitmap freed, the new one installed with
+ * its stride, bit count and image size. */
 static void Install(ImgDescriptor *d, uint8_t *bitmap, uint32_t size, uint32_t stride, int bits)
 {
     BITMAPINFOHEADER header;
@@ -303,8 +304,8 @@ static unsigned Bin12(const uint8_t *bgr)
     return ((unsigned)(bgr[2] >> 4) << 8) | ((unsigned)(bgr[1] >> 4) << 4) | (unsigned)(bgr[0] >> 4);
 }
 
-/* Step 2: entry 0 is bin 0; then 255 times the bin of the largest count, the
- * highest-numbered bin winning among equals (bin 4095 when all are 0). */
+/* The popularity palette: entry 0 is bin 0; then 255 times the bin of the
+ * largest count, the highest-numbered bin winning among equals (bin 4095 when all are 0). */
 static void ChoosePopular(uint16_t *histogram, uint16_t *list)
 {
     list[0] = 0;
@@ -320,7 +321,7 @@ static void ChoosePopular(uint16_t *histogram, uint16_t *list)
     }
 }
 
-/* Step 4 for one 12-bit colour: the nearest entry by doubled nibbles, the
+/* The popularity mapping of one 12-bit colour: the nearest entry by doubled nibbles, the
  * lowest index winning ties, stopping at the first exact match. */
 static uint8_t NearestPopular(unsigned bin, const uint16_t *list)
 {
@@ -352,7 +353,7 @@ int32_t IMGAPI IMG_popularity_color(int32_t handle)
         uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, 8);
         uint16_t *histogram = static_cast<uint16_t *>(ImgAllocTracked(4096 * sizeof(uint16_t)));
         uint16_t *list = static_cast<uint16_t *>(ImgAllocTracked(PALETTE_ENTRIES * sizeof(uint16_t)));
-        uint8_t *nearest = static_cast<uint8_t *>(ImgAllocTracked(4096)); /* step 4's answer for every 12-bit colour */
+        uint8_t *nearest = static_cast<uint8_t *>(ImgAllocTracked(4096)); /* NearestPopular for every 12-bit colour */
         uint8_t *row = static_cast<uint8_t *>(ImgAllocTracked(stride));
         uint32_t size = 0;
         uint8_t *bitmap =
@@ -448,9 +449,9 @@ static inline unsigned PathIndex(uint32_t code, int level)
     return (code >> (3 * (7 - level))) & 7u;
 }
 
-/* Step 5: a free node for `level` from the pool of its parity (the root
- * passes its side).  hardening: the Part's scan never ends when both pools
- * are full; after visiting every node it gives NULL (-1). */
+/* A free node for `level` from the pool of its parity (the root
+ * passes its side).  hardening: a plain scan would never end when both
+ * pools are full; after visiting every node it gives NULL (-1). */
 static OctreeNode *OctreeTakeNode(OctreeQuantizer *q, int odd, int32_t level)
 {
     OctreeNode *pool = odd ? q->oddPool : q->evenPool;
@@ -459,7 +460,9 @@ static OctreeNode *OctreeTakeNode(OctreeQuantizer *q, int odd, int32_t level)
     for (int32_t steps = 0; pool[i].inUse; steps++) {
         if (steps >= 3 * OCTREE_POOL_NODES)
             return NULL;
-        if (++i == OCTREE_POOL_NODES) { /* the wrap rule, kept as stated */
+        /* At a pool's end: index 0 of the pool `side` names, then `side`
+         * flips, so the first wrap stays in the same pool. */
+        if (++i == OCTREE_POOL_NODES) {
             i = 0;
             pool = side ? q->oddPool : q->evenPool;
             side = !side;
@@ -481,7 +484,7 @@ static void OctreeFreeNode(OctreeNode *node)
     memset(node, 0, sizeof *node); /* clears the in-use flag too */
 }
 
-/* Step 1. */
+/* A new quantizer for up to `count` colours. */
 static int OctreeCreate(OctreeQuantizer **out, int32_t count)
 {
     OctreeQuantizer *q = static_cast<OctreeQuantizer *>(ImgAllocTracked(sizeof *q));
@@ -542,7 +545,7 @@ static uint32_t ChildCounts(const OctreeNode *node)
     return sum;
 }
 
-/* Step 4: folds the least-count node of the deepest reducible list.  0 when
+/* Folds the least-count node of the deepest reducible list.  0 when
  * every list is empty. */
 static int OctreeReduce(OctreeQuantizer *q)
 {
@@ -582,7 +585,7 @@ static int OctreeReduce(OctreeQuantizer *q)
     return 1;
 }
 
-/* Step 3 for one colour (c[0] blue, c[1] green, c[2] red). */
+/* Inserts one colour (c[0] blue, c[1] green, c[2] red). */
 static int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
 {
     int missing;
@@ -619,7 +622,7 @@ static int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
     return 0;
 }
 
-/* Step 6: depth first, a node before its children. */
+/* The palette from the leaves: depth first, a node before its children. */
 static void OctreePaletteWalk(OctreeQuantizer *q, OctreeNode *node, OctreeMap *map)
 {
     if (q->leafCount >= q->maxColours)
@@ -640,7 +643,7 @@ static void OctreePaletteWalk(OctreeQuantizer *q, OctreeNode *node, OctreeMap *m
             OctreePaletteWalk(q, node->children[i], map);
 }
 
-/* Step 9: children before parents. */
+/* Frees the tree: children before parents. */
 static void OctreeRelease(OctreeNode *node)
 {
     for (int i = 0; i < 8; i++)
@@ -650,7 +653,7 @@ static void OctreeRelease(OctreeNode *node)
 }
 
 /* The nearest entry by halved components, lowest index winning ties.  The
- * answer depends only on the halved colour, so it is kept per halved colour
+ * answer depends only on the halved colour, so it is remembered per halved colour
  * (a table of 2^21 entries) once found. */
 static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c)
 {
@@ -674,7 +677,7 @@ static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c)
     return index;
 }
 
-/* Step 7's index of a clamped colour: the first leaf on its path, else the
+/* The palette index of a clamped colour: the first leaf on its path, else the
  * nearest entry. */
 static unsigned OctreeIndex(const OctreeQuantizer *q, OctreeMap *map, const uint8_t *c)
 {
@@ -691,7 +694,7 @@ static unsigned OctreeIndex(const OctreeQuantizer *q, OctreeMap *map, const uint
     return node->paletteIndex;
 }
 
-/* Step 7 for one row: serpentine Floyd-Steinberg, signed division by 16
+/* Maps one row: serpentine Floyd-Steinberg, signed division by 16
  * truncating toward zero. */
 static void OctreeDiffuseRow(const OctreeQuantizer *q, OctreeMap *map, int32_t *current,
                              int32_t *next, int32_t width, int32_t row, uint8_t *indices)
@@ -715,7 +718,7 @@ static void OctreeDiffuseRow(const OctreeQuantizer *q, OctreeMap *map, int32_t *
     }
 }
 
-/* Step 8: indices packed into an output row. */
+/* Indices packed into an output row. */
 static void PackIndices(const uint8_t *indices, int32_t width, int bits, uint8_t *row)
 {
     if (bits != 4) {
@@ -730,7 +733,7 @@ static void PackIndices(const uint8_t *indices, int32_t width, int bits, uint8_t
     }
 }
 
-/* Step 2 without a colour list: every pixel inserted, a progress report per
+/* Builds the tree without a colour list: every pixel inserted, a progress report per
  * row (total 2 x height). */
 static int OctreeBuildFromImage(OctreeQuantizer *q, const Source *s)
 {
@@ -748,7 +751,7 @@ static int OctreeBuildFromImage(OctreeQuantizer *q, const Source *s)
     return 0;
 }
 
-/* Step 2 with a colour list: the entries copied into the palette room (at
+/* Builds the tree from a colour list: the entries copied into the palette room (at
  * most the room; hardening) and each inserted. */
 static int OctreeBuildFromList(OctreeQuantizer *q, const uint8_t *colours, int32_t count,
                                uint8_t *paletteRoom, uint32_t roomEntries)
@@ -763,7 +766,7 @@ static int OctreeBuildFromList(OctreeQuantizer *q, const uint8_t *colours, int32
     return 0;
 }
 
-/* Step 7 and 8 over every row into the new bitmap. */
+/* Maps and packs every row into the new bitmap. */
 static int OctreeMapRows(const OctreeQuantizer *q, OctreeMap *map, const Source *s, uint8_t *bitmap,
                          uint32_t paletteBytes, uint32_t stride, int bits)
 {

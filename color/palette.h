@@ -1,7 +1,7 @@
 /*
- * palette.h - Part 4.1 (internal): palette selection.  The three exported
+ * palette.h - palette selection (internal).  The three exported
  * operations (IMG_mediancut_color, IMG_popularity_color, IMG_octree_color)
- * are declared in imgapi.h; this header gives Part 4.2 the fixed 3-3-2
+ * are declared in imgapi.h; this header gives the dithering code the fixed 3-3-2
  * palette and its serpentine diffusion row, which its display reduction
  * (mode 2) reuses exactly.
  */

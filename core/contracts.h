@@ -1,7 +1,7 @@
 /*
- * contracts.h - the reader and writer contracts (Parts 1.4 and 1.5,
- * ARCHITECTURE.md section 3).  Every internal routine returns 0 or a positive
- * count on success and a negative error code of Part 1.1 on failure.
+ * contracts.h - the reader and writer contracts of the decode and save
+ * pipelines.  Every internal routine returns 0 or a positive count on success
+ * and a negative error code (IMG_ERR_*) on failure.
  */
 #ifndef TRNW_CONTRACTS_H
 #define TRNW_CONTRACTS_H

@@ -8,7 +8,7 @@
 
 #include <stdint.h>
 
-/* The image descriptor: the fields of Part 1.1 in order, then one of ours. */
+/* The image descriptor: the public fields in order, then one internal field. */
 typedef struct ImgDescriptor {
     int32_t displayX, displayY, displayWidth, displayHeight;
     int32_t cropX, cropY, cropWidth, cropHeight;
@@ -29,7 +29,7 @@ typedef struct ImgDescriptor {
     uint32_t transparentColour;
     int32_t zoomPercent;
     int32_t pmaDisplay;
-    /* Ours: 1 while `dib` is the block a caller handed to
+    /* 1 while `dib` is the block a caller handed to
      * IMG_create_handle_keep; cleared when an operation replaces the block. */
     int32_t callerOwnsDib;
 } ImgDescriptor;

@@ -1,5 +1,5 @@
 /*
- * dib.h - the packed DIB of Part 1.1: the 40-byte BITMAPINFOHEADER, the
+ * dib.h - the packed DIB: the 40-byte BITMAPINFOHEADER, the
  * palette size rule and the stride rule.
  */
 #ifndef TRNW_DIB_H

@@ -1,5 +1,5 @@
 /*
- * image_table.c - Part 1.1: the image table, the image descriptor and the
+ * image_table.cpp - the image table, the image descriptor and the
  * raw accessors of the exported interface.
  */
 #include "core/guard.h"
@@ -111,7 +111,7 @@ int32_t IMGAPI IMG_create_handle_keep(void *dib)
         if (handle < 0)
             return IMG_ERR_MEMORY;
         /* The slot is taken before the header is checked: on -3 it stays
-         * occupied by an empty descriptor, as Part 1.1 says. */
+         * occupied by an empty descriptor. */
         if (!dib)
             return IMG_ERR_INVALID;
         BITMAPINFOHEADER header;
@@ -149,7 +149,7 @@ int32_t IMGAPI IMG_delete_bitmap_keep(int32_t handle)
     return Guarded([&]() -> int32_t {
         GET_DESCRIPTOR(d, handle);
         /* The caller's block stays with the caller; a block that an operation
-         * put in its place is ours and is freed. */
+         * put in its place belongs to the library and is freed. */
         ImgTableDelete(handle, d->callerOwnsDib);
         return 0;
     });
@@ -209,10 +209,10 @@ int32_t IMGAPI IMGLOW_put_palette(int32_t handle, const void *buffer)
     });
 }
 
-/* Checks a raster request and turns byteCount 0 into one stride.  Part 1.1
- * leaves the row and the count unchecked; here they must stay inside the
- * image (docs/DEVIATIONS.md): a plain image allows a count that runs on into
- * the rows stored after this one (the rows above it), a coded image one row. */
+/* Checks a raster request and turns byteCount 0 into one stride.  The row
+ * and the count must stay inside the image (docs/DEVIATIONS.md): a plain
+ * image allows a count that runs on into the rows stored after this one (the
+ * rows above it), a coded image one row. */
 static int CheckRasterRequest(const ImgDescriptor *d, int32_t row, int32_t *byteCount)
 {
     if (!d->dib)

@@ -10,8 +10,8 @@
 #include "core/descriptor.h"
 
 
-/* Allocation of a handle: the lowest free slot, the table grown as Part 1.1
- * says.  Returns the handle (its descriptor zeroed) or -1. */
+/* Allocation of a handle: the lowest free slot, the table grown when
+ * full.  Returns the handle (its descriptor zeroed) or -1. */
 int ImgTableAllocate(void);
 /* The descriptor of a valid handle, or NULL (the caller returns -13). */
 ImgDescriptor *ImgTableGet(int32_t handle);

@@ -1,5 +1,5 @@
 /*
- * imgio.h - the I/O layer of Part 1.2 (internal): byte source and sink over one
+ * imgio.h - the I/O layer (internal): byte source and sink over one
  * integer handle, the memory image, files by name, the scratch file, memory
  * helpers, tracked allocations and the bitmap name texts.
  */
@@ -23,7 +23,7 @@
 int32_t ImgRead(int handle, void *buffer, uint32_t count);
 int32_t ImgWrite(int handle, const void *buffer, uint32_t count);
 int32_t ImgSeek(int handle, int32_t offset, int whence);
-/* Ours: reads of `handle` served from a 64 KB block until ImgReadAheadEnd
+/* Read-ahead: reads of `handle` served from a 64 KB block until ImgReadAheadEnd
  * (or a write or close of the handle); nothing for the memory image or when
  * caller I/O functions are set.  One handle at a time. */
 void ImgReadAheadBegin(int handle);

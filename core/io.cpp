@@ -1,5 +1,5 @@
 /*
- * io.c - Part 1.2: the I/O layer.
+ * io.cpp - the I/O layer.
  */
 #include "core/guard.h"
 #include "core/imgio.h"
@@ -73,7 +73,7 @@ static int32_t MemorySeek(int32_t offset, int whence)
     return 0;
 }
 
-/* ---- read-ahead (ours) ----
+/* ---- read-ahead ----
  * While a reader walks one file's strips (ImgReadAheadBegin .. End), small
  * reads of that handle are served from a block read at once, and seeks
  * inside the file only move the position: a TIFF of one-row strips costs a
@@ -336,7 +336,7 @@ static void CopyBounded(char *target, size_t size, const char *source)
 {
     size_t n = strlen(source);
     if (n >= size)
-        n = size - 1; /* bounded: the original copied without a check */
+        n = size - 1; /* bounded to the target's size */
     memcpy(target, source, n);
     target[n] = '\0';
 }

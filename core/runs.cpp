@@ -1,5 +1,5 @@
 /*
- * runs.c - run records: coding packed 1-bit rows, expanding records, and the
+ * runs.cpp - run records: coding packed 1-bit rows, expanding records, and the
  * run-coded row store.  On the hot path of every bilevel operation: rows are
  * coded a byte at a time through a change table and skipped eight bytes at a
  * time over solid runs; records are expanded a run at a time with masks and
@@ -274,18 +274,18 @@ int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, ui
     return 0;
 }
 
-/* ---- record transforms of Part 5.1 ---- */
+/* ---- record transforms for flipping and inverting ---- */
 
 int RunMirrorRecord(const uint16_t *record, uint32_t recordBytes, int32_t width, uint16_t *out)
 {
-    uint32_t words = recordBytes / 2, end = 1, kept = 0;
+    uint32_t words = recordBytes / 2, end = 1, retained = 0;
     while (end < words && (int32_t)record[end] < width) {
         if (record[end] != 0)
-            kept++; /* width - 0 is not below the width */
+            retained++; /* width - 0 is not below the width */
         end++;
     }
     int odd = (end - 1) & 1; /* the mirrored row starts with the other colour */
-    uint32_t length = 2 * kept + 8 + (odd ? 2u : 0u);
+    uint32_t length = 2 * retained + 8 + (odd ? 2u : 0u);
     int fourth = (uint64_t)length == DibStride((uint32_t)(width > 0 ? width : 0), 1);
     if (fourth)
         length += 2;

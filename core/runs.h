@@ -1,6 +1,6 @@
 /*
- * runs.h - run records (Part 1.4's form) and the run-coded row store of
- * Part 1.1.  Every module that touches coded rows goes through these.
+ * runs.h - run records (the form the decoders emit) and the run-coded row
+ * store of the image table.  Every module that touches coded rows goes through these.
  *
  * A run record is an array of 16-bit words: word 0 the byte length of the
  * record, then the positions at which the colour changes, in pairs that
@@ -47,9 +47,9 @@ void RunExpandRow(const uint16_t *record, uint32_t recordBytes, int32_t width, u
 void RunExpandRowAt(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
                     uint8_t *row, uint32_t rowBytes);
 
-/* Clips a record to the columns left .. left + width - 1 as Part 1.4's
- * sub-rectangle says: positions before left are skipped (an odd count starts
- * the output with a 0 position), kept positions are shifted by left, copying
+/* Clips a record to the columns left .. left + width - 1 for the decode
+ * pipeline's sub-rectangle: positions before left are skipped (an odd count starts
+ * the output with a 0 position), the positions inside are shifted by left, copying
  * stops at left + width, and width is appended twice.  `out` needs
  * recordBytes + 6 bytes.  Returns the new length in bytes. */
 int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
@@ -65,7 +65,7 @@ uint32_t *RunStoreAllocateIndex(int32_t width, int32_t height);
 const uint16_t *RunStoreRow(const ImgDescriptor *d, int32_t row, uint32_t *bytes);
 /* Makes room for a store ending at byte `end` of the block (header and
  * palette included): when `end` passes dibSize, dibSize becomes
- * trunc(height / rowsStored * dibSize) + 32768 (Part 1.4's extrapolation;
+ * trunc(height / rowsStored * dibSize) + 32768 (an extrapolation from the rows so far;
  * rowsStored is row + 10, or the row index in the sub-rectangle path), never
  * less than `end` needs, and the block is reallocated to dibSize + 200 bytes.
  * 0 or -1. */
@@ -79,16 +79,17 @@ int RunStoreReverseRows(ImgDescriptor *d);
  * rows behind it.  0 or -1. */
 int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes);
 
-/* ---- record transforms of Part 5.1 (flip left-right, invert) ----
+/* ---- record transforms (flip left-right, invert) ----
  * Both read at most recordBytes bytes of `record`, write only the length
  * they return, and with `out` NULL only measure.  `out` must not overlap
  * `record`. */
 
 /* The mirror of a record over `width`: its positions t below the width,
- * each toggling a parity, kept as width - t when t is not 0, written in
+ * each toggling a parity, turned into width - t when t is not 0, written in
  * reverse order behind a leading 0 when the parity is odd; then width three
  * times, four times when the length would equal the 1-bit stride.  Returns
- * the length: 2 * kept + 8 (+2 with the leading 0, +2 with the fourth width). */
+ * the length: 2 * k + 8 with k the nonzero positions below the width (+2
+ * with the leading 0, +2 with the fourth width). */
 int RunMirrorRecord(const uint16_t *record, uint32_t recordBytes, int32_t width, uint16_t *out);
 
 /* The complement of a record: a first position of 0 is removed (length - 2),

@@ -1,15 +1,15 @@
 /*
- * bmp.c - Part 3.1: BMP and DIB.
+ * bmp.cpp - BMP and DIB.
  *
  * One reader (BmpRead) for file types 1 ("bmp") and 48 ("dib"), normalising
  * every header form into the 40-byte header of the header sink, then one of
  * five decoders: plain rows, bit fields, RLE8, RLE4 and length-prefixed
- * records.  Two writers of Part 3.1 (types 1 and 48) and the compressed
- * bitmap writer of save type 12 (RLE8 / RLE4), which has no Part of its own.
+ * records.  Two writers (types 1 and 48) and the compressed bitmap writer
+ * of save type 12 (RLE8 / RLE4).
  *
- * Behaviour for valid files is the Part's, quirks included.  The holes the
- * Part leaves for hostile files are closed as listed under "Part 3.1 BMP and
- * DIB" in docs/DEVIATIONS.md; each such place carries a "hardening" comment.
+ * Valid files read with the established behaviour, quirks included.  Hostile
+ * files are handled as listed under "BMP and DIB" in docs/DEVIATIONS.md;
+ * each such place carries a "hardening" comment.
  */
 #include "formats/bmp.h"
 
@@ -31,7 +31,7 @@
 #define BMP_BITFIELDS 3u
 #define BMP_RECORDS 99u
 
-/* Row conversion modes (the Part's numbers). */
+/* Row conversion modes (numbered as the reader's state uses them). */
 #define MODE_PLAIN 0
 #define MODE_INVERT 1
 #define MODE_WIDEN16 16
@@ -58,7 +58,7 @@ typedef struct BmpReadState {
 
 /* ---- small helpers ---- */
 
-/* The stride rule as Part 3.1 step 8 states it: any bit count not listed
+/* The reader's stride rule: any bit count not listed
  * (8 included) takes one byte per pixel. */
 static uint64_t BmpStride(uint32_t width, int bits)
 {
@@ -121,7 +121,7 @@ static void ConvertCoreHeader(uint8_t *h)
     PutLE32(h + 20, (uint32_t)(BmpStride((uint32_t)width, bits) * (uint32_t)height));
 }
 
-/* Step 9: pixels per metre to dots per inch. */
+/* Pixels per metre to dots per inch (item 9 of BmpRead). */
 static void ConvertResolution(uint8_t *h, int fileHeader)
 {
     int32_t x = (int32_t)GetLE32(h + 24), y = (int32_t)GetLE32(h + 28);
@@ -131,8 +131,8 @@ static void ConvertResolution(uint8_t *h, int fileHeader)
     PutLE32(h + 28, (uint32_t)(int32_t)(y * 0.0254 + 0.5));
 }
 
-/* Step 11: 2^bitcount entries for bit counts up to 8, triples for a core
- * header (into 4-byte slots), quads otherwise. */
+/* The palette (item 11 of BmpRead): 2^bitcount entries for bit counts up to
+ * 8, triples for a core header (into 4-byte slots), quads otherwise. */
 static void ReadPalette(int handle, uint8_t *h, int bits, int core)
 {
     if (bits > 8)
@@ -146,7 +146,8 @@ static void ReadPalette(int handle, uint8_t *h, int bits, int core)
         ImgRead(handle, h + BMP_INFO_SIZE + 4 * i, 3);
 }
 
-/* Step 12: mode 1 for (white, black); the palette becomes (black, white). */
+/* The black-and-white rule (item 12 of BmpRead): mode 1 for (white, black);
+ * the palette becomes (black, white). */
 static int ApplyBlackWhiteRule(uint8_t *h, int mode)
 {
     uint8_t *p = h + BMP_INFO_SIZE;
@@ -157,8 +158,14 @@ static int ApplyBlackWhiteRule(uint8_t *h, int mode)
     return mode;
 }
 
+<<<<<<< HEAD
 /* The geometry the decoders size their buffers from: a header sink that
  * accepts anything must not lead to a division by zero or a wrapped size. */
+=======
+/* Hardening: the geometry the decoders can size their buffers from.  Without
+ * these checks everything would rest on the header sink; a sink that accepts
+ * anything must not lead to a division by zero or an overflowing size. */
+>>>>>>> voice-lib
 static int CheckGeometry(const BmpReadState *s, uint64_t stride)
 {
     if (s->width < 1 || s->height < 1)
@@ -279,7 +286,7 @@ static int RleRefill(RleInput *in)
     return !(in->checkEmpty && got == 0);
 }
 
-/* The Part's refill rule: whenever the read position reaches block size -
+/* The refill rule: whenever the read position reaches block size -
  * stride or more.  Then (hardening) a refill whenever the `need` bytes of the
  * step about to be taken do not all lie inside the block. */
 static int RleEnsure(RleInput *in, uint32_t stride, uint32_t need)
@@ -496,8 +503,8 @@ int BmpRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink
         BmpSeek(handle, start);
     ImgRead(handle, h, BMP_INFO_SIZE);
     int core = GetLE32(h) == BMP_CORE_SIZE;
-    /* 26 for a core header even when bare (kept: such files only read right
-     * behind 14 bytes of file header) */
+    /* 26 for a core header even when bare (such files only read right behind
+     * 14 bytes of file header) */
     uint32_t palettePosition = core ? 26 : fileHeader ? 54 : 40;
     if (core)
         ConvertCoreHeader(h);
@@ -555,8 +562,8 @@ int BmpRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink
         BmpSeek(handle, start + offBits);
     else if (colorsUsed != 0)
         BmpSeek(handle, start + 4 * colorsUsed + BMP_INFO_SIZE);
-    /* 15. The JPEG decoder does not exist yet (the Part returns its result
-     * here without freeing the header block). */
+    /* 15. The JPEG decoder does not exist yet (the result is returned here
+     * without freeing the header block). */
     if (compression == BMP_COMPRESSION_JPEG) {
         ImgFreeTracked(h);
         return IMG_ERR_COMPRESSION;
@@ -621,7 +628,7 @@ static uint32_t PelsPerMetre(int32_t dpi)
     return (uint32_t)(int32_t)v;
 }
 
-/* Writer step 3: the resolution pair of the copy, 0 unless both are set. */
+/* The resolution pair of the copy, 0 unless both are set. */
 static void PutResolution(uint8_t *copy, const uint8_t *header)
 {
     int32_t x = (int32_t)GetLE32(header + 24), y = (int32_t)GetLE32(header + 28);
@@ -629,7 +636,7 @@ static void PutResolution(uint8_t *copy, const uint8_t *header)
     PutLE32(copy + 28, x && y ? PelsPerMetre(y) : 0);
 }
 
-/* Writer step 2: five writes whose counts must add up to 14. */
+/* The file header: five writes whose counts must add up to 14. */
 static int WriteFileHeader(int handle, uint32_t fileSize, uint32_t offBits)
 {
     uint8_t b[4];
@@ -646,7 +653,7 @@ static int WriteFileHeader(int handle, uint32_t fileSize, uint32_t offBits)
     return total == BMP_FILE_HEADER_SIZE ? 0 : IMG_ERR_WRITE;
 }
 
-/* Writer steps 3-6: info header, palette, rows bottom row first. */
+/* The rest of the file: info header, palette, rows bottom row first. */
 static int WriteInfoAndRows(int handle, const uint8_t *header, const BmpWriteInfo *info,
                             ImgRowSource rowSource, void *sourceContext)
 {
@@ -675,7 +682,7 @@ static int WriteInfoAndRows(int handle, const uint8_t *header, const BmpWriteInf
         if (result >= 0)
             result = BmpWriteBytes(handle, row, info->stride);
     }
-    ImgFreeTracked(row); /* freed on the short write too (the Part leaves it) */
+    ImgFreeTracked(row); /* freed on the short write too */
     return result < 0 ? result : 0;
 }
 
@@ -744,7 +751,7 @@ static uint32_t PutAbsolute(uint8_t *out, const uint8_t *px, uint32_t n, int rle
 /* One row of n pixels (one value per byte) as RLE8 or RLE4 with its end of
  * line: runs of three or more are encoded, everything between them goes in
  * absolute runs (encoded runs when shorter than three).  RLE4 absolute runs
- * are kept to an even number of pixels (an odd last pixel becomes an encoded
+ * hold an even number of pixels (an odd last pixel becomes an encoded
  * run): some readers (Pillow) take n / 2 bytes for an odd run of n.  At most
  * 2 bytes per pixel plus 2. */
 static uint32_t EncodeRleRow(const uint8_t *px, uint32_t n, uint8_t *out, int rle4)

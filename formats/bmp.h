@@ -1,5 +1,5 @@
 /*
- * bmp.h - Part 3.1: BMP and DIB reader and writers.
+ * bmp.h - BMP and DIB reader and writers.
  */
 #ifndef TRNW_BMP_H
 #define TRNW_BMP_H

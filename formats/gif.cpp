@@ -1,7 +1,7 @@
 /*
- * gif.c - Part 3.2: GIF.  So far the subtype query of Part 1.3.
+ * gif.cpp - GIF.  So far the subtype query of IMGLOW_get_filetype.
  *
- * Every walk over the data ends (docs/DEVIATIONS.md, Part 1.3): each step
+ * Every walk over the data ends (docs/DEVIATIONS.md, format detection): each step
  * reads at least one byte into a zeroed buffer, so at the end of a file the
  * read comes back short, and past the end of the memory image (which claims
  * success without copying) the byte reads as 0, which ends a sub-block chain

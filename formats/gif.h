@@ -1,6 +1,5 @@
 /*
- * gif.h - Part 3.2: GIF.  For now the subtype query of IMGLOW_get_filetype
- * (Part 1.3).
+ * gif.h - GIF.  For now the subtype query of IMGLOW_get_filetype.
  */
 #ifndef TRNW_GIF_H
 #define TRNW_GIF_H

@@ -1,19 +1,19 @@
 /*
- * tiff_read.c - Part 2.3: the TIFF reader, with the PackBits decoding and the
- * LZW strip loop of Part 2.5.
+ * tiff_read.cpp - the TIFF reader, with the PackBits decoding and the LZW
+ * strip loop.
  *
  * The header and IFD parsing is shared by the reader (TiffRead), the page
  * counter (TiffCountPages), the subtype query of IMGLOW_get_filetype
- * (TiffSubtype, Part 1.3) and the orientation query (TiffOrientation).  The
+ * (TiffSubtype) and the orientation query (TiffOrientation).  The
  * reader opens a page into the module-wide TIFF info record, builds the
  * bitmap header and palette, and hands the strips to one of the strip
- * decoders: uncompressed, PackBits, CCITT (Part 2.1) or LZW (Part 2.5).  All
+ * decoders: uncompressed, PackBits, CCITT or LZW.  All
  * but CCITT hand their rows to the row adapter, which undoes the predictor,
  * converts samples to the header's depth, applies WhiteIsZero inversion and
  * turns R,G,B into our B,G,R before the row sink.
  *
- * Hostile offsets and counts (docs/DEVIATIONS.md, Parts 1.3 and 2.3): every
- * read goes through TiffReadAt into a buffer of the caller's size, zeroed
+ * Hostile offsets and counts (docs/DEVIATIONS.md, format detection and TIFF
+ * reader): every read goes through TiffReadAt into a buffer of the caller's size, zeroed
  * first (the memory image claims success past its end without copying),
  * positions are computed without overflow, at most TIFF_MAX_ENTRIES entries
  * are held, strip indexes are checked against the offsets count, and the IFD
@@ -234,7 +234,7 @@ int TiffSubtype(int handle, uint32_t base)
  * The page walk and the TIFF info record
  * ====================================================================== */
 
-/* Tags of Part 2.3's info record and the other tags the reader looks at. */
+/* Tags of the info record and the other tags the reader looks at. */
 enum {
     TAG_IMAGE_WIDTH = 256, TAG_IMAGE_LENGTH = 257, TAG_BITS_PER_SAMPLE = 258,
     TAG_PHOTOMETRIC = 262, TAG_FILL_ORDER = 266, TAG_STRIP_OFFSETS = 273,
@@ -248,7 +248,7 @@ enum {
 };
 
 #define COMPRESSION_G3_2D 45     /* the internal value of compression 3 with T4Options bit 0 */
-#define CENTIMETRE_FACTOR 2.567  /* kept: not 2.54 */
+#define CENTIMETRE_FACTOR 2.567  /* deliberately not 2.54 */
 #define NEXT_COUNT_MIN 5         /* a next IFD with fewer entries ends the chain */
 #define NEXT_COUNT_LIMIT 301     /* ... and so does one with this many or more */
 #define STRIP_OFFSETS_SLACK 200
@@ -424,7 +424,7 @@ static int NextIfd(ChainGuard *guard, uint32_t *offset, int *count)
     return 1;
 }
 
-/* Steps 1-2: the header and the first IFD's entry count. */
+/* The header and the first IFD's entry count. */
 static int OpenChain(int handle, uint32_t base, int *count)
 {
     int result = TiffReadHeader(handle, base, &tiffFile);
@@ -508,7 +508,7 @@ int TiffOrientation(int handle, uint32_t base)
  * The bitmap header and palette
  * ====================================================================== */
 
-/* The header's bit count from the samples (Part 2.3, "Bitmap header"). */
+/* The header's bit count from the samples. */
 static int HeaderBitCount(int32_t samples, int32_t bitsPerSample)
 {
     int64_t bits = samples == 2 ? bitsPerSample : (int64_t)samples * bitsPerSample;
@@ -570,7 +570,7 @@ static int BuildHeader(uint8_t *block, int bits)
  * Strip addressing
  * ====================================================================== */
 
-/* Loads the offsets array (Part 2.3: count x 4 bytes into a block of
+/* Loads the offsets array (count x 4 bytes into a block of
  * count x 4 + 200), holding at most `needed` entries (hardening: a hostile
  * count cannot make a huge block). */
 static int LoadStripOffsets(uint32_t needed)
@@ -713,7 +713,7 @@ static void PutSample(uint8_t *row, uint32_t index, int bits, uint32_t value)
     }
 }
 
-/* A sample scaled to `to` bits (palette indexes are kept as they are). */
+/* A sample scaled to `to` bits (palette indexes stay as they are). */
 static uint32_t ScaleSample(uint32_t value, int from, int to)
 {
     if (tiffInfo.photometric == 3 || from == to)
@@ -725,7 +725,7 @@ static uint32_t ScaleSample(uint32_t value, int from, int to)
 }
 
 /* Converts an interleaved pixel row to the header's depth where the two
- * differ (Part 2.3 leaves this open; docs/DEVIATIONS.md): grey or palette
+ * differ (docs/DEVIATIONS.md): grey or palette
  * samples by their first sample, colour by the first three, each scaled to
  * the header's sample size. */
 static void ConvertRow(const TiffReadState *s, const uint8_t *in, uint8_t *out)
@@ -1011,7 +1011,7 @@ static int PackBitsRow(TiffReadState *s, PackBitsInput *in, uint8_t *row, uint32
             in->position += n + 1;
             out += n + 1;
         } else {
-            /* 128 repeats 129 times: kept. */
+            /* 128 repeats 129 times. */
             memset(row + out, in->data[in->position++], 257 - n);
             out += 257 - n;
         }
@@ -1092,7 +1092,7 @@ static int CcittStripRow(const uint8_t *row, void *context, int rowIndex, int ro
     return s->rowSink(row, s->sinkContext, k->firstRow + rowIndex, rowBytes);
 }
 
-/* CCITT strips: each strip decoded by the decoder of Part 2.1 as an image of
+/* CCITT strips: each strip decoded by the CCITT decoder as an image of
  * its own rows (a white reference row at every strip's start, as TIFF and
  * libtiff code them; docs/DEVIATIONS.md), the run records straight to the
  * row sink. */
@@ -1130,7 +1130,7 @@ static int ReadCcitt(TiffReadState *s)
     return result;
 }
 
-/* The LZW strip loop of Part 2.5: a failing strip of exactly rowsPerStrip
+/* The LZW strip loop: a failing strip of exactly rowsPerStrip
  * rows is skipped, a failing shorter (last) strip ends the read.  A row-sink
  * failure always ends it (docs/DEVIATIONS.md). */
 static int ReadLzw(TiffReadState *s)

@@ -1,6 +1,6 @@
 /*
- * tiff_read.h - Part 2.3: the TIFF reader (TiffRead), its page counter
- * (TiffCountPages), the subtype query of Part 1.3 (TiffSubtype) and the
+ * tiff_read.h - the TIFF reader (TiffRead), its page counter
+ * (TiffCountPages), the subtype query (TiffSubtype) and the
  * orientation query (TiffOrientation), with the header and IFD parsing
  * they share.
  *
@@ -65,7 +65,7 @@ uint32_t TiffGet32(const TiffFile *file, const uint8_t *p);
  * bytes came; a negative read result as it is. */
 int TiffReadAt(const TiffFile *file, uint32_t offset, uint8_t *buffer, uint32_t count);
 
-/* Step 1 of opening a page: seeks to base and reads the 8-byte header.
+/* The first stage of opening a page: seeks to base and reads the 8-byte header.
  * 0; -3 when fewer than 8 bytes came; -7 when the byte order is neither
  * "II" nor "MM". */
 int TiffReadHeader(int handle, uint32_t base, TiffFile *file);
@@ -87,7 +87,7 @@ int TiffReadIfd(const TiffFile *file, uint32_t offset, TiffIfd *ifd);
 /* The value field as one LONG in the file's byte order. */
 uint32_t TiffValueField(const TiffFile *file, const TiffEntry *entry);
 
-/* The value of a tag by its type (Part 2.3, "Reading a tag value"): BYTE (and
+/* The value of a tag by its type: BYTE (and
  * ASCII) the low byte of the field, or the byte at the value offset when
  * count > 4; SHORT the first SHORT of the field, or the first at the value
  * offset when count > 2; LONG the field, or the first at the value offset
@@ -98,7 +98,7 @@ int TiffTagValue(const TiffFile *file, const TiffEntry *entry, uint32_t *value);
 /* The denominator of a RATIONAL tag (the 4 bytes after its numerator). */
 int TiffRationalDenominator(const TiffFile *file, const TiffEntry *entry, uint32_t *value);
 
-/* Part 2.3's subtype mapping: 1 -> 0, 2 -> 7, 3 -> 8 (17 with T4Options bit 0),
+/* The subtype mapping: 1 -> 0, 2 -> 7, 3 -> 8 (17 with T4Options bit 0),
  * 5 -> 9, 4 -> 10, 32773 -> 16, 6 -> 40, 32010 -> 46, 32008 -> 47, else -7. */
 int TiffCompressionType(uint32_t compression, uint32_t t4Options);
 
@@ -108,7 +108,7 @@ int TiffCompressionType(uint32_t compression, uint32_t t4Options);
  * compression, -12 cut-short IFD). */
 int TiffSubtype(int handle, uint32_t base);
 
-/* The module-wide TIFF info record of Part 2.3, fields in the Part's order;
+/* The module-wide TIFF info record;
  * the defaults are set before each IFD is parsed. */
 typedef struct TiffInfo {
     int32_t height, width, rowsPerStrip, stripOffsets, stripByteCounts;
@@ -122,13 +122,13 @@ typedef struct TiffInfo {
 /* The record as the last TIFF opened, page count or query left it. */
 const TiffInfo *TiffCurrentInfo(void);
 
-/* Opening a page (Part 2.3 steps 1-8): reads the header at base, walks the
+/* Opening a page: reads the header at base, walks the
  * IFD chain to page `page` (0-based) and leaves the info record filled
  * (T4Options, the photometric XOR for CCITT and ResolutionUnit applied).
  * 0; -3, -7 (header), -11 (no such page), -12 or -1. */
 int TiffOpenPage(int handle, uint32_t base, int page);
 
-/* The reader of Part 1.4 (registered for "tif").  start: the image's offset,
+/* The reader (registered for "tif").  start: the image's offset,
  * or IMG_PAGE_FLAG | page with the source positioned at the image.  1 on
  * success, or a negative code. */
 int TiffRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink headerSink,

@@ -1,15 +1,15 @@
 /*
- * tiff_write.c - Part 2.4: the TIFF writers.
+ * tiff_write.cpp - the TIFF writers.
  *
  * Every TIFF save type shares one writer: open the output (append behind an
  * "II" TIFF found at the sink, or write a new header), write one IFD with its
  * out-of-line values, the single strip through the save type's row encoder,
  * then patch StripByteCounts with the true count and link the page from the
  * previous last IFD.  Offsets are relative to the position where the output
- * began (the `base`), as the reader of Part 2.3 reads them.
+ * began (the `base`), as the TIFF reader reads them.
  *
- * The holes Part 2.4 leaves are closed as listed under "Part 2.4 TIFF writer"
- * in docs/DEVIATIONS.md; each such place carries a "hardening" comment.
+ * Hostile or degenerate input is handled as listed under "TIFF writer" in
+ * docs/DEVIATIONS.md; each such place carries a "hardening" comment.
  */
 #include "formats/tiff_write.h"
 
@@ -32,14 +32,14 @@
 /* Row encoders. */
 enum { ENCODE_PLAIN, ENCODE_CCITT_1D, ENCODE_CCITT_2D, ENCODE_LZW, ENCODE_PACKBITS, ENCODE_JPEG };
 
-/* One row of the save-type table of Part 2.4. */
+/* One row of the save-type table. */
 typedef struct {
     int saveType;
     uint16_t compression;
     uint16_t fillOrder;
     int encoder;
     int lsbFirst;   /* CCITT: output bit-reversed (FillOrder 2) */
-    int ccittMode;  /* CCITT: Part 2.2's mode */
+    int ccittMode;  /* CCITT: the encoder's mode */
     int oneBitOnly;
 } TiffSaveType;
 
@@ -107,7 +107,7 @@ static int SeekTo(int handle, int64_t position)
 }
 
 /* A 4-, 8-bit palette of 2^bits B,G,R,0 entries that is a grey ramp: every
- * entry grey, entry i equal to i x 256 / n (the "tiff" ramp of Part 4.2) or
+ * entry grey, entry i equal to i x 256 / n (the "tiff" default palette) or
  * i x 255 / (n - 1) (the full-range ramp). */
 static int PaletteIsGreyRamp(const uint8_t *palette, int bits)
 {
@@ -193,7 +193,8 @@ static void PutRational(uint8_t *p, uint32_t numerator, uint32_t denominator)
     PutLE32(p + 4, denominator);
 }
 
-/* The resolutions: the image's when it has both, else the kept defaults. */
+/* The resolutions: the image's when it has both, else 200 x 200 for
+ * compression 3 and 640/9 x 480/7 otherwise. */
 static void PutResolutions(uint8_t *p, const TiffLayout *layout, const uint8_t *header)
 {
     const BITMAPINFOHEADER *h = (const BITMAPINFOHEADER *)header;
@@ -260,7 +261,7 @@ static uint32_t BuildIfd(const TiffLayout *layout, const uint8_t *header, uint32
     p = PutEntry(p, 282, TYPE_RATIONAL, 1, values);
     p = PutEntry(p, 283, TYPE_RATIONAL, 1, values + 8);
     p = PutEntry(p, 284, TYPE_SHORT, 1, 1);
-    /* Before 296 whatever its tag number, as written. */
+    /* Written before 296 whatever its tag number. */
     if (type->compression == 3)
         p = PutEntry(p, 292, TYPE_LONG, 1, 4);
     else if (type->compression == 6)
@@ -481,7 +482,7 @@ int TiffWritePage(int handle, uint8_t *header, ImgRowSource rowSource, void *sou
     if ((result = EncodeStrip(handle, &layout, header, rowSource, sourceContext)) < 0)
         return result;
 
-    /* The memory image stops moving at its block's end (Part 1.2): a page
+    /* The memory image stops moving at its block's end: a page
      * cut there counts only what was stored. */
     int64_t end = SinkPosition(handle);
     uint32_t count = end > dataStart ? (uint32_t)(end - dataStart) : 0;

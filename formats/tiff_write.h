@@ -1,6 +1,6 @@
 /*
- * tiff_write.h - Part 2.4: the TIFF writers.  One IFD writer shared by every
- * TIFF save type of Part 1.5 (0, 7, 8, 9, 10, 16, 40, 51); each writes a
+ * tiff_write.h - the TIFF writers.  One IFD writer shared by every TIFF
+ * save type (0, 7, 8, 9, 10, 16, 40, 51); each writes a
  * little-endian single-strip page, as a new file or appended to an "II" TIFF
  * already at the sink.
  */
@@ -21,7 +21,7 @@
 /* Save type 0: uncompressed, any depth; 24-bit rows written R, G, B. */
 int TiffWriteUncompressed(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
 /* Save types 7 and 8 with their TIFF compression number, 2 or 3 (the fifth
- * argument of Part 1.5's contract); 1 bit only.  Any other number gives -7. */
+ * argument of the writer contract); 1 bit only.  Any other number gives -7. */
 int TiffWriteCcitt1D(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext,
                      int compression);
 /* The registry's four-argument forms of types 7 and 8. */

@@ -1,10 +1,10 @@
 /*
- * decode.c - Part 1.4: the decode pipeline.  Detects the type, hands the byte
+ * decode.cpp - the decode pipeline.  Detects the type, hands the byte
  * source to the registered reader, and builds the image from the reader's
  * header and rows through the library's header sink and row sink, applying
  * the process-wide decode settings (fixed size, sub-rectangle, run-coding of
  * bilevel rows, progress).  Also IMG_create_handle, IMG_create_handle_shell
- * and IMGLOW_get_fileinfo of Part 1.1, which ride on the same sinks.
+ * and IMGLOW_get_fileinfo, which ride on the same sinks.
  */
 #include "pipeline/decode.h"
 
@@ -31,7 +31,7 @@ static int32_t displayValue;
 
 /* ---- the header sink ---- */
 
-/* Step 5: the output size, in the order of precedence; records which path applies. */
+/* The output size, in the order of precedence; records which path applies. */
 static void ChooseOutputSize(ImgDecodeContext *c, int32_t *width, int32_t *height)
 {
     *width = c->sourceWidth;
@@ -76,7 +76,7 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
         d->transparentColour = h.biClrUsed;
         d->hasTransparentColour = 1;
     }
-    /* Step 4: the reduction applies only as 8 from 24 bits, 4 from 8 bits
+    /* The depth reduction applies only as 8 from 24 bits, 4 from 8 bits
      * or more, 1 from 4 bits or more (16-bit rows have no colour row, so
      * they keep their depth for 4: docs/DEVIATIONS.md). */
     if (!DitherReductionApplies(bits, c->requestedBits))
@@ -139,7 +139,7 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
     out->biSizeImage = (uint32_t)(stride * (uint64_t)height);
     if (coded)
         out->biCompression = DIB_RUN_CODED;
-    /* Step 9: the fixed palette of the reduced depth: 3-3-2; the 16 colours
+    /* The fixed palette of the reduced depth: 3-3-2; the 16 colours
      * with 200 (kind "dither"); black and white. */
     if (c->requestedBits)
         BuildDefaultPalette(dib, outBits == 8 ? "332" : "dither");
@@ -183,7 +183,7 @@ static int CompleteStore(ImgDecodeContext *c, ImgDescriptor *d)
     return 0;
 }
 
-/* Step 7: a record into the row store.  Rows arriving in order are
+/* A record into the row store.  Rows arriving in order are
  * appended; any other order completes the store and replaces the row. */
 static int StoreRecord(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const uint16_t *record,
                        uint32_t bytes, double rowsStored)
@@ -202,7 +202,7 @@ static int StoreRecord(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, cons
     return RunStoreReplaceRow(d, dest, record, bytes);
 }
 
-/* Steps 6 and 7: a packed row of the output width, or a run record. */
+/* Stores a packed row of the output width, or a run record. */
 static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const uint8_t *data,
                     int32_t bytes, int runForm, double rowsStored)
 {
@@ -221,7 +221,7 @@ static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const u
     return StoreRecord(c, d, dest, record, (uint32_t)length, rowsStored);
 }
 
-/* Step 4's horizontal reduction by nearest neighbour, 16.16 step. */
+/* The horizontal size reduction by nearest neighbour, in 16.16 steps. */
 static void ReduceRow(const uint8_t *source, int bits, int32_t sourceWidth, uint8_t *target,
                       int32_t width, int32_t targetStride, int32_t sourceStride)
 {
@@ -306,8 +306,8 @@ static int SubRectangleRow(ImgDecodeContext *c, ImgDescriptor *d, const uint8_t 
     return StoreRow(c, d, dest, clipped, d->stride, 0, rowsStored);
 }
 
-/* Step 2: the row dithered to the requested depth with the ordered
- * routines of Part 4.2 (matrix row rowIndex & 7); the reduced stride
+/* The row dithered to the requested depth with the ordered dither
+ * routines (matrix row rowIndex & 7); the reduced stride
  * becomes rowBytes.  A short row is padded with zeros first. */
 static int ReduceDepth(ImgDecodeContext *c, const uint8_t **row, int rowIndex, int *rowBytes)
 {

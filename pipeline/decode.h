@@ -1,5 +1,5 @@
 /*
- * decode.h - Part 1.4 (internal): the decode pipeline's context, its sinks,
+ * decode.h - the decode pipeline's context (internal), its sinks,
  * and the progress reporting that other operations share.
  */
 #ifndef TRNW_DECODE_H
@@ -15,20 +15,20 @@ typedef struct ImgDecodeContext {
     int32_t handle;        /* the image being filled */
     int32_t rowOrder;      /* 1 after the header sink; 0 bottom row first (coded); 2 otherwise */
     int32_t requestedBits; /* depth to reduce to, 0 = keep */
-    /* Ours: the source geometry, and how the output was chosen. */
+    /* The source geometry, and how the output was chosen. */
     int32_t sourceWidth, sourceHeight, sourceBits, sourceStride;
-    int32_t fixedSize;     /* step 5a applied */
-    int32_t subRectangle;  /* step 5b applied */
+    int32_t fixedSize;     /* the requested fixed size applies */
+    int32_t subRectangle;  /* the sub-rectangle applies */
     int32_t rowsStored;    /* coded rows appended in order so far */
     int32_t storeComplete; /* every coded row has a record (rows then replace in place) */
-    int32_t rowBits, rowStride; /* rows after step 2's reduction (the output depth) */
+    int32_t rowBits, rowStride; /* rows after the depth reduction (the output depth) */
     uint8_t *work;         /* row and record scratch */
-    uint8_t *reduced;      /* step 2: the reduced row (inside work) */
-    uint8_t *ditherScratch; /* step 2: the dither routines' scratch (inside work) */
-    uint8_t *palette;      /* step 2: the file's palette (inside work) */
+    uint8_t *reduced;      /* depth reduction: the reduced row (inside work) */
+    uint8_t *ditherScratch; /* depth reduction: the dither routines' scratch (inside work) */
+    uint8_t *palette;      /* depth reduction: the file's palette (inside work) */
 } ImgDecodeContext;
 
-/* The library's sinks (Part 1.4's Algorithms). */
+/* The library's sinks. */
 int ImgLibraryHeaderSink(const uint8_t *headerAndPalette, void *sinkContext);
 int ImgLibraryRowSink(const uint8_t *row, void *sinkContext, int rowIndex, int rowBytes);
 

@@ -1,7 +1,7 @@
 /*
- * registry.h - Part 1.3: the format registry (one table, core/registry.c)
- * and detection.  Detection, decode dispatch, page counting, save dispatch
- * and extension-to-type mapping all read that table.
+ * detect.h - detection over the format list (one table, formats/formats.cpp).
+ * Detection, decode dispatch, page counting, save dispatch and
+ * extension-to-type mapping all read that table.
  */
 #ifndef TRNW_REGISTRY_H
 #define TRNW_REGISTRY_H
@@ -25,13 +25,13 @@ ImgPageCounter RegistryPageCounter(const char *extension);
 ImgWriter RegistryWriter(int type);
 
 /* The save type chosen by a path's extension for IMG_save_bitmap type -1
- * (Part 1.5's list, in its order); -1 when none matches. */
+ * (the save types' extension list, in order); -1 when none matches. */
 int RegistryTypeForPath(const char *path);
 
 /* Whether saves of a type append pages to an existing file. */
 bool RegistryMultiPage(int32_t type);
 
-/* Added for Part 1.3's type query, tests and fuzzing. */
+/* For the type query, tests and fuzzing. */
 
 /* The type number for a detected extension word over the source whose image
  * starts at start: for "tif", "bmp" and "gif" the source is sought to start

@@ -1,5 +1,5 @@
 /*
- * save.c - Part 1.5: the save pipeline.  Prepares a private copy of the
+ * save.cpp - the save pipeline.  Prepares a private copy of the
  * image's header and palette, applies brightness and contrast, chooses the
  * writer by type and serves it the crop rectangle's rows.
  */
@@ -102,7 +102,7 @@ static void ApplyToPalette(uint8_t *palette, uint32_t bytes, const uint8_t *tabl
             palette[i + k] = table[palette[i + k]];
 }
 
-/* Steps 1 to 5: the context and the header copy.  memoryVariant applies the
+/* Prepares the context and the header copy.  memoryVariant applies the
  * table to the palette copy for every depth below 24 bits. */
 static int PrepareSave(const ImgDescriptor *d, int32_t handle, ImgSaveContext *c, uint8_t **copy,
                        int memoryVariant)

@@ -1,5 +1,5 @@
 /*
- * save.h - Part 1.5 (internal): the save context and the brightness,
+ * save.h - the save pipeline (internal): the save context and the brightness,
  * contrast and gamma table that the display shares.
  */
 #ifndef TRNW_SAVE_H
@@ -7,8 +7,8 @@
 
 #include <stdint.h>
 
-/* Save context, handed to writers as the opaque source context: the fields
- * of Part 1.5 in order (the 16-bit ones limit a save to fewer than 32768
+/* Save context, handed to writers as the opaque source context: the writer-facing
+ * fields first (the 16-bit ones limit a save to fewer than 32768
  * rows and a stride below 32768 bytes), then our scratch row. */
 typedef struct ImgSaveContext {
     uint8_t *bits;
@@ -18,13 +18,13 @@ typedef struct ImgSaveContext {
     int16_t cropOffsetBytes;
     int16_t cropTop;
     uint8_t *lookupTable;
-    /* Ours. */
+    /* Internal scratch. */
     uint8_t table[256];
     uint8_t *scratch; /* expanded coded row, width * 4 + 4000 bytes */
 } ImgSaveContext;
 
 /* The 256-entry table for gamma (percent; 0 means 100), brightness and
- * contrast, in double precision exactly as Part 1.5 writes it. */
+ * contrast, computed in double precision throughout. */
 void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, uint8_t *table);
 
 /* The library's row source. */

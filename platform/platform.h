@@ -1,6 +1,6 @@
 /*
  * platform.h - the only place that knows the operating system
- * (ARCHITECTURE.md section 5).  posix.c and win32.c implement it.
+ * (the layering allows no other).  posix.cpp and win32.cpp implement it.
  */
 #ifndef TRNW_PLATFORM_H
 #define TRNW_PLATFORM_H
@@ -8,12 +8,13 @@
 #include <stddef.h>
 #include <stdint.h>
 
-/* Memory blocks: moveable global blocks kept locked (Win32) or malloc blocks
- * that the layer remembers (POSIX), so that the size of a block can be found
+/* Memory blocks: moveable global blocks locked for their life (Win32) or
+ * malloc blocks that the layer remembers (POSIX), so that the size of a block can be found
  * from its pointer. */
 void *PlatformAlloc(size_t size);
 void *PlatformRealloc(void *pointer, size_t size);
-/* Frees a block of ours; a pointer that is not the start of a block is left alone. */
+/* Frees a block of this layer; a pointer that is not the start of a block is
+ * left alone. */
 void PlatformFree(void *pointer);
 /* The size of the block that starts at pointer; 0 when the pointer is not the
  * start of a live block, the block is discarded, or its size is 0. */

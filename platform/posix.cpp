@@ -1,5 +1,5 @@
 /*
- * posix.c - platform layer over malloc and POSIX file descriptors.
+ * posix.cpp - platform layer over malloc and POSIX file descriptors.
  *
  * Global memory blocks do not exist here.  To give ImgSetMemorySource the
  * block size it asks for, every block this layer hands out is recorded in a
@@ -123,7 +123,7 @@ void *PlatformRealloc(void *pointer, size_t size)
         return PlatformAlloc(size);
     BlockEntry *entry = BlockFind(pointer);
     if (!entry)
-        return NULL; /* not one of ours: it cannot be resized */
+        return NULL; /* not a block of this layer: it cannot be resized */
     void *moved = realloc(pointer, size ? size : 1);
     if (!moved)
         return NULL;

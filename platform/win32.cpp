@@ -1,5 +1,5 @@
 /*
- * win32.c - platform layer over KERNEL32: moveable global memory blocks kept
+ * win32.cpp - platform layer over KERNEL32: moveable global memory blocks
  * locked for their whole life, and the 16-bit style file calls OpenFile,
  * _lread, _lwrite, _llseek and _lclose.
  */

@@ -1,5 +1,5 @@
 /*
- * flip.c - Part 5.1: flip left-right (IMG_flip_bitmapx), flip top-bottom
+ * flip.cpp - flip left-right (IMG_flip_bitmapx), flip top-bottom
  * (IMG_flip_bitmapy) and invert (IMG_invert_bitmap), on plain bitmaps of 1,
  * 4, 8, 16, 24 and 32 bits and on coded rows.
  *
@@ -7,7 +7,7 @@
  * progress result undoes the rows already done, so the image is as it was.
  * Everything else builds a new block and puts it in place only on success.
  * Coded rows are never expanded: each record is mirrored, complemented or
- * copied as a list of positions (core/runs.c).
+ * copied as a list of positions (core/runs.cpp).
  */
 #include "process/flip.h"
 
@@ -43,7 +43,7 @@ static void BuildReversedBits(void)
 }
 
 /* 1 bit: the bytes reversed and bit-reversed, then shifted left by the
- * padding bits of the last byte, which are kept from the source. */
+ * padding bits of the last byte, which are taken from the source. */
 static void Mirror1(const uint8_t *source, uint8_t *target, int32_t width)
 {
     if (!reversedReady)

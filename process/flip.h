@@ -1,5 +1,5 @@
 /*
- * flip.h - Part 5.1 (internal): flip left-right, flip top-bottom and invert.
+ * flip.h - flip left-right, flip top-bottom and invert (internal).
  * The exported entry points (IMG_flip_bitmapx, IMG_flip_bitmapy,
  * IMG_invert_bitmap) are declared in imgapi.h; the rotation calls those.
  */
@@ -14,7 +14,7 @@
  * is the high nibble of source byte k with the low nibble of byte k - 1, the
  * last one the high nibble of byte 0 (its low nibble 0).  Only the bytes
  * holding pixels are written; padding bits of a 1-bit row's last byte are
- * kept from `source`. */
+ * taken from `source`. */
 void FlipMirrorRow(const uint8_t *source, uint8_t *target, int32_t width, int bits);
 
 #endif /* TRNW_FLIP_H */

@@ -1,18 +1,18 @@
 /*
- * rotate.c - Part 5.1: IMG_rotate_bitmap.
+ * rotate.cpp - IMG_rotate_bitmap.
  *
  * 0 does nothing; 18000 is a flip left-right and a flip top-bottom (the
  * second without progress); 9000 and 27000 are quarter turns by
  * transposition; any other angle is a free rotation by the inverse 16.16
- * nearest-neighbour mapping of the Part, on a canvas grown by the folded
+ * nearest-neighbour mapping, on a canvas grown by the folded
  * angle.  Run-coded images are expanded into a plain buffer, turned, and
- * re-coded row by row through core/runs.c.
+ * re-coded row by row through core/runs.cpp.
  *
  * Every new picture is built beside the old one and put in place only when
  * complete, so a failure (memory, a negative progress result, a failing
- * flip) leaves the image as it was.  The holes the Part leaves (empty or
- * oversized canvases, reads in the source block's slack, 32-bit products)
- * are closed as docs/DEVIATIONS.md lists under Part 5.1.
+ * flip) leaves the image as it was.  Empty or oversized canvases, reads in
+ * the source block's slack and 32-bit products are handled as
+ * docs/DEVIATIONS.md lists under rotate, flip and invert.
  */
 #include <math.h>
 #include <stdint.h>
@@ -295,7 +295,7 @@ static int TransposePlain(const Raster *source, Raster *target)
     return 0;
 }
 
-/* Crop rectangle and display size after a quarter turn (steps 2 and 3):
+/* Crop rectangle and display size after a quarter turn:
  * swapped, then the fix-ups that `fixX` / `fixY` ask for. */
 static void TurnCrop(ImgDescriptor *d, int fixX, int fixY)
 {
@@ -340,7 +340,7 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t handle, int32_t angle)
     }
     SetHeaderGeometry(block, d->height, d->width, stride * (uint64_t)d->width);
 
-    /* In place with the old block kept aside until the flip has succeeded. */
+    /* In place with the old block set aside until the flip has succeeded. */
     ImgDescriptor saved = *d;
     d->dib = block;
     d->callerOwnsDib = 0;
@@ -349,7 +349,7 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t handle, int32_t angle)
     TurnCrop(d, 1, 1);
     result = angle == 9000 ? IMG_flip_bitmapy(handle) : IMG_flip_bitmapx(handle);
     if (result < 0) {
-        ImgFree(d->dib); /* ours, or the flip's replacement of it */
+        ImgFree(d->dib); /* the new block, or the flip's replacement of it */
         *d = saved;
         return result;
     }
@@ -428,8 +428,8 @@ static int64_t RoundHalfAway(double value)
     return value >= 0 ? (int64_t)(value + 0.5) : (int64_t)(value - 0.5);
 }
 
-/* Step 1: dw and dh from the folded angle (negative angles and angles of
- * 360 degrees and more are not folded into 0..90, as the Part says). */
+/* The canvas growth dw and dh from the folded angle (negative angles and
+ * angles of 360 degrees and more are not folded into 0..90). */
 static void CanvasGrowth(int32_t angle, int32_t width, int32_t height, int64_t *dw, int64_t *dh)
 {
     double a = angle * 0.01;
@@ -446,7 +446,7 @@ static void CanvasGrowth(int32_t angle, int32_t width, int32_t height, int64_t *
     *dh = 2 * (RoundHalfAway((c + 1) * hh + s * hw) - height);
 }
 
-/* The mapping of steps 2 and 3 for one destination row. */
+/* The inverse mapping's walk along one destination row. */
 typedef struct RowWalk {
     int64_t sx, sy, stepX, stepY;
     int32_t hx, columns; /* x runs from -hx, `columns` times */
@@ -510,7 +510,7 @@ static void MapRow1(const Raster *source, uint8_t *out, RowWalk w)
 /* 4 bits: the nibble by the parity of the running column x (from -hx); an
  * odd x writes the low nibble and advances, so an odd hx shifts the picture
  * by one pixel and may touch one byte behind the row (the next row's first
- * byte, or the block's slack), as the Part defines. */
+ * byte, or the block's slack). */
 static void MapRow4(const Raster *source, uint8_t *out, RowWalk w)
 {
     for (int32_t i = 0; i < w.columns; i++) {
@@ -560,7 +560,7 @@ static void MapRow(const Raster *source, uint8_t *out, RowWalk w)
     }
 }
 
-/* Steps 2 to 4: fills `target` (new width and height, pre-filled) from
+/* Fills `target` (new width and height, pre-filled) from
  * `source` by the inverse mapping of `angle` (hundredths of a degree, not
  * folded) with the canvas growth dw, dh; progress once per target row. */
 static int MapRotation(const Raster *source, Raster *target, int64_t angle, int32_t dw, int32_t dh)
@@ -588,7 +588,7 @@ static int MapRotation(const Raster *source, Raster *target, int64_t angle, int3
     return 0;
 }
 
-/* Step 1 and the checks: the new size, or -7 for a canvas that would be
+/* The canvas growth and the checks: the new size, or -7 for a canvas that would be
  * empty (or, for coded rows, too wide to code) and -1 for one too large. */
 static int FreeCanvas(const ImgDescriptor *d, int32_t angle, int bits, int64_t *dw, int64_t *dh,
                       uint64_t *stride)
@@ -607,7 +607,8 @@ static int FreeCanvas(const ImgDescriptor *d, int32_t angle, int bits, int64_t *
     return 0;
 }
 
-/* Step 5 in the header of the result block and in the descriptor. */
+/* The new geometry in the header of the result block and in the descriptor
+ * (crop and display become the whole image). */
 static void FinishFree(ImgDescriptor *d, uint8_t *block, int bits, int32_t width, int32_t height,
                        uint64_t stride)
 {
