@@ -68,13 +68,14 @@ std::string FindTool(const std::string &name)
 #endif
 }
 
-long RasterDiff(const Raster &a, const Raster &b)
+long RasterDiff(const Raster &a, const Raster &b, int tolerance)
 {
     if (a.width != b.width || a.height != b.height || a.rgb.size() != b.rgb.size())
         return -1;
     long n = 0;
     for (size_t i = 0; i + 2 < a.rgb.size(); i += 3)
-        n += !std::equal(&a.rgb[i], &a.rgb[i] + 3, &b.rgb[i]);
+        n += std::abs(a.rgb[i] - b.rgb[i]) > tolerance || std::abs(a.rgb[i + 1] - b.rgb[i + 1]) > tolerance ||
+             std::abs(a.rgb[i + 2] - b.rgb[i + 2]) > tolerance;
     return n;
 }
 
