@@ -1,21 +1,15 @@
 /* Part 1.4: the decode pipeline.  The library's sinks are driven by test
  * readers (ImgDecodeWithReader) that hand over headers and rows exactly as
  * a codec would, and by real files through IMG_decompress_bitmap. */
-#include "test_support.h"
+#include "support/support.h"
 
 #include <functional>
 #include <random>
 
-extern "C" {
-#include "core/contracts.h"
-#include "core/decode.h"
-#include "core/bytes.h"
-#include "core/registry.h"
-}
 
 namespace {
 
-class Part1_4_Decode : public TrnwTest {
+class DecodePipeline : public TrnwTest {
   protected:
     void TearDown() override
     {
@@ -171,7 +165,7 @@ void ExpectPicture1(int32_t handle, int32_t width, int32_t height, int32_t x0 = 
 
 // ---- the header sink ----
 
-TEST_F(Part1_4_Decode, PlainImageTakesTheReadersGeometryAndPalette)
+TEST_F(DecodePipeline, PlainImageTakesTheReadersGeometryAndPalette)
 {
     script = {Header(10, 4, 8), Rows8(10, 4)};
     int32_t h = Decode();
@@ -198,7 +192,7 @@ TEST_F(Part1_4_Decode, PlainImageTakesTheReadersGeometryAndPalette)
             ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x, y));
 }
 
-TEST_F(Part1_4_Decode, HeightIsRoundedUpToFourForTheBlock)
+TEST_F(DecodePipeline, HeightIsRoundedUpToFourForTheBlock)
 {
     script = {Header(10, 5, 24), Rows8(0, 0)};
     script.rows = nullptr;
@@ -207,7 +201,7 @@ TEST_F(Part1_4_Decode, HeightIsRoundedUpToFourForTheBlock)
     EXPECT_EQ(ImgTableGet(h)->dibSize, 32u * 8u + 40u); // stride 32, height 5 -> 8
 }
 
-TEST_F(Part1_4_Decode, BilevelImageIsRunCoded)
+TEST_F(DecodePipeline, BilevelImageIsRunCoded)
 {
     // 100 x 50: stride 16, total = 16 * 52 + 8 + 40 = 880, held as 880 / 8 = 110.
     script = {Header(100, 50, 1), nullptr};
@@ -223,7 +217,7 @@ TEST_F(Part1_4_Decode, BilevelImageIsRunCoded)
     EXPECT_EQ(Row(h, 49), std::vector<uint8_t>(16, 0xFF)); // rows never delivered are white
 }
 
-TEST_F(Part1_4_Decode, WideBilevelStoreStartsAtOneFiftieth)
+TEST_F(DecodePipeline, WideBilevelStoreStartsAtOneFiftieth)
 {
     // 10000 x 4: stride 1252, total = 1252 * 4 + 48 = 5056, / 50 = 101 (then grows).
     int32_t calls = 0;
@@ -237,7 +231,7 @@ TEST_F(Part1_4_Decode, WideBilevelStoreStartsAtOneFiftieth)
     EXPECT_EQ(ImgTableGet(h)->dibSize, 101u);
 }
 
-TEST_F(Part1_4_Decode, GeometryBelowOneGivesMinus3AndNoImage)
+TEST_F(DecodePipeline, GeometryBelowOneGivesMinus3AndNoImage)
 {
     for (auto g : {std::array<int32_t, 3>{0, 5, 8}, {5, 0, 8}, {5, 5, 0}, {-5, 5, 8}}) {
         script = {Header(g[0], g[1], g[2]), nullptr};
@@ -246,7 +240,7 @@ TEST_F(Part1_4_Decode, GeometryBelowOneGivesMinus3AndNoImage)
     }
 }
 
-TEST_F(Part1_4_Decode, TransparentIndexFlagIsTaken)
+TEST_F(DecodePipeline, TransparentIndexFlagIsTaken)
 {
     script = {Header(4, 4, 8, 0x1000 | 0x2A), nullptr};
     int32_t h = Decode();
@@ -259,7 +253,7 @@ TEST_F(Part1_4_Decode, TransparentIndexFlagIsTaken)
 
 // ---- failures ----
 
-TEST_F(Part1_4_Decode, ReaderFailingAfterHeaderLeavesNoImage)
+TEST_F(DecodePipeline, ReaderFailingAfterHeaderLeavesNoImage)
 {
     script = {Header(10, 4, 8), Rows8(10, 2)};
     script.afterRows = IMG_ERR_READ;
@@ -278,7 +272,7 @@ extern "C" int32_t IMGAPI Status(int32_t value, int32_t total)
     return statusAnswer;
 }
 
-TEST_F(Part1_4_Decode, StatusCallbackGetsTheTotalOnEveryRow)
+TEST_F(DecodePipeline, StatusCallbackGetsTheTotalOnEveryRow)
 {
     statusCalls = 0;
     statusAnswer = 0;
@@ -294,7 +288,7 @@ TEST_F(Part1_4_Decode, StatusCallbackGetsTheTotalOnEveryRow)
     EXPECT_EQ(statusCalls, 0);
 }
 
-TEST_F(Part1_4_Decode, StatusCallbackMinus1AbortsTheDecode)
+TEST_F(DecodePipeline, StatusCallbackMinus1AbortsTheDecode)
 {
     statusCalls = 0;
     statusAnswer = -1;
@@ -305,7 +299,7 @@ TEST_F(Part1_4_Decode, StatusCallbackMinus1AbortsTheDecode)
     EXPECT_EQ(ImgTableCount(), 0);
 }
 
-TEST_F(Part1_4_Decode, HostileRowsAreRefused)
+TEST_F(DecodePipeline, HostileRowsAreRefused)
 {
     script = {Header(10, 4, 8), [](ImgRowSink sink, void *c) {
                   uint8_t row[12] = {};
@@ -325,7 +319,7 @@ TEST_F(Part1_4_Decode, HostileRowsAreRefused)
     EXPECT_EQ(ImgTableCount(), 0);
 }
 
-TEST_F(Part1_4_Decode, ShortPlainRowsLeaveZeroBytes)
+TEST_F(DecodePipeline, ShortPlainRowsLeaveZeroBytes)
 {
     script = {Header(10, 2, 8), [](ImgRowSink sink, void *c) {
                   uint8_t row[3] = {9, 9, 9};
@@ -339,7 +333,7 @@ TEST_F(Part1_4_Decode, ShortPlainRowsLeaveZeroBytes)
 
 // ---- row order and run-coded storage ----
 
-TEST_F(Part1_4_Decode, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
+TEST_F(DecodePipeline, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
 {
     for (bool records : {false, true}) {
         SCOPED_TRACE(records);
@@ -351,7 +345,7 @@ TEST_F(Part1_4_Decode, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
     }
 }
 
-TEST_F(Part1_4_Decode, BottomRowFirstDecodesToTheSamePicture)
+TEST_F(DecodePipeline, BottomRowFirstDecodesToTheSamePicture)
 {
     std::vector<int32_t> bottomUp;
     for (int32_t y = 30; y >= 0; y--)
@@ -366,7 +360,7 @@ TEST_F(Part1_4_Decode, BottomRowFirstDecodesToTheSamePicture)
     }
 }
 
-TEST_F(Part1_4_Decode, InterlacedBilevelRowsAreStoredInAnyOrder)
+TEST_F(DecodePipeline, InterlacedBilevelRowsAreStoredInAnyOrder)
 {
     std::vector<int32_t> order;
     for (int32_t start : {0, 4, 2, 1})
@@ -379,7 +373,7 @@ TEST_F(Part1_4_Decode, InterlacedBilevelRowsAreStoredInAnyOrder)
     ExpectPicture1(h, 150, 37);
 }
 
-TEST_F(Part1_4_Decode, RunStoreGrowsForDenseRows)
+TEST_F(DecodePipeline, RunStoreGrowsForDenseRows)
 {
     // Every pixel a change: records of about 2 * width bytes, far beyond the
     // initial store of one eighth of the plain size.
@@ -399,7 +393,7 @@ TEST_F(Part1_4_Decode, RunStoreGrowsForDenseRows)
 
 // ---- fixed size ----
 
-TEST_F(Part1_4_Decode, FixedSizeMustBeSmallerBothWays)
+TEST_F(DecodePipeline, FixedSizeMustBeSmallerBothWays)
 {
     IMGLOW_set_decompsize(100, 100);
     script = {Header(50, 400, 8), Rows8(50, 400)};
@@ -410,7 +404,7 @@ TEST_F(Part1_4_Decode, FixedSizeMustBeSmallerBothWays)
     EXPECT_EQ(Row(h, 399)[49], Value8(49, 399));
 }
 
-TEST_F(Part1_4_Decode, FixedSizeTakesTheFirstSourceRowOfEachDestinationRow)
+TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourceRowOfEachDestinationRow)
 {
     // 1000 x 800 to 100 x 100: destination row = row * 100 / 800, so source
     // rows 0, 8, 16, ...; columns by the step (1000 << 16) / 100 = 10.0.
@@ -429,7 +423,7 @@ TEST_F(Part1_4_Decode, FixedSizeTakesTheFirstSourceRowOfEachDestinationRow)
     }
 }
 
-TEST_F(Part1_4_Decode, FixedSizeReducesEachDepth)
+TEST_F(DecodePipeline, FixedSizeReducesEachDepth)
 {
     // 9 -> 3 columns (step 3.0), 6 -> 2 rows (rows 0 and 3).
     IMGLOW_set_decompsize(3, 2);
@@ -468,7 +462,7 @@ TEST_F(Part1_4_Decode, FixedSizeReducesEachDepth)
     }
 }
 
-TEST_F(Part1_4_Decode, FixedSizeOfRunRecords)
+TEST_F(DecodePipeline, FixedSizeOfRunRecords)
 {
     IMGLOW_set_decompsize(100, 20);
     script = {Header(300, 60, 1), Rows1(300, 60, true)};
@@ -483,7 +477,7 @@ TEST_F(Part1_4_Decode, FixedSizeOfRunRecords)
 
 // ---- sub-rectangle ----
 
-TEST_F(Part1_4_Decode, SubRectangleOfPlainRows)
+TEST_F(DecodePipeline, SubRectangleOfPlainRows)
 {
     // 20 x 10, rectangle at 5, 2 of 8 x 4: 8 - 5 < 20 and 4 - 2 < 10.
     IMGLOW_set_decomp_rect(5, 2, 8, 4);
@@ -497,7 +491,7 @@ TEST_F(Part1_4_Decode, SubRectangleOfPlainRows)
             ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x + 5, y + 2));
 }
 
-TEST_F(Part1_4_Decode, SubRectangleComparesExtentMinusOrigin)
+TEST_F(DecodePipeline, SubRectangleComparesExtentMinusOrigin)
 {
     // Width 30 at left 15 on a 40-wide source: 30 - 15 = 15 < 40, so the
     // output is 30 wide although only 25 source columns remain; the columns
@@ -514,7 +508,7 @@ TEST_F(Part1_4_Decode, SubRectangleComparesExtentMinusOrigin)
     EXPECT_EQ(row[25], 0);
 }
 
-TEST_F(Part1_4_Decode, SubRectangleOfRunRecordsKeepsColoursInStep)
+TEST_F(DecodePipeline, SubRectangleOfRunRecordsKeepsColoursInStep)
 {
     for (int32_t left : {0, 7, 13, 64}) {
         SCOPED_TRACE(left);
@@ -529,7 +523,7 @@ TEST_F(Part1_4_Decode, SubRectangleOfRunRecordsKeepsColoursInStep)
     }
 }
 
-TEST_F(Part1_4_Decode, SubRectangleOfPackedBilevelRowsStartsAtAByte)
+TEST_F(DecodePipeline, SubRectangleOfPackedBilevelRowsStartsAtAByte)
 {
     // 1 bit: the first byte is rectLeft / 8, so left 13 starts at pixel 8.
     IMGLOW_set_decomp_rect(13, 0, 40, 0);
@@ -545,7 +539,7 @@ TEST_F(Part1_4_Decode, SubRectangleOfPackedBilevelRowsStartsAtAByte)
 
 // ---- create_handle_shell and settings ----
 
-TEST_F(Part1_4_Decode, CreateHandleShell)
+TEST_F(DecodePipeline, CreateHandleShell)
 {
     std::vector<uint8_t> info = Header(33, 7, 1);
     const uint8_t whiteBlack[8] = {255, 255, 255, 0, 0, 0, 0, 0};
@@ -575,14 +569,14 @@ TEST_F(Part1_4_Decode, CreateHandleShell)
     EXPECT_EQ(Row(handle, 6), row);
 }
 
-TEST_F(Part1_4_Decode, CreateHandleShellRejectsBadGeometry)
+TEST_F(DecodePipeline, CreateHandleShellRejectsBadGeometry)
 {
     std::vector<uint8_t> info = Header(0, 7, 8);
     EXPECT_EQ(IMG_create_handle_shell(info.data()), IMG_ERR_INVALID);
     EXPECT_EQ(ImgTableCount(), 0);
 }
 
-TEST_F(Part1_4_Decode, SettingsReturnZeroAndReductionIsChecked)
+TEST_F(DecodePipeline, SettingsReturnZeroAndReductionIsChecked)
 {
     EXPECT_EQ(IMGLOW_set_decomp_reduction(8), 0);
     EXPECT_EQ(IMGLOW_set_decomp_reduction(4), 0);
@@ -602,7 +596,7 @@ TEST_F(Part1_4_Decode, SettingsReturnZeroAndReductionIsChecked)
 
 // ---- through the registry ----
 
-TEST_F(Part1_4_Decode, MissingFileGivesMinus2)
+TEST_F(DecodePipeline, MissingFileGivesMinus2)
 {
     EXPECT_EQ(IMG_decompress_bitmap(TempPath("does_not_exist.bmp").c_str()), IMG_ERR_OPEN);
     EXPECT_EQ(IMGLOW_get_pages(TempPath("does_not_exist.bmp").c_str()), IMG_ERR_OPEN);
@@ -610,7 +604,7 @@ TEST_F(Part1_4_Decode, MissingFileGivesMinus2)
     EXPECT_EQ(IMGLOW_get_fileinfo(TempPath("does_not_exist.bmp").c_str(), info), IMG_ERR_OPEN);
 }
 
-TEST_F(Part1_4_Decode, UnknownTypeGivesMinus7AndNoImage)
+TEST_F(DecodePipeline, UnknownTypeGivesMinus7AndNoImage)
 {
     // Twelve printable bytes: plain text, whose probe is off at start; and
     // nothing else accepts "ZZZZ...".
@@ -648,7 +642,7 @@ int StartRecorder(uint32_t start, ImgRowSink, void *, ImgHeaderSink, int)
     return 0;
 }
 
-TEST_F(Part1_4_Decode, PageTwoReachesTheReaderAsFlaggedStart)
+TEST_F(DecodePipeline, PageTwoReachesTheReaderAsFlaggedStart)
 {
     std::vector<uint8_t> file = SmallBmp();
     ImgReader previous = RegistrySetReaderForTest("bmp", StartRecorder);
@@ -662,7 +656,7 @@ TEST_F(Part1_4_Decode, PageTwoReachesTheReaderAsFlaggedStart)
     RegistrySetReaderForTest("bmp", previous);
 }
 
-TEST_F(Part1_4_Decode, DecodesARealFileThroughDetection)
+TEST_F(DecodePipeline, DecodesARealFileThroughDetection)
 {
     std::vector<uint8_t> file = SmallBmp();
     std::string path = TempPath("decode_small.bmp");
@@ -686,7 +680,7 @@ TEST_F(Part1_4_Decode, DecodesARealFileThroughDetection)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_Decode, CreateHandleDecodesMemory)
+TEST_F(DecodePipeline, CreateHandleDecodesMemory)
 {
     std::vector<uint8_t> file = SmallBmp();
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(file.size()));
@@ -719,7 +713,7 @@ extern "C" int32_t IMGCDECL CallerSeek(int32_t handle, int32_t offset, int32_t w
     return (int32_t)callerPosition;
 }
 
-TEST_F(Part1_4_Decode, CallerIoServesAMemoryDecode)
+TEST_F(DecodePipeline, CallerIoServesAMemoryDecode)
 {
     callerFile = SmallBmp();
     callerPosition = 0;

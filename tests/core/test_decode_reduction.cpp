@@ -2,7 +2,7 @@
 // sink step 2 with the ordered dithers of Part 4.2).  Files are written as
 // BMP by the library's BMP writer and decoded with IMGLOW_set_decomp_reduction;
 // the expected rows come from a naive model of the Parts' words.
-#include "test_support.h"
+#include "support/support.h"
 
 #include <random>
 
@@ -15,7 +15,7 @@ const int kBayer[64] = {
     60,  188, 28,  156, 52,  180, 20,  148, 252, 124, 220, 92,  244, 116, 212, 84,
 };
 
-class Part1_4_DecodeReduction : public TrnwTest {
+class DecodeReduction : public TrnwTest {
   protected:
     void TearDown() override
     {
@@ -64,7 +64,7 @@ class Part1_4_DecodeReduction : public TrnwTest {
 
 } // namespace
 
-TEST_F(Part1_4_DecodeReduction, EightFromFourBitKeepsFourBits)
+TEST_F(DecodeReduction, EightFromFourBitKeepsFourBits)
 {
     std::vector<std::array<int, 3>> pixels;
     std::string path = WriteRandom(9, 5, 4, pixels);
@@ -81,7 +81,7 @@ TEST_F(Part1_4_DecodeReduction, EightFromFourBitKeepsFourBits)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
+TEST_F(DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
 {
     const int w = 13, h = 11;
     std::vector<std::array<int, 3>> pixels;
@@ -110,7 +110,7 @@ TEST_F(Part1_4_DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalette)
+TEST_F(DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalette)
 {
     const int w = 11, h = 9;
     std::vector<std::array<int, 3>> pixels;
@@ -138,7 +138,7 @@ TEST_F(Part1_4_DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalet
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
+TEST_F(DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
 {
     const int w = 21, h = 10;
     std::vector<std::array<int, 3>> pixels;
@@ -159,7 +159,7 @@ TEST_F(Part1_4_DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_DecodeReduction, ReductionAndFixedSizeTogether)
+TEST_F(DecodeReduction, ReductionAndFixedSizeTogether)
 {
     std::vector<std::array<int, 3>> pixels;
     std::string path = WriteRandom(40, 30, 24, pixels);

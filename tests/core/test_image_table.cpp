@@ -1,17 +1,17 @@
 /* Part 1.1: image table and image descriptor. */
-#include "test_support.h"
+#include "support/support.h"
 
 namespace {
 
-class Part1_1_ImageTable : public TrnwTest {};
-class Part1_1_Descriptor : public TrnwTest {};
-class Part1_1_Accessors : public TrnwTest {};
-class Part1_1_Raster : public TrnwTest {};
-class Part1_1_CodedStore : public TrnwTest {};
+class ImageTable : public TrnwTest {};
+class Descriptor : public TrnwTest {};
+class Accessors : public TrnwTest {};
+class Raster : public TrnwTest {};
+class CodedStore : public TrnwTest {};
 
 // ---- the table ----
 
-TEST_F(Part1_1_ImageTable, LowestFreeHandleIsReused)
+TEST_F(ImageTable, LowestFreeHandleIsReused)
 {
     EXPECT_EQ(NewImage(4, 4, 8), 0);
     EXPECT_EQ(NewImage(4, 4, 8), 1);
@@ -22,7 +22,7 @@ TEST_F(Part1_1_ImageTable, LowestFreeHandleIsReused)
     EXPECT_EQ(ImgTableCount(), 3);
 }
 
-TEST_F(Part1_1_ImageTable, DeletingHighestHandleShrinksPastEmptySlots)
+TEST_F(ImageTable, DeletingHighestHandleShrinksPastEmptySlots)
 {
     ASSERT_EQ(NewImage(4, 4, 8), 0);
     ASSERT_EQ(NewImage(4, 4, 8), 1);
@@ -33,7 +33,7 @@ TEST_F(Part1_1_ImageTable, DeletingHighestHandleShrinksPastEmptySlots)
     EXPECT_EQ(ImgTableCount(), 1); // both trailing empty slots go
 }
 
-TEST_F(Part1_1_ImageTable, DeletingLowHandleFirstKeepsCount)
+TEST_F(ImageTable, DeletingLowHandleFirstKeepsCount)
 {
     ASSERT_EQ(NewImage(4, 4, 8), 0);
     ASSERT_EQ(NewImage(4, 4, 8), 1);
@@ -45,7 +45,7 @@ TEST_F(Part1_1_ImageTable, DeletingLowHandleFirstKeepsCount)
     EXPECT_EQ(ImgTableCount(), 0);
 }
 
-TEST_F(Part1_1_ImageTable, DeletingLastImageFreesTable)
+TEST_F(ImageTable, DeletingLastImageFreesTable)
 {
     ASSERT_EQ(NewImage(4, 4, 8), 0);
     ASSERT_EQ(NewImage(4, 4, 8), 1);
@@ -56,7 +56,7 @@ TEST_F(Part1_1_ImageTable, DeletingLastImageFreesTable)
     EXPECT_EQ(ImgTableCount(), 1);
 }
 
-TEST_F(Part1_1_ImageTable, CountGrowsByExactlyOne)
+TEST_F(ImageTable, CountGrowsByExactlyOne)
 {
     for (int32_t i = 0; i < 25; i++) {
         ASSERT_EQ(NewImage(2, 2, 8), i);
@@ -64,7 +64,7 @@ TEST_F(Part1_1_ImageTable, CountGrowsByExactlyOne)
     }
 }
 
-TEST_F(Part1_1_ImageTable, InvalidHandlesGiveMinus13)
+TEST_F(ImageTable, InvalidHandlesGiveMinus13)
 {
     ASSERT_EQ(NewImage(4, 4, 8), 0);
     ASSERT_EQ(NewImage(4, 4, 8), 1);
@@ -78,7 +78,7 @@ TEST_F(Part1_1_ImageTable, InvalidHandlesGiveMinus13)
     EXPECT_EQ(IMG_bitmap_info(0, &w, &h, &b), 0);
 }
 
-TEST_F(Part1_1_ImageTable, EveryHandleFunctionValidates)
+TEST_F(ImageTable, EveryHandleFunctionValidates)
 {
     uint8_t buffer[2048];
     int32_t a, b, c, d;
@@ -105,7 +105,7 @@ TEST_F(Part1_1_ImageTable, EveryHandleFunctionValidates)
     }
 }
 
-TEST_F(Part1_1_ImageTable, FailedGrowthKeepsExistingImages)
+TEST_F(ImageTable, FailedGrowthKeepsExistingImages)
 {
     ASSERT_EQ(NewImage(4, 4, 8), 0);
     TestDib dib(4, 4, 8);
@@ -117,7 +117,7 @@ TEST_F(Part1_1_ImageTable, FailedGrowthKeepsExistingImages)
     EXPECT_EQ(w, 4);
 }
 
-TEST_F(Part1_1_ImageTable, FailedDescriptorLeavesSlotEmpty)
+TEST_F(ImageTable, FailedDescriptorLeavesSlotEmpty)
 {
     ASSERT_EQ(NewImage(4, 4, 8), 0);
     TestDib dib(4, 4, 8);
@@ -127,7 +127,7 @@ TEST_F(Part1_1_ImageTable, FailedDescriptorLeavesSlotEmpty)
     EXPECT_EQ(NewImage(4, 4, 8), 1);
 }
 
-TEST_F(Part1_1_ImageTable, FirstAllocationFailureLeavesNoTable)
+TEST_F(ImageTable, FirstAllocationFailureLeavesNoTable)
 {
     TestDib dib(4, 4, 8);
     ImgTestFailAllocations(0); // the table itself
@@ -141,7 +141,7 @@ TEST_F(Part1_1_ImageTable, FirstAllocationFailureLeavesNoTable)
 
 // ---- IMG_create_handle_keep and the descriptor ----
 
-TEST_F(Part1_1_Descriptor, KeepSetsDefaults)
+TEST_F(Descriptor, KeepSetsDefaults)
 {
     TestDib dib(100, 50, 8);
     int32_t h = IMG_create_handle_keep(dib.block);
@@ -167,7 +167,7 @@ TEST_F(Part1_1_Descriptor, KeepSetsDefaults)
     EXPECT_EQ(IMG_delete_bitmap_keep(h), 0);
 }
 
-TEST_F(Part1_1_Descriptor, StrideRulePerDepth)
+TEST_F(Descriptor, StrideRulePerDepth)
 {
     struct { int bits; int32_t width; int32_t stride; uint32_t palette; } cases[] = {
         {1, 33, 8, 8}, {4, 9, 8, 64}, {8, 5, 8, 1024}, {16, 3, 8, 1024}, {24, 5, 16, 0}, {32, 3, 12, 0},
@@ -183,7 +183,7 @@ TEST_F(Part1_1_Descriptor, StrideRulePerDepth)
     }
 }
 
-TEST_F(Part1_1_Descriptor, KeepRejectsBadGeometryAndKeepsSlot)
+TEST_F(Descriptor, KeepRejectsBadGeometryAndKeepsSlot)
 {
     for (auto geometry : {std::array<int32_t, 3>{0, 5, 8}, {5, 0, 8}, {5, 5, 0}, {-3, 5, 8}}) {
         TestDib dib(5, 5, 8);
@@ -202,7 +202,7 @@ TEST_F(Part1_1_Descriptor, KeepRejectsBadGeometryAndKeepsSlot)
     EXPECT_EQ(NewImage(4, 4, 8), 4);
 }
 
-TEST_F(Part1_1_Descriptor, KeepRejectsDepthsAndSizesItCannotHold)
+TEST_F(Descriptor, KeepRejectsDepthsAndSizesItCannotHold)
 {
     TestDib dib(5, 5, 8);
     BITMAPINFOHEADER header;
@@ -218,7 +218,7 @@ TEST_F(Part1_1_Descriptor, KeepRejectsDepthsAndSizesItCannotHold)
     EXPECT_EQ(IMG_create_handle_keep(nullptr), IMG_ERR_INVALID);
 }
 
-TEST_F(Part1_1_Descriptor, BilevelPaletteRuleRewritesLightEntryZero)
+TEST_F(Descriptor, BilevelPaletteRuleRewritesLightEntryZero)
 {
     TestDib dib(16, 2, 1);
     const uint8_t whiteBlack[8] = {255, 255, 255, 0, 0, 0, 0, 0};
@@ -232,7 +232,7 @@ TEST_F(Part1_1_Descriptor, BilevelPaletteRuleRewritesLightEntryZero)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_Descriptor, BilevelPaletteRuleNeedsAllThreeComponents)
+TEST_F(Descriptor, BilevelPaletteRuleNeedsAllThreeComponents)
 {
     TestDib dib(16, 2, 1);
     const uint8_t palette[8] = {0, 200, 200, 0, 10, 20, 30, 0};
@@ -243,7 +243,7 @@ TEST_F(Part1_1_Descriptor, BilevelPaletteRuleNeedsAllThreeComponents)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_Descriptor, DeleteKeepLeavesTheCallersBlock)
+TEST_F(Descriptor, DeleteKeepLeavesTheCallersBlock)
 {
     TestDib dib(8, 8, 8);
     int32_t h = IMG_create_handle_keep(dib.block);
@@ -254,7 +254,7 @@ TEST_F(Part1_1_Descriptor, DeleteKeepLeavesTheCallersBlock)
     EXPECT_EQ(PlatformBlockSize(dib.block), 40u + 1024u + 64u);
 }
 
-TEST_F(Part1_1_Descriptor, DeleteFreesTheBlock)
+TEST_F(Descriptor, DeleteFreesTheBlock)
 {
     TestDib dib(8, 8, 8);
     int32_t h = IMG_create_handle_keep(dib.block);
@@ -266,7 +266,7 @@ TEST_F(Part1_1_Descriptor, DeleteFreesTheBlock)
 
 // ---- accessors ----
 
-TEST_F(Part1_1_Accessors, BitmapInfoReportsStoredHeader)
+TEST_F(Accessors, BitmapInfoReportsStoredHeader)
 {
     int32_t h = NewImage(123, 45, 24);
     int32_t w = 0, ht = 0, b = 0;
@@ -276,7 +276,7 @@ TEST_F(Part1_1_Accessors, BitmapInfoReportsStoredHeader)
     EXPECT_EQ(b, 24);
 }
 
-TEST_F(Part1_1_Accessors, HeaderCopyIsHeaderAndPalette)
+TEST_F(Accessors, HeaderCopyIsHeaderAndPalette)
 {
     int32_t h = NewImage(10, 10, 4);
     uint8_t *palette = ImgTableGet(h)->dib + 40;
@@ -288,7 +288,7 @@ TEST_F(Part1_1_Accessors, HeaderCopyIsHeaderAndPalette)
     EXPECT_EQ(buffer[40 + 64], 0xEE); // nothing beyond header and palette
 }
 
-TEST_F(Part1_1_Accessors, PaletteRoundTrip)
+TEST_F(Accessors, PaletteRoundTrip)
 {
     int32_t h = NewImage(10, 10, 8);
     std::vector<uint8_t> palette(1024), back(1024 + 4, 0xEE);
@@ -301,7 +301,7 @@ TEST_F(Part1_1_Accessors, PaletteRoundTrip)
     EXPECT_EQ(0, std::memcmp(ImgTableGet(h)->dib + 40, palette.data(), 1024));
 }
 
-TEST_F(Part1_1_Accessors, TrueColourHasNoPalette)
+TEST_F(Accessors, TrueColourHasNoPalette)
 {
     int32_t h = NewImage(10, 10, 24);
     uint8_t buffer[4] = {1, 2, 3, 4};
@@ -311,7 +311,7 @@ TEST_F(Part1_1_Accessors, TrueColourHasNoPalette)
     EXPECT_EQ(ImgTableGet(h)->dib[40], 0); // the first pixel byte, untouched
 }
 
-TEST_F(Part1_1_Accessors, NoPixelBlockGivesMinus1)
+TEST_F(Accessors, NoPixelBlockGivesMinus1)
 {
     int32_t h = NewImage(10, 10, 8);
     uint8_t *dib = ImgTableGet(h)->dib;
@@ -326,7 +326,7 @@ TEST_F(Part1_1_Accessors, NoPixelBlockGivesMinus1)
     ImgTableGet(h)->dib = dib;
 }
 
-TEST_F(Part1_1_Accessors, CropRectIsClippedToImage)
+TEST_F(Accessors, CropRectIsClippedToImage)
 {
     int32_t h = NewImage(100, 50, 8);
     EXPECT_EQ(IMG_set_croprect(h, -5, -5, 10000, 10000), 0);
@@ -338,7 +338,7 @@ TEST_F(Part1_1_Accessors, CropRectIsClippedToImage)
     EXPECT_EQ(ht, 50);
 }
 
-TEST_F(Part1_1_Accessors, CropRectInsideIsKeptAndNothingElseChecked)
+TEST_F(Accessors, CropRectInsideIsKeptAndNothingElseChecked)
 {
     int32_t h = NewImage(100, 50, 8);
     int32_t x, y, w, ht;
@@ -353,7 +353,7 @@ TEST_F(Part1_1_Accessors, CropRectInsideIsKeptAndNothingElseChecked)
     EXPECT_EQ(std::vector<int32_t>({x, y, w, ht}), std::vector<int32_t>({120, 0, -20, -3}));
 }
 
-TEST_F(Part1_1_Accessors, SettersStoreTheirValues)
+TEST_F(Accessors, SettersStoreTheirValues)
 {
     int32_t h = NewImage(10, 10, 8);
     EXPECT_EQ(IMGLOW_set_rop(h, 0x00EE0086u), 0);
@@ -366,7 +366,7 @@ TEST_F(Part1_1_Accessors, SettersStoreTheirValues)
     EXPECT_EQ(d->brightness, -12);
 }
 
-TEST_F(Part1_1_Accessors, TransparentColour)
+TEST_F(Accessors, TransparentColour)
 {
     int32_t h = NewImage(10, 10, 8);
     EXPECT_EQ(IMGLOW_get_transp_color(h), IMG_ERR_NO_TRANSPARENT);
@@ -378,7 +378,7 @@ TEST_F(Part1_1_Accessors, TransparentColour)
     EXPECT_EQ(IMGLOW_get_transp_color(h), 0);
 }
 
-TEST_F(Part1_1_Accessors, DisplayAngle)
+TEST_F(Accessors, DisplayAngle)
 {
     int32_t h = NewImage(10, 10, 8);
     for (int32_t angle : {90, 180, 270, 0}) {
@@ -392,7 +392,7 @@ TEST_F(Part1_1_Accessors, DisplayAngle)
     EXPECT_EQ(ImgTableGet(h)->displayAngle, 90); // unchanged
 }
 
-TEST_F(Part1_1_Accessors, Version)
+TEST_F(Accessors, Version)
 {
     int32_t major = 0, minor = 0;
     EXPECT_EQ(IMG_ifl_version(&major, &minor), 0);
@@ -405,7 +405,7 @@ TEST_F(Part1_1_Accessors, Version)
 
 // ---- raster rows, plain ----
 
-TEST_F(Part1_1_Raster, RowZeroIsTheTopRowStoredLast)
+TEST_F(Raster, RowZeroIsTheTopRowStoredLast)
 {
     int32_t h = NewImage(6, 3, 8);
     ImgDescriptor *d = ImgTableGet(h);
@@ -419,7 +419,7 @@ TEST_F(Part1_1_Raster, RowZeroIsTheTopRowStoredLast)
     EXPECT_EQ(back[0], 0); // row 2 is the bottom row, still zero
 }
 
-TEST_F(Part1_1_Raster, ShortCountCopiesOnlyThatMany)
+TEST_F(Raster, ShortCountCopiesOnlyThatMany)
 {
     int32_t h = NewImage(8, 2, 8);
     uint8_t row[8] = {9, 9, 9, 9, 9, 9, 9, 9};
@@ -430,7 +430,7 @@ TEST_F(Part1_1_Raster, ShortCountCopiesOnlyThatMany)
     EXPECT_EQ(std::vector<uint8_t>(back, back + 8), std::vector<uint8_t>({9, 9, 9, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(Part1_1_Raster, CountMayRunOnIntoTheRowsAbove)
+TEST_F(Raster, CountMayRunOnIntoTheRowsAbove)
 {
     // Rows are bottom-up: the bytes after row r are rows r-1, r-2, ... up to the top.
     int32_t h = NewImage(4, 3, 8);
@@ -444,7 +444,7 @@ TEST_F(Part1_1_Raster, CountMayRunOnIntoTheRowsAbove)
     EXPECT_EQ(IMGLOW_get_raster(h, all.data(), 1, 12), IMG_ERR_TYPE); // beyond the pixels
 }
 
-TEST_F(Part1_1_Raster, RowsOutsideTheImageAreRefused)
+TEST_F(Raster, RowsOutsideTheImageAreRefused)
 {
     int32_t h = NewImage(4, 3, 8);
     uint8_t row[4] = {};
@@ -470,7 +470,7 @@ void FillPattern(TestDib &dib)
 
 bool PixelOf(const uint8_t *row, int32_t x) { return (row[x >> 3] >> (7 - (x & 7))) & 1; }
 
-TEST_F(Part1_1_CodedStore, DibToRunsAndBack)
+TEST_F(CodedStore, DibToRunsAndBack)
 {
     TestDib dib(203, 37, 1);
     FillPattern(dib);
@@ -507,7 +507,7 @@ TEST_F(Part1_1_CodedStore, DibToRunsAndBack)
     EXPECT_EQ(IMG_delete_bitmap_keep(h), 0); // the converted blocks are ours and are freed
 }
 
-TEST_F(Part1_1_CodedStore, StoredRecordsEndWithWidthThreeTimes)
+TEST_F(CodedStore, StoredRecordsEndWithWidthThreeTimes)
 {
     TestDib dib(20, 2, 1);
     std::memset(dib.Row(0), 0xFF, 4);
@@ -525,7 +525,7 @@ TEST_F(Part1_1_CodedStore, StoredRecordsEndWithWidthThreeTimes)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, RecordOfStrideLengthGetsFourthWidth)
+TEST_F(CodedStore, RecordOfStrideLengthGetsFourthWidth)
 {
     // Width 64: stride 8; an all-white row is 2 + 3 * 2 = 8 bytes, the stride: a fourth width.
     TestDib dib(64, 1, 1);
@@ -539,7 +539,7 @@ TEST_F(Part1_1_CodedStore, RecordOfStrideLengthGetsFourthWidth)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, StoreStartsAtOneEighthAndGrowsByExtrapolation)
+TEST_F(CodedStore, StoreStartsAtOneEighthAndGrowsByExtrapolation)
 {
     // 100 x 50 white: plain size 40 + 8 + 16 * 50 = 848, store 848 / 8 = 106 bytes.
     // Each row is 8 bytes; row 7 would end at 48 + 64 = 112 > 106, so dibSize becomes
@@ -553,7 +553,7 @@ TEST_F(Part1_1_CodedStore, StoreStartsAtOneEighthAndGrowsByExtrapolation)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, WideImagesStartAtOneFiftieth)
+TEST_F(CodedStore, WideImagesStartAtOneFiftieth)
 {
     // Width 10000: stride 1252, plain 48 + 2 * 1252 = 2552, store 2552 / 50 = 51.
     // Row 0 ends at 48 + 8 = 56 > 51: trunc(2 / 10 * 51) + 32768 = 32778.
@@ -572,7 +572,7 @@ TEST_F(Part1_1_CodedStore, WideImagesStartAtOneFiftieth)
     IMG_delete_bitmap_keep(h2);
 }
 
-TEST_F(Part1_1_CodedStore, DenseRowsNeedMoreThanTheGrowthFormula)
+TEST_F(CodedStore, DenseRowsNeedMoreThanTheGrowthFormula)
 {
     // A checkerboard of single pixels: every pixel a change, far beyond what the
     // extrapolation gives near the last rows; the store still holds every row.
@@ -591,7 +591,7 @@ TEST_F(Part1_1_CodedStore, DenseRowsNeedMoreThanTheGrowthFormula)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, OnlyBilevelPlainImagesConvert)
+TEST_F(CodedStore, OnlyBilevelPlainImagesConvert)
 {
     int32_t h8 = NewImage(10, 10, 8);
     EXPECT_EQ(IMG_dib_to_runs(h8), IMG_ERR_DEPTH);
@@ -603,7 +603,7 @@ TEST_F(Part1_1_CodedStore, OnlyBilevelPlainImagesConvert)
     EXPECT_EQ(ImgTableGet(h1)->dib, store);
 }
 
-TEST_F(Part1_1_CodedStore, FailedConversionLeavesImageUnchanged)
+TEST_F(CodedStore, FailedConversionLeavesImageUnchanged)
 {
     TestDib dib(64, 8, 1);
     FillPattern(dib);
@@ -622,7 +622,7 @@ TEST_F(Part1_1_CodedStore, FailedConversionLeavesImageUnchanged)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, GetRasterFillsBeyondWidthWithOnes)
+TEST_F(CodedStore, GetRasterFillsBeyondWidthWithOnes)
 {
     TestDib dib(10, 1, 1);
     dib.Row(0)[0] = 0x00; // ten black pixels, padding bits clear in the source
@@ -638,7 +638,7 @@ TEST_F(Part1_1_CodedStore, GetRasterFillsBeyondWidthWithOnes)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, PutRasterRecodesOneRow)
+TEST_F(CodedStore, PutRasterRecodesOneRow)
 {
     TestDib dib(100, 5, 1);
     FillPattern(dib);
@@ -668,7 +668,7 @@ TEST_F(Part1_1_CodedStore, PutRasterRecodesOneRow)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, PutRasterShortCountKeepsRestOfRow)
+TEST_F(CodedStore, PutRasterShortCountKeepsRestOfRow)
 {
     TestDib dib(32, 1, 1);
     std::memset(dib.Row(0), 0x00, 4); // all black
@@ -682,7 +682,7 @@ TEST_F(Part1_1_CodedStore, PutRasterShortCountKeepsRestOfRow)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Part1_1_CodedStore, CodedRowRequestsStayInsideOneRow)
+TEST_F(CodedStore, CodedRowRequestsStayInsideOneRow)
 {
     int32_t h = NewImage(40, 3, 1);
     ASSERT_EQ(IMG_dib_to_runs(h), 0);
@@ -693,7 +693,7 @@ TEST_F(Part1_1_CodedStore, CodedRowRequestsStayInsideOneRow)
     EXPECT_EQ(IMGLOW_get_raster(h, buffer.data(), 2, 8), 0);
 }
 
-TEST_F(Part1_1_CodedStore, RasterScratchFailureGivesMinus1)
+TEST_F(CodedStore, RasterScratchFailureGivesMinus1)
 {
     int32_t h = NewImage(40, 3, 1);
     ASSERT_EQ(IMG_dib_to_runs(h), 0);

@@ -11,7 +11,7 @@
  * block: a seek with whence 2 sets the position to memorySize + offset, and
  * ImgTell() reports the position.
  */
-#include "test_support.h"
+#include "support/support.h"
 
 #include <cctype>
 
@@ -89,7 +89,7 @@ static int32_t g_seekHandle, g_seekOffset, g_seekWhence;
 static void *g_readBuffer, *g_writeBuffer;
 static int32_t g_readResult, g_writeResult, g_seekResult;
 
-extern "C" int32_t IMGCDECL Part1_2_RecordRead(int32_t handle, void *buffer, int32_t count)
+extern "C" int32_t IMGCDECL RecordRead(int32_t handle, void *buffer, int32_t count)
 {
     g_readCalls++;
     g_readHandle = handle;
@@ -98,7 +98,7 @@ extern "C" int32_t IMGCDECL Part1_2_RecordRead(int32_t handle, void *buffer, int
     return g_readResult;
 }
 
-extern "C" int32_t IMGCDECL Part1_2_RecordWrite(int32_t handle, void *buffer, int32_t count)
+extern "C" int32_t IMGCDECL RecordWrite(int32_t handle, void *buffer, int32_t count)
 {
     g_writeCalls++;
     g_writeHandle = handle;
@@ -107,7 +107,7 @@ extern "C" int32_t IMGCDECL Part1_2_RecordWrite(int32_t handle, void *buffer, in
     return g_writeResult;
 }
 
-extern "C" int32_t IMGCDECL Part1_2_RecordSeek(int32_t handle, int32_t offset, int32_t whence)
+extern "C" int32_t IMGCDECL RecordSeek(int32_t handle, int32_t offset, int32_t whence)
 {
     g_seekCalls++;
     g_seekHandle = handle;
@@ -116,8 +116,8 @@ extern "C" int32_t IMGCDECL Part1_2_RecordSeek(int32_t handle, int32_t offset, i
     return g_seekResult;
 }
 
-class Part1_2_MemoryImage : public TrnwTest {};
-class Part1_2_CallerIo : public TrnwTest {
+class MemoryImage : public TrnwTest {};
+class CallerIo : public TrnwTest {
   protected:
     void SetUp() override
     {
@@ -129,17 +129,17 @@ class Part1_2_CallerIo : public TrnwTest {
         g_readResult = g_writeResult = g_seekResult = 0;
     }
 };
-class Part1_2_Io : public TrnwTest {};
-class Part1_2_TempFile : public TrnwTest {};
-class Part1_2_Alloc : public TrnwTest {};
-class Part1_2_Tracked : public TrnwTest {};
-class Part1_2_BitmapName : public TrnwTest {};
+class Io : public TrnwTest {};
+class TempFile : public TrnwTest {};
+class Alloc : public TrnwTest {};
+class Tracked : public TrnwTest {};
+class BitmapName : public TrnwTest {};
 
 /* ==== the memory image ==== */
 
 // Edge case: 10 bytes at 95 of a 100-byte block give 5 and leave the position
 // at 100; a further read of 10 returns 10 and copies nothing.
-TEST_F(Part1_2_MemoryImage, ReadAtPosition95Of100ReturnsFiveThenClaimsTen)
+TEST_F(MemoryImage, ReadAtPosition95Of100ReturnsFiveThenClaimsTen)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -166,7 +166,7 @@ TEST_F(Part1_2_MemoryImage, ReadAtPosition95Of100ReturnsFiveThenClaimsTen)
 }
 
 // ImgSetMemorySource on the start of a block of ours takes the block's size.
-TEST_F(Part1_2_MemoryImage, BlockFromImgAllocHasItsSize)
+TEST_F(MemoryImage, BlockFromImgAllocHasItsSize)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -177,7 +177,7 @@ TEST_F(Part1_2_MemoryImage, BlockFromImgAllocHasItsSize)
 }
 
 // Edge case: whence 2, offset -4 on a 100-byte block sets the position to 96.
-TEST_F(Part1_2_MemoryImage, SeekFromEndMinusFourIsPosition96)
+TEST_F(MemoryImage, SeekFromEndMinusFourIsPosition96)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -194,7 +194,7 @@ TEST_F(Part1_2_MemoryImage, SeekFromEndMinusFourIsPosition96)
 }
 
 // Whence 0 sets, 1 adds, any other whence sets to memorySize + offset; all return 0.
-TEST_F(Part1_2_MemoryImage, SeekWhenceRules)
+TEST_F(MemoryImage, SeekWhenceRules)
 {
     std::vector<uint8_t> data = Pattern(100);
     ImgSetMemorySourceSized(data.data(), 100);
@@ -214,7 +214,7 @@ TEST_F(Part1_2_MemoryImage, SeekWhenceRules)
 
 // Nothing is clamped: far past the end a read claims success and copies
 // nothing; a seek back brings the image into use again.
-TEST_F(Part1_2_MemoryImage, SeekFarPastEndIsUnclampedAndSeekBackWorks)
+TEST_F(MemoryImage, SeekFarPastEndIsUnclampedAndSeekBackWorks)
 {
     std::vector<uint8_t> data = Pattern(100);
     ImgSetMemorySourceSized(data.data(), 100);
@@ -243,7 +243,7 @@ TEST_F(Part1_2_MemoryImage, SeekFarPastEndIsUnclampedAndSeekBackWorks)
 
 // The position is unsigned and unclamped: a negative whence-0 offset lands
 // far past the end, where reads claim success and copy nothing.
-TEST_F(Part1_2_MemoryImage, NegativeSeekFromStartLandsPastTheEnd)
+TEST_F(MemoryImage, NegativeSeekFromStartLandsPastTheEnd)
 {
     std::vector<uint8_t> data = Pattern(100);
     ImgSetMemorySourceSized(data.data(), 100);
@@ -259,7 +259,7 @@ TEST_F(Part1_2_MemoryImage, NegativeSeekFromStartLandsPastTheEnd)
 }
 
 // Reading from inside: n = min(count, size - position), the position advances by n.
-TEST_F(Part1_2_MemoryImage, ReadsAdvanceThePosition)
+TEST_F(MemoryImage, ReadsAdvanceThePosition)
 {
     std::vector<uint8_t> data = Pattern(100, 7);
     ImgSetMemorySourceSized(data.data(), 100);
@@ -276,7 +276,7 @@ TEST_F(Part1_2_MemoryImage, ReadsAdvanceThePosition)
 }
 
 // A read stops at memorySize even where the memory behind it is readable.
-TEST_F(Part1_2_MemoryImage, SizedImageStopsAtItsSize)
+TEST_F(MemoryImage, SizedImageStopsAtItsSize)
 {
     std::vector<uint8_t> data = Pattern(200);
     ImgSetMemorySourceSized(data.data(), 50);
@@ -292,7 +292,7 @@ TEST_F(Part1_2_MemoryImage, SizedImageStopsAtItsSize)
 }
 
 // Size 0 means unknown: the image is unbounded (0x70000000).
-TEST_F(Part1_2_MemoryImage, SizedWithZeroIsUnbounded)
+TEST_F(MemoryImage, SizedWithZeroIsUnbounded)
 {
     std::vector<uint8_t> data = Pattern(64);
     ImgSetMemorySourceSized(data.data(), 0);
@@ -306,7 +306,7 @@ TEST_F(Part1_2_MemoryImage, SizedWithZeroIsUnbounded)
 // image unbounded; reads never report a short count.  ImgAlloc(100) + 10 is
 // inside a block of ours: reads are kept inside the real block (10 bytes at
 // relative position 80 end at byte 100 of the block).
-TEST_F(Part1_2_MemoryImage, PointerInsideABlockIsUnbounded)
+TEST_F(MemoryImage, PointerInsideABlockIsUnbounded)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -328,7 +328,7 @@ TEST_F(Part1_2_MemoryImage, PointerInsideABlockIsUnbounded)
 }
 
 // A caller's memory that is no block at all (here the stack) is unbounded too.
-TEST_F(Part1_2_MemoryImage, CallerMemoryThatIsNoBlockIsUnbounded)
+TEST_F(MemoryImage, CallerMemoryThatIsNoBlockIsUnbounded)
 {
     uint8_t local[64];
     for (int i = 0; i < 64; i++)
@@ -341,7 +341,7 @@ TEST_F(Part1_2_MemoryImage, CallerMemoryThatIsNoBlockIsUnbounded)
 }
 
 // Set-up starts at position 0, also when an earlier image was half read.
-TEST_F(Part1_2_MemoryImage, SetUpResetsThePosition)
+TEST_F(MemoryImage, SetUpResetsThePosition)
 {
     std::vector<uint8_t> a = Pattern(100), b = Pattern(100, 50);
     ImgSetMemorySourceSized(a.data(), 100);
@@ -360,7 +360,7 @@ TEST_F(Part1_2_MemoryImage, SetUpResetsThePosition)
 }
 
 // Writes mirror reads: n = min(count, size - position) copied into the block.
-TEST_F(Part1_2_MemoryImage, WriteMirrorsRead)
+TEST_F(MemoryImage, WriteMirrorsRead)
 {
     std::vector<uint8_t> backing(200, 0xEE); // bytes 100..199 lie outside the image
     ImgSetMemorySourceSized(backing.data(), 100);
@@ -386,7 +386,7 @@ TEST_F(Part1_2_MemoryImage, WriteMirrorsRead)
 }
 
 // The block never grows: a write past the end leaves a block of ours at its size.
-TEST_F(Part1_2_MemoryImage, WriteNeverGrowsTheBlock)
+TEST_F(MemoryImage, WriteNeverGrowsTheBlock)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -404,7 +404,7 @@ TEST_F(Part1_2_MemoryImage, WriteNeverGrowsTheBlock)
 }
 
 // Reading and writing share one position.
-TEST_F(Part1_2_MemoryImage, ReadAndWriteShareThePosition)
+TEST_F(MemoryImage, ReadAndWriteShareThePosition)
 {
     std::vector<uint8_t> data = Pattern(20);
     ImgSetMemorySourceSized(data.data(), 20);
@@ -422,7 +422,7 @@ TEST_F(Part1_2_MemoryImage, ReadAndWriteShareThePosition)
 }
 
 // ImgTell reports the memory image's position after reads, writes and seeks.
-TEST_F(Part1_2_MemoryImage, TellReportsThePosition)
+TEST_F(MemoryImage, TellReportsThePosition)
 {
     std::vector<uint8_t> data(64, 0);
     ImgSetMemorySourceSized(data.data(), 64);
@@ -438,7 +438,7 @@ TEST_F(Part1_2_MemoryImage, TellReportsThePosition)
 
 // Edge case: ImgFileSize(32767) after reading 12 bytes returns 12 (the
 // position, not the block size); it does not move the position.
-TEST_F(Part1_2_MemoryImage, FileSizeOfMemoryImageIsThePosition)
+TEST_F(MemoryImage, FileSizeOfMemoryImageIsThePosition)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -456,19 +456,19 @@ TEST_F(Part1_2_MemoryImage, FileSizeOfMemoryImageIsThePosition)
 
 /* ==== caller I/O ==== */
 
-TEST_F(Part1_2_CallerIo, SetFileioReturnsZero)
+TEST_F(CallerIo, SetFileioReturnsZero)
 {
-    EXPECT_EQ(IMGLOW_set_fileio(Part1_2_RecordRead, Part1_2_RecordWrite, Part1_2_RecordSeek), 0);
+    EXPECT_EQ(IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek), 0);
     EXPECT_EQ(IMGLOW_set_fileio(nullptr, nullptr, nullptr), 0);
 }
 
 // The caller's read gets the same three arguments for every handle, and its
 // result comes back unchanged.
-TEST_F(Part1_2_CallerIo, ReadGoesToCallerWithSameArgumentsForEveryHandle)
+TEST_F(CallerIo, ReadGoesToCallerWithSameArgumentsForEveryHandle)
 {
     std::vector<uint8_t> data = Pattern(100);
     ImgSetMemorySourceSized(data.data(), 100);
-    IMGLOW_set_fileio(Part1_2_RecordRead, Part1_2_RecordWrite, Part1_2_RecordSeek);
+    IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
     uint8_t buf[32];
     std::memset(buf, 0x77, sizeof buf);
 
@@ -491,11 +491,11 @@ TEST_F(Part1_2_CallerIo, ReadGoesToCallerWithSameArgumentsForEveryHandle)
     EXPECT_EQ(g_seekCalls, 0);
 }
 
-TEST_F(Part1_2_CallerIo, WriteGoesToCallerWithSameArgumentsForEveryHandle)
+TEST_F(CallerIo, WriteGoesToCallerWithSameArgumentsForEveryHandle)
 {
     std::vector<uint8_t> data(100, 0);
     ImgSetMemorySourceSized(data.data(), 100);
-    IMGLOW_set_fileio(Part1_2_RecordRead, Part1_2_RecordWrite, Part1_2_RecordSeek);
+    IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
     const uint8_t src[9] = {9, 8, 7, 6, 5, 4, 3, 2, 1};
 
     g_writeResult = 3;
@@ -517,11 +517,11 @@ TEST_F(Part1_2_CallerIo, WriteGoesToCallerWithSameArgumentsForEveryHandle)
     EXPECT_EQ(g_seekCalls, 0);
 }
 
-TEST_F(Part1_2_CallerIo, SeekGoesToCallerWithSameArgumentsForEveryHandle)
+TEST_F(CallerIo, SeekGoesToCallerWithSameArgumentsForEveryHandle)
 {
     std::vector<uint8_t> data(100, 0);
     ImgSetMemorySourceSized(data.data(), 100);
-    IMGLOW_set_fileio(Part1_2_RecordRead, Part1_2_RecordWrite, Part1_2_RecordSeek);
+    IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
 
     g_seekResult = 555;
     EXPECT_EQ(ImgSeek(kMem, -4, 2), 555) << "not the memory image's 0";
@@ -542,12 +542,12 @@ TEST_F(Part1_2_CallerIo, SeekGoesToCallerWithSameArgumentsForEveryHandle)
 // Edge case: after IMGLOW_set_fileio(r, w, s), work on the memory image (as a
 // decode from memory does: set the image, seek, read) goes through r and s
 // with handle 32767.  (No decoder exists yet; this is the primitive level.)
-TEST_F(Part1_2_CallerIo, MemoryImageStillGoesThroughCallerReadAndSeek)
+TEST_F(CallerIo, MemoryImageStillGoesThroughCallerReadAndSeek)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
     std::memset(block, 0x33, 100);
-    IMGLOW_set_fileio(Part1_2_RecordRead, Part1_2_RecordWrite, Part1_2_RecordSeek);
+    IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
     ImgSetMemorySource(block);
     g_readResult = 2;
     uint8_t header[2] = {0, 0};
@@ -564,13 +564,13 @@ TEST_F(Part1_2_CallerIo, MemoryImageStillGoesThroughCallerReadAndSeek)
 }
 
 // A real file handle is served by the caller's functions too: the file stays untouched.
-TEST_F(Part1_2_CallerIo, FileHandleGoesToCallerInsteadOfTheFile)
+TEST_F(CallerIo, FileHandleGoesToCallerInsteadOfTheFile)
 {
     std::string path = TempPath("part1_2_callerio_file.bin");
     ASSERT_TRUE(WriteFileBytes(path, Pattern(50)));
     int h = ImgOpen(path.c_str(), 1);
     ASSERT_NE(h, -1);
-    IMGLOW_set_fileio(Part1_2_RecordRead, Part1_2_RecordWrite, Part1_2_RecordSeek);
+    IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
     uint8_t buf[5] = {0xF0, 0xF0, 0xF0, 0xF0, 0xF0};
     g_readResult = 5;
     g_writeResult = 5;
@@ -590,14 +590,14 @@ TEST_F(Part1_2_CallerIo, FileHandleGoesToCallerInsteadOfTheFile)
 }
 
 // A null pointer restores the built-in behaviour of that one primitive only.
-TEST_F(Part1_2_CallerIo, NullRestoresOnlyThatPrimitive)
+TEST_F(CallerIo, NullRestoresOnlyThatPrimitive)
 {
     std::vector<uint8_t> data = Pattern(100);
     ImgSetMemorySourceSized(data.data(), 100);
     const uint8_t src[4] = {0xD0, 0xD1, 0xD2, 0xD3};
 
     // Write built in, read and seek the caller's.
-    IMGLOW_set_fileio(Part1_2_RecordRead, nullptr, Part1_2_RecordSeek);
+    IMGLOW_set_fileio(RecordRead, nullptr, RecordSeek);
     g_readResult = 99;
     EXPECT_EQ(ImgWrite(kMem, src, 4), 4);
     EXPECT_EQ(g_writeCalls, 0);
@@ -612,7 +612,7 @@ TEST_F(Part1_2_CallerIo, NullRestoresOnlyThatPrimitive)
     EXPECT_EQ(ImgTell(), 4u);
 
     // Read and seek built in, write the caller's.
-    IMGLOW_set_fileio(nullptr, Part1_2_RecordWrite, nullptr);
+    IMGLOW_set_fileio(nullptr, RecordWrite, nullptr);
     g_writeResult = 1;
     EXPECT_EQ(ImgSeek(kMem, 10, 0), 0);
     EXPECT_EQ(g_seekCalls, 1);
@@ -634,7 +634,7 @@ TEST_F(Part1_2_CallerIo, NullRestoresOnlyThatPrimitive)
 /* ==== files by name ==== */
 
 // Mode 2 creates; the primitives write, seek (returning the new position) and read.
-TEST_F(Part1_2_Io, CreateWriteSeekReadFile)
+TEST_F(Io, CreateWriteSeekReadFile)
 {
     std::string path = TempPath("part1_2_create.bin");
     std::remove(path.c_str());
@@ -658,7 +658,7 @@ TEST_F(Part1_2_Io, CreateWriteSeekReadFile)
 }
 
 // Mode 0 opens an existing file for reading.
-TEST_F(Part1_2_Io, OpenForReading)
+TEST_F(Io, OpenForReading)
 {
     std::string path = TempPath("part1_2_read.bin");
     std::vector<uint8_t> bytes = Pattern(300, 9);
@@ -673,7 +673,7 @@ TEST_F(Part1_2_Io, OpenForReading)
 }
 
 // Mode 0 on a missing file fails with -1.
-TEST_F(Part1_2_Io, OpenMissingFileForReadingFails)
+TEST_F(Io, OpenMissingFileForReadingFails)
 {
     std::string path = TempPath("part1_2_missing.bin");
     std::remove(path.c_str());
@@ -682,7 +682,7 @@ TEST_F(Part1_2_Io, OpenMissingFileForReadingFails)
 }
 
 // Mode 1 opens for reading and writing without truncating.
-TEST_F(Part1_2_Io, OpenForReadingAndWriting)
+TEST_F(Io, OpenForReadingAndWriting)
 {
     std::string path = TempPath("part1_2_readwrite.bin");
     std::vector<uint8_t> bytes = Pattern(100);
@@ -704,7 +704,7 @@ TEST_F(Part1_2_Io, OpenForReadingAndWriting)
 }
 
 // Mode 2 truncates an existing file.
-TEST_F(Part1_2_Io, CreateTruncatesExistingFile)
+TEST_F(Io, CreateTruncatesExistingFile)
 {
     std::string path = TempPath("part1_2_truncate.bin");
     ASSERT_TRUE(WriteFileBytes(path, Pattern(500)));
@@ -719,7 +719,7 @@ TEST_F(Part1_2_Io, CreateTruncatesExistingFile)
 }
 
 // Mode 3 only tests existence: -1 when missing, something else when present.
-TEST_F(Part1_2_Io, ExistenceTest)
+TEST_F(Io, ExistenceTest)
 {
     std::string path = TempPath("part1_2_exists.bin");
     std::remove(path.c_str());
@@ -732,7 +732,7 @@ TEST_F(Part1_2_Io, ExistenceTest)
 }
 
 // ImgFileSize of a file is its length, and the position is restored.
-TEST_F(Part1_2_Io, FileSizeOfFileIsItsLengthAndKeepsThePosition)
+TEST_F(Io, FileSizeOfFileIsItsLengthAndKeepsThePosition)
 {
     std::string path = TempPath("part1_2_filesize.bin");
     std::vector<uint8_t> bytes = Pattern(1234);
@@ -753,7 +753,7 @@ TEST_F(Part1_2_Io, FileSizeOfFileIsItsLengthAndKeepsThePosition)
 
 // Mode 0 writes the directory (at most 100 characters) and the "img" name,
 // and creates the file, which ImgWrite can fill.
-TEST_F(Part1_2_TempFile, ModeZeroWritesPathAndCreatesFile)
+TEST_F(TempFile, ModeZeroWritesPathAndCreatesFile)
 {
     char path[IMG_TEMP_PATH_SIZE];
     std::memset(path, 0, sizeof path);
@@ -778,7 +778,7 @@ TEST_F(Part1_2_TempFile, ModeZeroWritesPathAndCreatesFile)
 }
 
 // Unique number 1: the same name on every call within the process.
-TEST_F(Part1_2_TempFile, SameNameOnEveryCall)
+TEST_F(TempFile, SameNameOnEveryCall)
 {
     char first[IMG_TEMP_PATH_SIZE], second[IMG_TEMP_PATH_SIZE];
     std::memset(first, 0, sizeof first);
@@ -794,7 +794,7 @@ TEST_F(Part1_2_TempFile, SameNameOnEveryCall)
 }
 
 // Mode 1 reopens the file named in the buffer for reading.
-TEST_F(Part1_2_TempFile, ModeOneReopensForReading)
+TEST_F(TempFile, ModeOneReopensForReading)
 {
     char path[IMG_TEMP_PATH_SIZE];
     std::memset(path, 0, sizeof path);
@@ -814,7 +814,7 @@ TEST_F(Part1_2_TempFile, ModeOneReopensForReading)
 }
 
 // Mode 1 opens whatever file the buffer names.
-TEST_F(Part1_2_TempFile, ModeOneOpensTheNamedFile)
+TEST_F(TempFile, ModeOneOpensTheNamedFile)
 {
     std::string named = TempPath("part1_2_tempmode1.bin");
     ASSERT_TRUE(WriteFileBytes(named, Pattern(16, 100)));
@@ -834,7 +834,7 @@ TEST_F(Part1_2_TempFile, ModeOneOpensTheNamedFile)
 }
 
 // Any other mode gives -1 and creates nothing.
-TEST_F(Part1_2_TempFile, OtherModesFail)
+TEST_F(TempFile, OtherModesFail)
 {
     std::string named = TempPath("part1_2_tempbadmode.bin");
     std::remove(named.c_str());
@@ -849,7 +849,7 @@ TEST_F(Part1_2_TempFile, OtherModesFail)
 
 /* ==== memory helpers ==== */
 
-TEST_F(Part1_2_Alloc, AllocReallocKeepContentsAndFree)
+TEST_F(Alloc, AllocReallocKeepContentsAndFree)
 {
     uint8_t *p = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(p, nullptr);
@@ -872,7 +872,7 @@ TEST_F(Part1_2_Alloc, AllocReallocKeepContentsAndFree)
 }
 
 // ImgTestFailAllocations(n): the allocation after n more successful ones fails.
-TEST_F(Part1_2_Alloc, TestHookFailsTheNextAllocation)
+TEST_F(Alloc, TestHookFailsTheNextAllocation)
 {
     ImgTestFailAllocations(0);
     EXPECT_EQ(ImgAlloc(16), nullptr);
@@ -898,7 +898,7 @@ TEST_F(Part1_2_Alloc, TestHookFailsTheNextAllocation)
 
 /* ==== the tracked table ==== */
 
-TEST_F(Part1_2_Tracked, AllocTrackedRecordsAndFreeTrackedClears)
+TEST_F(Tracked, AllocTrackedRecordsAndFreeTrackedClears)
 {
     EXPECT_EQ(ImgTrackedCount(), 0);
     uint8_t *a = static_cast<uint8_t *>(ImgAllocTracked(10));
@@ -926,7 +926,7 @@ TEST_F(Part1_2_Tracked, AllocTrackedRecordsAndFreeTrackedClears)
 }
 
 // A pointer not in the table (or null) is left alone.
-TEST_F(Part1_2_Tracked, FreeTrackedOfUnknownPointerDoesNothing)
+TEST_F(Tracked, FreeTrackedOfUnknownPointerDoesNothing)
 {
     void *tracked = ImgAllocTracked(8);
     ASSERT_NE(tracked, nullptr);
@@ -946,7 +946,7 @@ TEST_F(Part1_2_Tracked, FreeTrackedOfUnknownPointerDoesNothing)
 
 // ImgFreeAllTracked frees every block (the order, last slot first, is not
 // observable from outside) and clears the slots for reuse.
-TEST_F(Part1_2_Tracked, FreeAllTrackedFreesEverything)
+TEST_F(Tracked, FreeAllTrackedFreesEverything)
 {
     for (int i = 0; i < 5; i++) {
         uint8_t *p = static_cast<uint8_t *>(ImgAllocTracked((size_t)(16 + i)));
@@ -967,7 +967,7 @@ TEST_F(Part1_2_Tracked, FreeAllTrackedFreesEverything)
 
 // 30 slots; a 31st ImgAllocTracked gives NULL instead of overrunning the
 // table, and frees nothing (our hardening, docs/DEVIATIONS.md).
-TEST_F(Part1_2_Tracked, ThirtySlotsAndThe31stReturnsNull)
+TEST_F(Tracked, ThirtySlotsAndThe31stReturnsNull)
 {
     std::vector<uint8_t *> blocks;
     for (int i = 0; i < IMG_TRACKED_SLOTS; i++) {
@@ -998,7 +998,7 @@ TEST_F(Part1_2_Tracked, ThirtySlotsAndThe31stReturnsNull)
 }
 
 // A failed allocation leaves its slot free.
-TEST_F(Part1_2_Tracked, FailedTrackedAllocationTakesNoSlot)
+TEST_F(Tracked, FailedTrackedAllocationTakesNoSlot)
 {
     ImgTestFailAllocations(0);
     EXPECT_EQ(ImgAllocTracked(10), nullptr);
@@ -1007,7 +1007,7 @@ TEST_F(Part1_2_Tracked, FailedTrackedAllocationTakesNoSlot)
 
 /* ==== the bitmap name ==== */
 
-TEST_F(Part1_2_BitmapName, DefaultTexts)
+TEST_F(BitmapName, DefaultTexts)
 {
     char text[IMG_NAME_TEXT_SIZE], date[IMG_NAME_DATE_SIZE];
     std::memset(text, 0x7F, sizeof text);
@@ -1020,7 +1020,7 @@ TEST_F(Part1_2_BitmapName, DefaultTexts)
 }
 
 // Edge case: set ("A", "B") then get yields "A" and "B".
-TEST_F(Part1_2_BitmapName, SetGetRoundTrip)
+TEST_F(BitmapName, SetGetRoundTrip)
 {
     EXPECT_EQ(IMGLOW_set_bitmap_name("A", "B"), 0);
     char text[IMG_NAME_TEXT_SIZE], date[IMG_NAME_DATE_SIZE];
@@ -1034,7 +1034,7 @@ TEST_F(Part1_2_BitmapName, SetGetRoundTrip)
 }
 
 // Get copies up to and including the terminating zero, nothing beyond.
-TEST_F(Part1_2_BitmapName, GetCopiesThroughTheTerminatorOnly)
+TEST_F(BitmapName, GetCopiesThroughTheTerminatorOnly)
 {
     IMGLOW_set_bitmap_name("Scan 7", "01-02-2003");
     char text[IMG_NAME_TEXT_SIZE], date[IMG_NAME_DATE_SIZE];
@@ -1049,7 +1049,7 @@ TEST_F(Part1_2_BitmapName, GetCopiesThroughTheTerminatorOnly)
 }
 
 // Set copies the terminator: a shorter text replaces a longer one entirely.
-TEST_F(Part1_2_BitmapName, ShorterTextReplacesLongerOne)
+TEST_F(BitmapName, ShorterTextReplacesLongerOne)
 {
     IMGLOW_set_bitmap_name("A MUCH LONGER DESCRIPTION", "12-31-1999");
     IMGLOW_set_bitmap_name("short", "1");
@@ -1061,7 +1061,7 @@ TEST_F(Part1_2_BitmapName, ShorterTextReplacesLongerOne)
 
 // Our hardening: an over-long text keeps 199 characters plus the terminator,
 // an over-long date 39 (the original copied without a length check).
-TEST_F(Part1_2_BitmapName, OverLongTextsAreTruncated)
+TEST_F(BitmapName, OverLongTextsAreTruncated)
 {
     std::string longText(300, 'x'), longDate(100, 'y');
     EXPECT_EQ(IMGLOW_set_bitmap_name(longText.c_str(), longDate.c_str()), 0);
@@ -1084,7 +1084,7 @@ TEST_F(Part1_2_BitmapName, OverLongTextsAreTruncated)
 }
 
 // ImgStoreBitmapName, the internal setter the TIFF reader uses, fills the same buffers.
-TEST_F(Part1_2_BitmapName, StoreBitmapNameFillsTheSameBuffers)
+TEST_F(BitmapName, StoreBitmapNameFillsTheSameBuffers)
 {
     ImgStoreBitmapName("from a file", "07-04-1995");
     char text[IMG_NAME_TEXT_SIZE], date[IMG_NAME_DATE_SIZE];
@@ -1095,12 +1095,12 @@ TEST_F(Part1_2_BitmapName, StoreBitmapNameFillsTheSameBuffers)
 
 // ---- read-ahead (ours): the TIFF reader's block of a file's reads ----
 
-class Part1_2_ReadAhead : public TrnwTest {};
+class ReadAhead : public TrnwTest {};
 
 // A random walk of seeks and reads gives, through the read-ahead block, the
 // same results and bytes as the same calls on a second, plain handle; the
 // expected bytes are the file's own.
-TEST_F(Part1_2_ReadAhead, ReadsAndSeeksMatchPlainHandle)
+TEST_F(ReadAhead, ReadsAndSeeksMatchPlainHandle)
 {
     std::string path = TempPath("part1_2_readahead.bin");
     std::vector<uint8_t> bytes = Pattern(300000, 7); // several 64 KB blocks
@@ -1146,7 +1146,7 @@ TEST_F(Part1_2_ReadAhead, ReadsAndSeeksMatchPlainHandle)
 
 // A write to the handle ends the read-ahead first: the bytes land at the
 // position the reads reached, and a later read sees them.
-TEST_F(Part1_2_ReadAhead, WriteEndsReadAhead)
+TEST_F(ReadAhead, WriteEndsReadAhead)
 {
     std::string path = TempPath("part1_2_readahead_write.bin");
     std::vector<uint8_t> bytes = Pattern(1000, 3);
@@ -1171,7 +1171,7 @@ TEST_F(Part1_2_ReadAhead, WriteEndsReadAhead)
 }
 
 // The memory image and caller I/O functions are never buffered.
-TEST_F(Part1_2_ReadAhead, MemoryImageIsNotBuffered)
+TEST_F(ReadAhead, MemoryImageIsNotBuffered)
 {
     std::vector<uint8_t> bytes = Pattern(100, 5);
     ImgSetMemorySourceSized(bytes.data(), 100);

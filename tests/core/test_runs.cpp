@@ -1,13 +1,13 @@
 /* Run records (Part 1.4's form, stored as Part 1.1 says; decoder forms of
  * Part 2.1): coding packed rows and expanding records, checked against a
  * naive pixel-at-a-time model written here from the spec's words. */
-#include "test_support.h"
+#include "support/support.h"
 
 #include <random>
 
 namespace {
 
-class Part1_1_RunRecords : public TrnwTest {};
+class RunRecords : public TrnwTest {};
 
 bool Pixel(const std::vector<uint8_t> &row, int x) { return (row[(size_t)x >> 3] >> (7 - (x & 7))) & 1; }
 
@@ -79,7 +79,7 @@ void ExpectPixels(const std::vector<uint8_t> &row, const std::vector<bool> &pixe
         ASSERT_EQ(Pixel(row, (int)x), pixels[x]) << "pixel " << x;
 }
 
-TEST_F(Part1_1_RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
+TEST_F(RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
 {
     std::mt19937 random(1);
     for (int width = 1; width <= 5000; width += (width < 80 ? 1 : 37)) {
@@ -104,7 +104,7 @@ TEST_F(Part1_1_RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
     }
 }
 
-TEST_F(Part1_1_RunRecords, StoredFormRoundTripsForWidths1To5000)
+TEST_F(RunRecords, StoredFormRoundTripsForWidths1To5000)
 {
     std::mt19937 random(2);
     for (int width = 1; width <= 5000; width++) {
@@ -125,7 +125,7 @@ TEST_F(Part1_1_RunRecords, StoredFormRoundTripsForWidths1To5000)
 // a leading 0 position (an empty first run, swapping the colours), and the
 // terminators width x3 (one-dimensional) or width, width, width+1, width+1
 // (two-dimensional Group 3).
-TEST_F(Part1_1_RunRecords, DecoderFormsExpandForWidths1To5000)
+TEST_F(RunRecords, DecoderFormsExpandForWidths1To5000)
 {
     std::mt19937 random(3);
     for (int width = 1; width <= 5000; width += (width < 100 ? 1 : 13)) {
@@ -157,7 +157,7 @@ TEST_F(Part1_1_RunRecords, DecoderFormsExpandForWidths1To5000)
     }
 }
 
-TEST_F(Part1_1_RunRecords, ExpandFillsWithOnesAndClearsRuns)
+TEST_F(RunRecords, ExpandFillsWithOnesAndClearsRuns)
 {
     // Runs of 0-bits [3, 9) and [12, 13) in a 16-pixel row.
     std::vector<uint16_t> record = {14, 3, 9, 12, 13, 16, 16};
@@ -165,7 +165,7 @@ TEST_F(Part1_1_RunRecords, ExpandFillsWithOnesAndClearsRuns)
     EXPECT_EQ(row, std::vector<uint8_t>({0xE0, 0x77, 0xFF, 0xFF}));
 }
 
-TEST_F(Part1_1_RunRecords, RowEndingBlackClosesWithWidth)
+TEST_F(RunRecords, RowEndingBlackClosesWithWidth)
 {
     // A single change at 5 in a 12-pixel row: pixels 5..11 black; the first
     // terminator closes the pair.
@@ -179,7 +179,7 @@ TEST_F(Part1_1_RunRecords, RowEndingBlackClosesWithWidth)
     EXPECT_EQ(Expand(record, 12, 4), std::vector<uint8_t>({0xF8, 0x0F, 0xFF, 0xFF}));
 }
 
-TEST_F(Part1_1_RunRecords, HostileRecordsStayInsideTheRow)
+TEST_F(RunRecords, HostileRecordsStayInsideTheRow)
 {
     std::mt19937 random(4);
     for (int trial = 0; trial < 3000; trial++) {
@@ -197,7 +197,7 @@ TEST_F(Part1_1_RunRecords, HostileRecordsStayInsideTheRow)
     EXPECT_EQ(row, std::vector<uint8_t>({0, 0}));
 }
 
-TEST_F(Part1_1_RunRecords, TruncatedRecordEndsAtItsLength)
+TEST_F(RunRecords, TruncatedRecordEndsAtItsLength)
 {
     // The byte count given to the expansion bounds the words read: an
     // unterminated pair runs to the width.
@@ -205,7 +205,7 @@ TEST_F(Part1_1_RunRecords, TruncatedRecordEndsAtItsLength)
     EXPECT_EQ(Expand(record, 16, 4), std::vector<uint8_t>({0xFC, 0x00, 0xFF, 0xFF}));
 }
 
-TEST_F(Part1_1_RunRecords, SolidRowsSkipWordAtATime)
+TEST_F(RunRecords, SolidRowsSkipWordAtATime)
 {
     for (int width : {64, 65, 1000, 2550, 65534}) {
         SCOPED_TRACE(width);

@@ -13,21 +13,16 @@
  * not exist yet are stood in for by a test writer registered through
  * RegistrySetWriterForTest; it is always restored.
  */
-#include "test_support.h"
+#include "support/support.h"
 
 #include <cmath>
 #include <map>
 #include <random>
 
-extern "C" {
-#include "core/contracts.h"
-#include "core/registry.h"
-#include "core/save.h"
-}
 
 namespace {
 
-class Part1_5_Save : public TrnwTest {
+class Save : public TrnwTest {
   public:
     static std::string Path(const std::string &name) { return TempPath(name); }
 
@@ -440,7 +435,7 @@ std::vector<std::pair<int32_t, int32_t>> progressSeen;
 
 } // namespace
 
-extern "C" int32_t IMGAPI Part1_5_Progress(int32_t value, int32_t total)
+extern "C" int32_t IMGAPI Progress(int32_t value, int32_t total)
 {
     progressCalls++;
     progressSeen.emplace_back(value, total);
@@ -455,7 +450,7 @@ void StartProgress(int32_t value, int32_t abortAt = 0, int32_t answer = 0)
     progressAbortAt = abortAt;
     progressAnswer = answer;
     progressSeen.clear();
-    IMG_set_statusbar(value, Part1_5_Progress, 1);
+    IMG_set_statusbar(value, Progress, 1);
 }
 
 // Saves the image as a BMP (type 1) to memory and parses it.
@@ -473,7 +468,7 @@ Bmp SaveToMemory(int32_t handle, int32_t *result = nullptr, int32_t type = IMG_T
 // Saves the image as a BMP file and parses it; the file is removed.
 Bmp SaveToFile(int32_t handle, const std::string &name, int32_t *result = nullptr)
 {
-    std::string path = Part1_5_Save::Path(name);
+    std::string path = Save::Path(name);
     int32_t r = IMG_save_bitmap(handle, path.c_str(), IMG_TYPE_BMP);
     if (result)
         *result = r;
@@ -513,7 +508,7 @@ std::string Sep()
 // ===========================================================================
 // The brightness, contrast and gamma table
 
-TEST_F(Part1_5_Save, TableHandComputedEntries)
+TEST_F(Save, TableHandComputedEntries)
 {
     // gamma 100, brightness 0, contrast 0: f = 2 * 128 = 256, v = i * 256 / 255
     // = i + i / 255, truncated: i (255 gives 256, clamped to 255): the identity.
@@ -581,7 +576,7 @@ TEST_F(Part1_5_Save, TableHandComputedEntries)
     }
 }
 
-TEST_F(Part1_5_Save, TableMatchesNaiveFormula)
+TEST_F(Save, TableMatchesNaiveFormula)
 {
     std::vector<int32_t> contrasts;
     for (int32_t c = -200; c <= 300; c += 5)
@@ -618,7 +613,7 @@ TEST_F(Part1_5_Save, TableMatchesNaiveFormula)
 // ===========================================================================
 // Preparation
 
-TEST_F(Part1_5_Save, HeaderCopyCarriesCropSizeDepthPaletteResolution)
+TEST_F(Save, HeaderCopyCarriesCropSizeDepthPaletteResolution)
 {
     int32_t h = NewPicture(30, 20, 8);
     ASSERT_EQ(h, 0);
@@ -648,7 +643,7 @@ TEST_F(Part1_5_Save, HeaderCopyCarriesCropSizeDepthPaletteResolution)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_5_Save, Brightness20OnColourPaletteAdjustsPaletteKeepsIndices)
+TEST_F(Save, Brightness20OnColourPaletteAdjustsPaletteKeepsIndices)
 {
     // Edge case: with brightness 20 on an 8-bit colour-palette image, the saved
     // file has an adjusted palette and unchanged indices.
@@ -674,7 +669,7 @@ TEST_F(Part1_5_Save, Brightness20OnColourPaletteAdjustsPaletteKeepsIndices)
     EXPECT_EQ(ImagePalette(h), palette);
 }
 
-TEST_F(Part1_5_Save, BrightnessOnGreyPaletteActsOnRowBytes)
+TEST_F(Save, BrightnessOnGreyPaletteActsOnRowBytes)
 {
     // Below 24 bits with a palette of grey entries only, the file variant
     // applies the table to the row bytes and leaves the palette alone.
@@ -706,7 +701,7 @@ TEST_F(Part1_5_Save, BrightnessOnGreyPaletteActsOnRowBytes)
     }
 }
 
-TEST_F(Part1_5_Save, BrightnessContrastOn24And32BitRowBytes)
+TEST_F(Save, BrightnessContrastOn24And32BitRowBytes)
 {
     const int32_t brightness = -10, contrast = 30;
     auto table = NaiveTable(0, brightness, contrast);
@@ -737,7 +732,7 @@ TEST_F(Part1_5_Save, BrightnessContrastOn24And32BitRowBytes)
     }
 }
 
-TEST_F(Part1_5_Save, MemoryVariantAppliesTableToPaletteBelow24Bits)
+TEST_F(Save, MemoryVariantAppliesTableToPaletteBelow24Bits)
 {
     // IMG_save_bitmap_mem applies the table to the palette copy for every
     // depth below 24 bits, grey palettes included; the rows go out unchanged.
@@ -766,7 +761,7 @@ TEST_F(Part1_5_Save, MemoryVariantAppliesTableToPaletteBelow24Bits)
     }
 }
 
-TEST_F(Part1_5_Save, TransparentColourReachesWriterInClrUsed)
+TEST_F(Save, TransparentColourReachesWriterInClrUsed)
 {
     int32_t h = NewPicture(8, 4, 8);
     ASSERT_EQ(h, 0);
@@ -790,7 +785,7 @@ TEST_F(Part1_5_Save, TransparentColourReachesWriterInClrUsed)
     EXPECT_EQ(reinterpret_cast<BITMAPINFOHEADER *>(ImgTableGet(h)->dib)->biClrUsed, 0u);
 }
 
-TEST_F(Part1_5_Save, GammaIsNotUsedBySaves)
+TEST_F(Save, GammaIsNotUsedBySaves)
 {
     // Only brightness and contrast act: the table is built with gamma 0 (= 100).
     int32_t h = NewPicture(12, 3, 24);
@@ -812,7 +807,7 @@ TEST_F(Part1_5_Save, GammaIsNotUsedBySaves)
     EXPECT_EQ(ImgTableGet(h)->gamma, 220u); // restored after the table is built
 }
 
-TEST_F(Part1_5_Save, SaveLeavesImageAndSettingsUnchanged)
+TEST_F(Save, SaveLeavesImageAndSettingsUnchanged)
 {
     int32_t h = NewPicture(21, 9, 8, Pal::Colour);
     ASSERT_EQ(h, 0);
@@ -864,7 +859,7 @@ TEST_F(Part1_5_Save, SaveLeavesImageAndSettingsUnchanged)
 // ===========================================================================
 // The row source and the crop rectangle
 
-TEST_F(Part1_5_Save, Crop10x10At5_5SavesExactlyThosePixels)
+TEST_F(Save, Crop10x10At5_5SavesExactlyThosePixels)
 {
     // Edge case: a crop rectangle of 10 x 10 at 5, 5 produces a 10 x 10 file
     // holding exactly those pixels.  At 8, 16, 24 and 32 bits the crop offset
@@ -895,7 +890,7 @@ TEST_F(Part1_5_Save, Crop10x10At5_5SavesExactlyThosePixels)
     ExpectPixels(bmp, 1, 5, 5, 10, 10, "run-coded crop 10x10 at 5,5");
 }
 
-TEST_F(Part1_5_Save, PlainCropOffsetRoundsUpAtOneAndFourBits)
+TEST_F(Save, PlainCropOffsetRoundsUpAtOneAndFourBits)
 {
     // cropOffsetBytes is (cropX + 7) / 8 at 1 bit and (cropX + 1) / 2 at 4
     // bits (kept as written): a plain image's rows are served from the next
@@ -919,7 +914,7 @@ TEST_F(Part1_5_Save, PlainCropOffsetRoundsUpAtOneAndFourBits)
     }
 }
 
-TEST_F(Part1_5_Save, RowSourceServesAnyOrderEveryDepth)
+TEST_F(Save, RowSourceServesAnyOrderEveryDepth)
 {
     // ImgLibraryRowSource called directly with a context filled as the
     // preparation fills it, rows asked in a shuffled order, backwards and twice.
@@ -954,7 +949,7 @@ TEST_F(Part1_5_Save, RowSourceServesAnyOrderEveryDepth)
     }
 }
 
-TEST_F(Part1_5_Save, RowSourceAppliesLookupTable)
+TEST_F(Save, RowSourceAppliesLookupTable)
 {
     // Step 4: with lookupTable set, every byte of the buffer is replaced.
     int32_t h = NewPicture(10, 4, 8);
@@ -969,7 +964,7 @@ TEST_F(Part1_5_Save, RowSourceAppliesLookupTable)
     ImgFree(c.scratch);
 }
 
-TEST_F(Part1_5_Save, RowSourceThroughPipelineInShuffledOrder)
+TEST_F(Save, RowSourceThroughPipelineInShuffledOrder)
 {
     // A writer that asks the crop rectangle's rows in a shuffled order gets
     // each of them right.
@@ -1004,7 +999,7 @@ int32_t IMGCDECL RecordingSource(void *, uint8_t *buffer, int32_t rowIndex, int3
     return 0;
 }
 
-TEST_F(Part1_5_Save, BmpWriterAsksRowsBottomUp)
+TEST_F(Save, BmpWriterAsksRowsBottomUp)
 {
     // Edge case: a BMP writer asks rows from the bottom of the crop rectangle
     // up (rowIndex crop height - 1 first).  Observed with our own row source
@@ -1033,7 +1028,7 @@ TEST_F(Part1_5_Save, BmpWriterAsksRowsBottomUp)
     EXPECT_EQ(bmp.data[14 + 40 + 1024], 3 * 16);
 }
 
-TEST_F(Part1_5_Save, RunCodedCropAtAnyColumn)
+TEST_F(Save, RunCodedCropAtAnyColumn)
 {
     // A run-coded image serves its rows through run extraction: a crop at any
     // x (not byte aligned) holds exactly the plain image's pixels there.
@@ -1067,7 +1062,7 @@ TEST_F(Part1_5_Save, RunCodedCropAtAnyColumn)
     }
 }
 
-TEST_F(Part1_5_Save, RunCodedRowSourceDirectAnyOrder)
+TEST_F(Save, RunCodedRowSourceDirectAnyOrder)
 {
     // The run-coded path of ImgLibraryRowSource, called directly: whole width
     // (the copy from the expanded row) and a crop at x 3, rows in any order.
@@ -1096,7 +1091,7 @@ TEST_F(Part1_5_Save, RunCodedRowSourceDirectAnyOrder)
     }
 }
 
-TEST_F(Part1_5_Save, CropAtTopRightCornerSaves)
+TEST_F(Save, CropAtTopRightCornerSaves)
 {
     // A crop rectangle inside the image that reaches its right edge and its
     // top row: the writer asks a row of the crop width's stride, which runs on
@@ -1127,7 +1122,7 @@ TEST_F(Part1_5_Save, CropAtTopRightCornerSaves)
     }
 }
 
-TEST_F(Part1_5_Save, ProgressOncePerRowWithImageHeight)
+TEST_F(Save, ProgressOncePerRowWithImageHeight)
 {
     int32_t h = NewPicture(10, 12, 8);
     ASSERT_EQ(h, 0);
@@ -1152,7 +1147,7 @@ TEST_F(Part1_5_Save, ProgressOncePerRowWithImageHeight)
     EXPECT_EQ(progressCalls, 0);
 }
 
-TEST_F(Part1_5_Save, ProgressNegativeAbortsAndDeletesFile)
+TEST_F(Save, ProgressNegativeAbortsAndDeletesFile)
 {
     int32_t h = NewPicture(10, 12, 8);
     ASSERT_EQ(h, 0);
@@ -1174,7 +1169,7 @@ TEST_F(Part1_5_Save, ProgressNegativeAbortsAndDeletesFile)
 // ===========================================================================
 // Dispatch
 
-TEST_F(Part1_5_Save, TypeMinus1ChoosesBmpByExtensionIgnoringCase)
+TEST_F(Save, TypeMinus1ChoosesBmpByExtensionIgnoringCase)
 {
     int32_t h = NewPicture(7, 5, 8);
     ASSERT_EQ(h, 0);
@@ -1189,7 +1184,7 @@ TEST_F(Part1_5_Save, TypeMinus1ChoosesBmpByExtensionIgnoringCase)
     }
 }
 
-TEST_F(Part1_5_Save, TypeMinus1UpperCaseTifChoosesType0)
+TEST_F(Save, TypeMinus1UpperCaseTifChoosesType0)
 {
     // Edge case: type -1 with a path ending in upper-case TIF saves TIFF type 0.
     EXPECT_EQ(RegistryTypeForPath("X.TIF"), IMG_TYPE_TIFF);
@@ -1206,7 +1201,7 @@ TEST_F(Part1_5_Save, TypeMinus1UpperCaseTifChoosesType0)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_5_Save, TypeMinus1BtrAndImtNeverMatch)
+TEST_F(Save, TypeMinus1BtrAndImtNeverMatch)
 {
     // ".imt" and ".btr" are written with a leading point and never equal three
     // characters: such paths leave -1, which the dispatcher refuses with -7.
@@ -1225,7 +1220,7 @@ TEST_F(Part1_5_Save, TypeMinus1BtrAndImtNeverMatch)
     }
 }
 
-TEST_F(Part1_5_Save, TypeMinus1WithoutMatchGivesMinus7)
+TEST_F(Save, TypeMinus1WithoutMatchGivesMinus7)
 {
     EXPECT_EQ(RegistryTypeForPath("x.abc"), IMG_TYPE_BY_EXTENSION);
     EXPECT_EQ(RegistryTypeForPath("x.bm"), IMG_TYPE_BY_EXTENSION);
@@ -1240,7 +1235,7 @@ TEST_F(Part1_5_Save, TypeMinus1WithoutMatchGivesMinus7)
     }
 }
 
-TEST_F(Part1_5_Save, MultiPageTypesWithoutWriterDeleteExistingFile)
+TEST_F(Save, MultiPageTypesWithoutWriterDeleteExistingFile)
 {
     // Types 0, 7, 8, 9, 10, 11, 16, 40, 46, 47, 49 and 51 open an existing file
     // for update so that their writer can append a page (the append itself
@@ -1261,7 +1256,7 @@ TEST_F(Part1_5_Save, MultiPageTypesWithoutWriterDeleteExistingFile)
     }
 }
 
-TEST_F(Part1_5_Save, MultiPageTypeOpensExistingFileForUpdate)
+TEST_F(Save, MultiPageTypeOpensExistingFileForUpdate)
 {
     // Edge case: saving type 0 to an existing file opens it for update.  A
     // test writer in place of the TIFF writer sees the old bytes and appends.
@@ -1296,7 +1291,7 @@ TEST_F(Part1_5_Save, MultiPageTypeOpensExistingFileForUpdate)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_5_Save, Type1ReplacesExistingFile)
+TEST_F(Save, Type1ReplacesExistingFile)
 {
     int32_t h = NewPicture(4, 3, 8);
     ASSERT_EQ(h, 0);
@@ -1311,7 +1306,7 @@ TEST_F(Part1_5_Save, Type1ReplacesExistingFile)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_5_Save, OpenFailureGivesMinus6)
+TEST_F(Save, OpenFailureGivesMinus6)
 {
     int32_t h = NewPicture(4, 3, 8);
     ASSERT_EQ(h, 0);
@@ -1323,7 +1318,7 @@ TEST_F(Part1_5_Save, OpenFailureGivesMinus6)
     }
 }
 
-TEST_F(Part1_5_Save, UnknownTypeFreesTrackedAndGivesMinus7)
+TEST_F(Save, UnknownTypeFreesTrackedAndGivesMinus7)
 {
     int32_t h = NewPicture(4, 3, 8);
     ASSERT_EQ(h, 0);
@@ -1358,7 +1353,7 @@ TEST_F(Part1_5_Save, UnknownTypeFreesTrackedAndGivesMinus7)
     EXPECT_EQ(ImgTrackedCount(), 0);
 }
 
-TEST_F(Part1_5_Save, InvalidHandleGivesMinus13ForEverySaveFunction)
+TEST_F(Save, InvalidHandleGivesMinus13ForEverySaveFunction)
 {
     ASSERT_EQ(NewPicture(4, 3, 8), 0);
     ASSERT_EQ(NewPicture(4, 3, 8), 1);
@@ -1384,7 +1379,7 @@ TEST_F(Part1_5_Save, InvalidHandleGivesMinus13ForEverySaveFunction)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_5_Save, SaveBitmapFdWritesToOpenHandle)
+TEST_F(Save, SaveBitmapFdWritesToOpenHandle)
 {
     int32_t h = NewPicture(9, 6, 4);
     ASSERT_EQ(h, 0);
@@ -1404,7 +1399,7 @@ TEST_F(Part1_5_Save, SaveBitmapFdWritesToOpenHandle)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_5_Save, Type48WritesWithoutFileHeader)
+TEST_F(Save, Type48WritesWithoutFileHeader)
 {
     int32_t h = NewPicture(6, 5, 24);
     ASSERT_EQ(h, 0);
@@ -1414,7 +1409,7 @@ TEST_F(Part1_5_Save, Type48WritesWithoutFileHeader)
     ExpectPixels(bmp, 24, 0, 0, 6, 5, "type 48");
 }
 
-TEST_F(Part1_5_Save, LowSaveMemReturnsBytesWritten)
+TEST_F(Save, LowSaveMemReturnsBytesWritten)
 {
     std::vector<uint8_t> header(IMG_HEADER_BLOCK_SIZE, 0);
     BITMAPINFOHEADER hd{};
@@ -1435,7 +1430,7 @@ TEST_F(Part1_5_Save, LowSaveMemReturnsBytesWritten)
     EXPECT_EQ((uint32_t)result, ImgTell());
 }
 
-TEST_F(Part1_5_Save, SaveMemReturnsByteCount)
+TEST_F(Save, SaveMemReturnsByteCount)
 {
     int32_t h = NewPicture(11, 7, 1, Pal::Default);
     ASSERT_EQ(h, 0);
@@ -1452,7 +1447,7 @@ TEST_F(Part1_5_Save, SaveMemReturnsByteCount)
     EXPECT_EQ(std::vector<uint8_t>(caller.begin(), caller.begin() + result), block.Prefix(result));
 }
 
-TEST_F(Part1_5_Save, SaveMemSizeTooSmallReturnsLessThanOutput)
+TEST_F(Save, SaveMemSizeTooSmallReturnsLessThanOutput)
 {
     // A save to memory cannot grow the caller's block: output beyond its end is
     // dropped while the writer believes it was written, so the result is
@@ -1484,7 +1479,7 @@ TEST_F(Part1_5_Save, SaveMemSizeTooSmallReturnsLessThanOutput)
         ASSERT_EQ(caller[i], 0xEE) << "byte " << i << " beyond the block was written";
 }
 
-TEST_F(Part1_5_Save, SetCompQualityStores)
+TEST_F(Save, SetCompQualityStores)
 {
     int32_t old = ImgCompressionQuality();
     EXPECT_EQ(IMGLOW_set_comp_quality(42), 0);
@@ -1498,7 +1493,7 @@ TEST_F(Part1_5_Save, SetCompQualityStores)
 // ===========================================================================
 // Hardening (docs/DEVIATIONS.md)
 
-TEST_F(Part1_5_Save, CropOutsideImageGivesMinus7)
+TEST_F(Save, CropOutsideImageGivesMinus7)
 {
     // IMG_set_croprect does not check (Part 1.1); the save does.
     int32_t h = NewPicture(20, 20, 8);
@@ -1522,7 +1517,7 @@ TEST_F(Part1_5_Save, CropOutsideImageGivesMinus7)
     }
 }
 
-TEST_F(Part1_5_Save, Image32768RowsGivesMinus7)
+TEST_F(Save, Image32768RowsGivesMinus7)
 {
     // The save context's 16-bit fields: fewer than 32768 rows.
     int32_t h = NewImage(1, 32768, 8);
@@ -1543,7 +1538,7 @@ TEST_F(Part1_5_Save, Image32768RowsGivesMinus7)
     EXPECT_EQ(IMG_save_bitmap_mem(h, block.p, IMG_TYPE_BMP), 14 + 40 + 1024 + 4 * 32767);
 }
 
-TEST_F(Part1_5_Save, Stride32768GivesMinus7)
+TEST_F(Save, Stride32768GivesMinus7)
 {
     Block block(14 + 40 + 1024 + 32768 + 64);
     for (int32_t width : {32768, 32767, 32765}) { // all three have a stride of 32768
