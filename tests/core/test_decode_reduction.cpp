@@ -64,23 +64,6 @@ class DecodeReduction : public TrnwTest {
 
 } // namespace
 
-TEST_F(DecodeReduction, EightFromFourBitKeepsFourBits)
-{
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(9, 5, 4, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    ASSERT_GE(handle, 0);
-    ImgDescriptor *d = ImgTableGet(handle);
-    EXPECT_EQ(ImgDescriptorBits(d), 4);
-    for (int y = 0; y < 5; y++)
-        for (int x = 0; x < 9; x++) {
-            const uint8_t *c = d->dib + 40 + 4 * Pixel(handle, y, x, 4);
-            EXPECT_EQ((std::array<int, 3>{c[0], c[1], c[2]}), pixels[y * 9 + x]);
-        }
-    std::remove(path.c_str());
-}
-
 TEST_F(DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
 {
     const int w = 13, h = 11;
@@ -156,22 +139,5 @@ TEST_F(DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
             int g = (30 * c[2] + 59 * c[1] + 11 * c[0]) / 100;
             EXPECT_EQ(Pixel(handle, y, x, 1), kBayer[(x & 7) * 8 + (y & 7)] < g ? 1 : 0);
         }
-    std::remove(path.c_str());
-}
-
-TEST_F(DecodeReduction, ReductionAndFixedSizeTogether)
-{
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(40, 30, 24, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
-    IMGLOW_set_decompsize(20, 15);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    IMGLOW_set_decompsize(0, 0);
-    ASSERT_GE(handle, 0);
-    int32_t width, height, bits;
-    IMG_bitmap_info(handle, &width, &height, &bits);
-    EXPECT_EQ(width, 20);
-    EXPECT_EQ(height, 15);
-    EXPECT_EQ(bits, 8);
     std::remove(path.c_str());
 }

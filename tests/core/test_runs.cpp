@@ -157,28 +157,6 @@ TEST_F(RunRecords, DecoderFormsExpandForWidths1To5000)
     }
 }
 
-TEST_F(RunRecords, ExpandFillsWithOnesAndClearsRuns)
-{
-    // Runs of 0-bits [3, 9) and [12, 13) in a 16-pixel row.
-    std::vector<uint16_t> record = {14, 3, 9, 12, 13, 16, 16};
-    std::vector<uint8_t> row = Expand(record, 16, 4);
-    EXPECT_EQ(row, std::vector<uint8_t>({0xE0, 0x77, 0xFF, 0xFF}));
-}
-
-TEST_F(RunRecords, RowEndingBlackClosesWithWidth)
-{
-    // A single change at 5 in a 12-pixel row: pixels 5..11 black; the first
-    // terminator closes the pair.
-    std::vector<uint8_t> row = {0xF8, 0x0F};
-    std::vector<uint16_t> record(RunRecordMaxBytes(12) / 2);
-    int bytes = RunEncodeRow(row.data(), 12, record.data());
-    EXPECT_EQ(bytes, 10);
-    EXPECT_EQ(std::vector<uint16_t>(record.begin(), record.begin() + 5),
-              std::vector<uint16_t>({10, 5, 12, 12, 12}));
-    record.resize(5);
-    EXPECT_EQ(Expand(record, 12, 4), std::vector<uint8_t>({0xF8, 0x0F, 0xFF, 0xFF}));
-}
-
 TEST_F(RunRecords, HostileRecordsStayInsideTheRow)
 {
     std::mt19937 random(4);
@@ -195,33 +173,6 @@ TEST_F(RunRecords, HostileRecordsStayInsideTheRow)
     std::vector<uint16_t> record = {10, 0, 60000, 100, 100};
     std::vector<uint8_t> row = Expand(record, 100, 2);
     EXPECT_EQ(row, std::vector<uint8_t>({0, 0}));
-}
-
-TEST_F(RunRecords, TruncatedRecordEndsAtItsLength)
-{
-    // The byte count given to the expansion bounds the words read: an
-    // unterminated pair runs to the width.
-    std::vector<uint16_t> record = {4, 6};
-    EXPECT_EQ(Expand(record, 16, 4), std::vector<uint8_t>({0xFC, 0x00, 0xFF, 0xFF}));
-}
-
-TEST_F(RunRecords, SolidRowsSkipWordAtATime)
-{
-    for (int width : {64, 65, 1000, 2550, 65534}) {
-        SCOPED_TRACE(width);
-        size_t stride = (size_t)((width + 31) / 32) * 4;
-        std::vector<uint8_t> white(stride, 0xFF), black(stride, 0x00);
-        std::vector<uint16_t> record(RunRecordMaxBytes(width) / 2);
-        RunEncodeRow(white.data(), width, record.data());
-        EXPECT_EQ(record[1], width);
-        int bytes = RunEncodeRow(black.data(), width, record.data());
-        EXPECT_EQ(record[1], 0);
-        EXPECT_EQ(record[2], width);
-        record.resize((size_t)bytes / 2);
-        std::vector<uint8_t> back = Expand(record, width, stride);
-        for (int x = 0; x < width; x++)
-            ASSERT_FALSE(Pixel(back, x));
-    }
 }
 
 } // namespace
