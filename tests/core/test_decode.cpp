@@ -1,6 +1,6 @@
-/* Part 1.4: the decode pipeline.  The library's sinks are driven by test
- * readers (ImgDecodeWithReader) that hand over headers and rows exactly as
- * a codec would, and by real files through IMG_decompress_bitmap. */
+/* The decode pipeline: its sinks driven by test readers (ImgDecodeWithReader)
+ * that hand over headers and rows as a codec would, and real files through
+ * IMG_decompress_bitmap. */
 #include "support/support.h"
 
 #include <functional>
@@ -356,7 +356,7 @@ TEST_F(DecodePipeline, SubRectangleOfRunRecordsKeepsColoursInStep)
     }
 }
 
-// Part 1.2's edge case at the decode level: caller I/O serves handle 32767.
+// Caller I/O serves a decode from the memory image (handle 32767).
 std::vector<uint8_t> callerFile;
 uint32_t callerPosition;
 int32_t callerReads, callerSeeks;

@@ -1,7 +1,5 @@
-// Part 1.4: depth reduction during decode (header sink steps 4 and 9, row
-// sink step 2 with the ordered dithers of Part 4.2).  Files are written as
-// BMP by the library's BMP writer and decoded with IMGLOW_set_decomp_reduction;
-// the expected rows come from a naive model of the Parts' words.
+// Depth reduction during decode: files written by the BMP writer and decoded
+// with IMGLOW_set_decomp_reduction, against a pixel-at-a-time model.
 #include "support/support.h"
 
 #include <random>

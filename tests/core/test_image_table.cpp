@@ -1,4 +1,4 @@
-/* Part 1.1: image table and image descriptor. */
+/* The image table, the image descriptor and the raster accessors. */
 #include "support/support.h"
 
 namespace {
@@ -126,7 +126,7 @@ TEST_F(Descriptor, KeepRejectsBadGeometryAndKeepsSlot)
         std::memcpy(dib.block, &header, 40);
         int32_t before = ImgTableCount();
         EXPECT_EQ(IMG_create_handle_keep(dib.block), IMG_ERR_INVALID);
-        // The slot was taken before the check and stays occupied (kept quirk).
+        // The slot was taken before the check and stays occupied (the check comes after the slot is taken).
         EXPECT_EQ(ImgTableCount(), before + 1);
         EXPECT_NE(ImgTableGet(before), nullptr);
     }

@@ -1,16 +1,6 @@
-/*
- * test_io.cpp - Part 1.2: the I/O layer.
- *
- * The memory image, the three primitives over every kind of handle, caller
- * I/O, files by name, the scratch file, the memory helpers, the tracked table
- * and the bitmap name texts.  Every expected value comes from the words or the
- * arithmetic of spec Part 1.2 (and, where marked, from our documented
- * hardening in docs/DEVIATIONS.md).
- *
- * The memory image's size is observed without touching memory outside a
- * block: a seek with whence 2 sets the position to memorySize + offset, and
- * ImgTell() reports the position.
- */
+/* The I/O layer: the memory image, caller I/O, files by name, the scratch
+ * file, the allocators and the bitmap name texts.  The memory image's size is
+ * observed through a seek from its end and ImgTell(). */
 #include "support/support.h"
 
 #include <cctype>
@@ -426,7 +416,7 @@ TEST_F(Tracked, ThirtySlotsAndThe31stReturnsNull)
 /* ==== the bitmap name ==== */
 
 // Our hardening: an over-long text keeps 199 characters plus the terminator,
-// an over-long date 39 (the original copied without a length check).
+// an over-long date 39 (copied with a length check).
 TEST_F(BitmapName, OverLongTextsAreTruncated)
 {
     std::string longText(300, 'x'), longDate(100, 'y');

@@ -1,16 +1,6 @@
-/*
- * test_registry.cpp - Part 1.3: the format registry and detection.
- *
- * Every probe of the format table over its bytes, the order that resolves
- * overlaps, the Targa and CUT boundaries, the PICT and MacPaint probes that
- * read the file themselves, the auto-detect flags and their type-to-index
- * mapping, the type query (IMGLOW_get_filetype and its _fd and _mem forms)
- * with the TIFF, BMP and GIF subtype queries, the memory image's claim of
- * success past its end as detection sees it, the extension list of Part 1.5
- * and the reader and writer rows.  Expected values come from the words of
- * spec Parts 1.3, 1.4, 1.5 and 2.3, and, where marked, from our documented
- * hardening in docs/DEVIATIONS.md.
- */
+/* The format registry and detection: every probe over its bytes, the order
+ * that resolves overlaps, the auto-detect flags, the type queries with the
+ * TIFF, BMP and GIF subtype queries, and the save extension list. */
 #include "support/support.h"
 
 #include <cctype>
@@ -362,7 +352,7 @@ TEST_F(Registry, FdRefinesBmpAndGifAtTheirStart)
 }
 
 // ======================================================================
-// TIFF subtype query (Part 2.3)
+// TIFF subtype query
 // ======================================================================
 
 TEST_F(Registry, TiffEveryCompressionBothByteOrders)
@@ -400,7 +390,7 @@ TEST_F(Registry, TiffT4OptionsBit0MakesType17)
     }
 }
 
-// Tag values by type (Part 2.3, "Reading a tag value").
+// Tag values by type.
 TEST_F(Registry, TiffCompressionReadByType)
 {
     for (bool be : {false, true}) {
@@ -488,7 +478,7 @@ TEST_F(Registry, GifExtensionBlocksAreWalked)
 }
 
 // ======================================================================
-// Part 1.5's extension list
+// The save extension list
 // ======================================================================
 
 TEST_F(Registry, TypeForPathEveryEntry)

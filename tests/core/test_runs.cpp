@@ -1,6 +1,5 @@
-/* Run records (Part 1.4's form, stored as Part 1.1 says; decoder forms of
- * Part 2.1): coding packed rows and expanding records, checked against a
- * naive pixel-at-a-time model written here from the spec's words. */
+/* Run records: coding packed rows and expanding records, checked against a
+ * naive pixel-at-a-time model. */
 #include "support/support.h"
 
 #include <random>
@@ -121,7 +120,7 @@ TEST_F(RunRecords, StoredFormRoundTripsForWidths1To5000)
     }
 }
 
-// The decoder forms of Part 2.1: the length +2 when it equals (width + 7) / 8,
+// The decoder forms: the length +2 when it equals (width + 7) / 8,
 // a leading 0 position (an empty first run, swapping the colours), and the
 // terminators width x3 (one-dimensional) or width, width, width+1, width+1
 // (two-dimensional Group 3).

@@ -1,18 +1,8 @@
-/*
- * test_save.cpp - Part 1.5: the save pipeline.
- *
- * The brightness/contrast/gamma table against a second, deliberately naive
- * implementation of the spec's words; the preparation of the header copy;
- * the library's row source (plain and run-coded images, any order, the crop
- * rectangle, progress); the dispatch of IMG_save_bitmap and its siblings; and
- * our hardening (docs/DEVIATIONS.md).
- *
- * The BMP bytes the library writes (Part 3.1's writers) are decoded by a small
- * parser of our own below.  Expected pixels always come from the picture the
- * test built (Pattern()), never from our own code's output.  Writers that do
- * not exist yet are stood in for by a test writer registered through
- * RegistrySetWriterForTest; it is always restored.
- */
+/* The save pipeline: the brightness/contrast table, the header copy, the
+ * row source (plain and run-coded images, any order, the crop rectangle,
+ * progress) and the dispatch of IMG_save_bitmap and its siblings.  The BMP
+ * bytes written are parsed by a small reader below; expected pixels come
+ * from the picture the test built (Pattern()). */
 #include "support/support.h"
 
 #include <cmath>
@@ -120,7 +110,7 @@ int32_t NewPicture(int32_t w, int32_t h, int bits, Pal pal = Pal::Colour)
             }
             e[3] = 0;
         }
-        if (bits == 1 && pal == Pal::Colour) { // entry 0 must keep a zero component (Part 1.1)
+        if (bits == 1 && pal == Pal::Colour) { // entry 0 must keep a zero component
             dib.Palette()[0] = 0;
         }
     }
@@ -186,7 +176,7 @@ struct Block {
 };
 
 // ---------------------------------------------------------------------------
-// A BMP parser of our own (Part 3.1's layout): file header, 40-byte header,
+// A BMP parser of our own: file header, 40-byte header,
 // palette, rows bottom row first.
 
 uint32_t Le32(const std::vector<uint8_t> &b, size_t o)
@@ -276,7 +266,7 @@ Bmp ParseBmp(const std::vector<uint8_t> &data, bool withFileHeader = true)
 }
 
 // ---------------------------------------------------------------------------
-// The table, a second time: Part 1.5 "Brightness, contrast and gamma table",
+// The brightness, contrast and gamma table computed naively,
 // word by word, in double precision.
 
 std::array<uint8_t, 256> NaiveTable(uint32_t gamma, int32_t brightness, int32_t contrast)
@@ -311,7 +301,7 @@ std::array<uint8_t, 256> NaiveTable(uint32_t gamma, int32_t brightness, int32_t 
 }
 
 // ---------------------------------------------------------------------------
-// The save context, filled as the preparation of Part 1.5 fills it.
+// The save context, filled as the save preparation fills it.
 
 int32_t CropOffsetBytes(int32_t cropX, int bits)
 {
@@ -327,7 +317,7 @@ int32_t CropOffsetBytes(int32_t cropX, int bits)
 }
 
 // The first column the plain row source serves for a crop at cropX: the
-// byte offset above, in pixels (rounded up at 1 and 4 bits, kept as written).
+// byte offset above, in pixels (rounded up at 1 and 4 bits).
 int32_t ServedColumn(int32_t cropX, int bits)
 {
     if (bits == 1)
@@ -853,8 +843,8 @@ TEST_F(Save, SaveMemSizeTooSmallReturnsLessThanOutput)
         ASSERT_EQ(caller[i], 0xEE) << "byte " << i << " beyond the block was written";
 
     // A block ending inside a write: that write stores what fits and reports
-    // the shorter count (Part 1.2's memory write), which the BMP writer turns
-    // into -9 (Part 3.1: a short write returns -9).
+    // the shorter count (the memory write), which the BMP writer turns
+    // into -9 (a short write returns -9).
     std::fill(caller.begin(), caller.end(), 0xEE);
     EXPECT_EQ(IMG_save_bitmap_mem_size(h, caller.data(), blockSize + 3, IMG_TYPE_BMP), IMG_ERR_WRITE);
     for (size_t i = blockSize + 3; i < caller.size(); i++)
@@ -866,7 +856,7 @@ TEST_F(Save, SaveMemSizeTooSmallReturnsLessThanOutput)
 
 TEST_F(Save, CropOutsideImageGivesMinus7)
 {
-    // IMG_set_croprect does not check (Part 1.1); the save does.
+    // IMG_set_croprect does not check; the save does.
     int32_t h = NewPicture(20, 20, 8);
     ASSERT_EQ(h, 0);
     struct Case {
