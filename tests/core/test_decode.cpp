@@ -378,4 +378,34 @@ extern "C" int32_t IMGCDECL CallerSeek(int32_t handle, int32_t offset, int32_t w
     return (int32_t)callerPosition;
 }
 
+TEST_F(DecodePipeline, CreateHandleShell)
+{
+    std::vector<uint8_t> info = Header(33, 7, 1);
+    const uint8_t whiteBlack[8] = {255, 255, 255, 0, 0, 0, 0, 0};
+    std::memcpy(info.data() + 40, whiteBlack, 8);
+    BITMAPINFOHEADER h;
+    std::memcpy(&h, info.data(), 40);
+    h.biXPelsPerMeter = 11811; // 300 dpi: 11811 * 0.0254 = 299.9994, truncated 299
+    h.biYPelsPerMeter = 3780;  // 96.012 -> 96
+    std::memcpy(info.data(), &h, 40);
+    int32_t handle = IMG_create_handle_shell(info.data());
+    ASSERT_GE(handle, 0);
+    const ImgDescriptor *d = ImgTableGet(handle);
+    EXPECT_EQ(d->codedRows, 0); // coding switched off
+    EXPECT_EQ(d->rowIndex, nullptr);
+    EXPECT_EQ(d->width, 33);
+    EXPECT_EQ(d->stride, 8);
+    BITMAPINFOHEADER out;
+    std::memcpy(&out, d->dib, 40);
+    EXPECT_EQ(out.biXPelsPerMeter, 299);
+    EXPECT_EQ(out.biYPelsPerMeter, 96);
+    EXPECT_EQ(out.biSizeImage, 56u);
+    EXPECT_EQ(out.biCompression, 0u);
+    const uint8_t blackWhite[8] = {0, 0, 0, 0, 255, 255, 255, 0};
+    EXPECT_EQ(0, std::memcmp(d->dib + 40, blackWhite, 8));
+    std::vector<uint8_t> row(8, 0xA5);
+    EXPECT_EQ(IMGLOW_put_raster(handle, row.data(), 6, 0), 0); // a plain bitmap
+    EXPECT_EQ(Row(handle, 6), row);
+}
+
 } // namespace
