@@ -1,11 +1,7 @@
 /*
  * bytes.h - explicit little- and big-endian access to file and header bytes
-<<<<<<< HEAD
  * (file bytes are never cast to structs), and the checked size arithmetic
  * for every size computed from file data.
-=======
- * (file bytes are never cast to structs).
->>>>>>> voice-lib
  */
 #ifndef TRNW_BYTES_H
 #define TRNW_BYTES_H

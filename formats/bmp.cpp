@@ -158,14 +158,8 @@ static int ApplyBlackWhiteRule(uint8_t *h, int mode)
     return mode;
 }
 
-<<<<<<< HEAD
 /* The geometry the decoders size their buffers from: a header sink that
  * accepts anything must not lead to a division by zero or a wrapped size. */
-=======
-/* Hardening: the geometry the decoders can size their buffers from.  Without
- * these checks everything would rest on the header sink; a sink that accepts
- * anything must not lead to a division by zero or an overflowing size. */
->>>>>>> voice-lib
 static int CheckGeometry(const BmpReadState *s, uint64_t stride)
 {
     if (s->width < 1 || s->height < 1)

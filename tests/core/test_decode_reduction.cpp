@@ -1,8 +1,6 @@
-// Part 1.4: depth reduction during decode (header sink steps 4 and 9, row
-// sink step 2 with the ordered dithers of Part 4.2).  Files are written as
-// BMP by the library's BMP writer and decoded with IMGLOW_set_decomp_reduction;
-// the expected rows come from a naive model of the Parts' words.
-#include "test_support.h"
+// Depth reduction during decode: files written by the BMP writer and decoded
+// with IMGLOW_set_decomp_reduction, against a pixel-at-a-time model.
+#include "support/support.h"
 
 #include <random>
 
@@ -15,7 +13,7 @@ const int kBayer[64] = {
     60,  188, 28,  156, 52,  180, 20,  148, 252, 124, 220, 92,  244, 116, 212, 84,
 };
 
-class Part1_4_DecodeReduction : public TrnwTest {
+class DecodeReduction : public TrnwTest {
   protected:
     void TearDown() override
     {
@@ -64,24 +62,7 @@ class Part1_4_DecodeReduction : public TrnwTest {
 
 } // namespace
 
-TEST_F(Part1_4_DecodeReduction, EightFromFourBitKeepsFourBits)
-{
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(9, 5, 4, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    ASSERT_GE(handle, 0);
-    ImgDescriptor *d = ImgTableGet(handle);
-    EXPECT_EQ(ImgDescriptorBits(d), 4);
-    for (int y = 0; y < 5; y++)
-        for (int x = 0; x < 9; x++) {
-            const uint8_t *c = d->dib + 40 + 4 * Pixel(handle, y, x, 4);
-            EXPECT_EQ((std::array<int, 3>{c[0], c[1], c[2]}), pixels[y * 9 + x]);
-        }
-    std::remove(path.c_str());
-}
-
-TEST_F(Part1_4_DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
+TEST_F(DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
 {
     const int w = 13, h = 11;
     std::vector<std::array<int, 3>> pixels;
@@ -110,7 +91,7 @@ TEST_F(Part1_4_DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalette)
+TEST_F(DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalette)
 {
     const int w = 11, h = 9;
     std::vector<std::array<int, 3>> pixels;
@@ -138,7 +119,7 @@ TEST_F(Part1_4_DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalet
     std::remove(path.c_str());
 }
 
-TEST_F(Part1_4_DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
+TEST_F(DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
 {
     const int w = 21, h = 10;
     std::vector<std::array<int, 3>> pixels;
@@ -156,22 +137,5 @@ TEST_F(Part1_4_DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
             int g = (30 * c[2] + 59 * c[1] + 11 * c[0]) / 100;
             EXPECT_EQ(Pixel(handle, y, x, 1), kBayer[(x & 7) * 8 + (y & 7)] < g ? 1 : 0);
         }
-    std::remove(path.c_str());
-}
-
-TEST_F(Part1_4_DecodeReduction, ReductionAndFixedSizeTogether)
-{
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(40, 30, 24, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
-    IMGLOW_set_decompsize(20, 15);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    IMGLOW_set_decompsize(0, 0);
-    ASSERT_GE(handle, 0);
-    int32_t width, height, bits;
-    IMG_bitmap_info(handle, &width, &height, &bits);
-    EXPECT_EQ(width, 20);
-    EXPECT_EQ(height, 15);
-    EXPECT_EQ(bits, 8);
     std::remove(path.c_str());
 }

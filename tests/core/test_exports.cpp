@@ -1,7 +1,7 @@
 /* The products export the public interface and nothing else (Overview,
  * Conventions; ARCHITECTURE.md section 4): the shared library is loaded at
  * run time and called through its exported names. */
-#include "test_support.h"
+#include "support/support.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -23,7 +23,7 @@ struct Library {
 #endif
 };
 
-TEST(Part1_1_Exports, VersionThroughTheSharedLibrary)
+TEST(Exports, VersionThroughTheSharedLibrary)
 {
     Library library;
     ASSERT_NE(library.module, nullptr) << TRNW_DLL_PATH;
@@ -36,7 +36,7 @@ TEST(Part1_1_Exports, VersionThroughTheSharedLibrary)
     EXPECT_EQ(minor, 12);
 }
 
-TEST(Part1_1_Exports, HandleCallsThroughTheSharedLibrary)
+TEST(Exports, HandleCallsThroughTheSharedLibrary)
 {
     Library library;
     ASSERT_NE(library.module, nullptr);
@@ -51,7 +51,7 @@ TEST(Part1_1_Exports, HandleCallsThroughTheSharedLibrary)
     EXPECT_EQ(angle(7, 90), IMG_ERR_HANDLE);
 }
 
-TEST(Part1_1_Exports, InternalRoutinesAreHidden)
+TEST(Exports, InternalRoutinesAreHidden)
 {
     Library library;
     ASSERT_NE(library.module, nullptr);

@@ -1,13 +1,12 @@
-/* Run records (Part 1.4's form, stored as Part 1.1 says; decoder forms of
- * Part 2.1): coding packed rows and expanding records, checked against a
- * naive pixel-at-a-time model written here from the spec's words. */
-#include "test_support.h"
+/* Run records: coding packed rows and expanding records, checked against a
+ * naive pixel-at-a-time model. */
+#include "support/support.h"
 
 #include <random>
 
 namespace {
 
-class Part1_1_RunRecords : public TrnwTest {};
+class RunRecords : public TrnwTest {};
 
 bool Pixel(const std::vector<uint8_t> &row, int x) { return (row[(size_t)x >> 3] >> (7 - (x & 7))) & 1; }
 
@@ -79,7 +78,7 @@ void ExpectPixels(const std::vector<uint8_t> &row, const std::vector<bool> &pixe
         ASSERT_EQ(Pixel(row, (int)x), pixels[x]) << "pixel " << x;
 }
 
-TEST_F(Part1_1_RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
+TEST_F(RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
 {
     std::mt19937 random(1);
     for (int width = 1; width <= 5000; width += (width < 80 ? 1 : 37)) {
@@ -104,7 +103,7 @@ TEST_F(Part1_1_RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
     }
 }
 
-TEST_F(Part1_1_RunRecords, StoredFormRoundTripsForWidths1To5000)
+TEST_F(RunRecords, StoredFormRoundTripsForWidths1To5000)
 {
     std::mt19937 random(2);
     for (int width = 1; width <= 5000; width++) {
@@ -121,11 +120,11 @@ TEST_F(Part1_1_RunRecords, StoredFormRoundTripsForWidths1To5000)
     }
 }
 
-// The decoder forms of Part 2.1: the length +2 when it equals (width + 7) / 8,
+// The decoder forms: the length +2 when it equals (width + 7) / 8,
 // a leading 0 position (an empty first run, swapping the colours), and the
 // terminators width x3 (one-dimensional) or width, width, width+1, width+1
 // (two-dimensional Group 3).
-TEST_F(Part1_1_RunRecords, DecoderFormsExpandForWidths1To5000)
+TEST_F(RunRecords, DecoderFormsExpandForWidths1To5000)
 {
     std::mt19937 random(3);
     for (int width = 1; width <= 5000; width += (width < 100 ? 1 : 13)) {
@@ -157,29 +156,7 @@ TEST_F(Part1_1_RunRecords, DecoderFormsExpandForWidths1To5000)
     }
 }
 
-TEST_F(Part1_1_RunRecords, ExpandFillsWithOnesAndClearsRuns)
-{
-    // Runs of 0-bits [3, 9) and [12, 13) in a 16-pixel row.
-    std::vector<uint16_t> record = {14, 3, 9, 12, 13, 16, 16};
-    std::vector<uint8_t> row = Expand(record, 16, 4);
-    EXPECT_EQ(row, std::vector<uint8_t>({0xE0, 0x77, 0xFF, 0xFF}));
-}
-
-TEST_F(Part1_1_RunRecords, RowEndingBlackClosesWithWidth)
-{
-    // A single change at 5 in a 12-pixel row: pixels 5..11 black; the first
-    // terminator closes the pair.
-    std::vector<uint8_t> row = {0xF8, 0x0F};
-    std::vector<uint16_t> record(RunRecordMaxBytes(12) / 2);
-    int bytes = RunEncodeRow(row.data(), 12, record.data());
-    EXPECT_EQ(bytes, 10);
-    EXPECT_EQ(std::vector<uint16_t>(record.begin(), record.begin() + 5),
-              std::vector<uint16_t>({10, 5, 12, 12, 12}));
-    record.resize(5);
-    EXPECT_EQ(Expand(record, 12, 4), std::vector<uint8_t>({0xF8, 0x0F, 0xFF, 0xFF}));
-}
-
-TEST_F(Part1_1_RunRecords, HostileRecordsStayInsideTheRow)
+TEST_F(RunRecords, HostileRecordsStayInsideTheRow)
 {
     std::mt19937 random(4);
     for (int trial = 0; trial < 3000; trial++) {
@@ -195,33 +172,6 @@ TEST_F(Part1_1_RunRecords, HostileRecordsStayInsideTheRow)
     std::vector<uint16_t> record = {10, 0, 60000, 100, 100};
     std::vector<uint8_t> row = Expand(record, 100, 2);
     EXPECT_EQ(row, std::vector<uint8_t>({0, 0}));
-}
-
-TEST_F(Part1_1_RunRecords, TruncatedRecordEndsAtItsLength)
-{
-    // The byte count given to the expansion bounds the words read: an
-    // unterminated pair runs to the width.
-    std::vector<uint16_t> record = {4, 6};
-    EXPECT_EQ(Expand(record, 16, 4), std::vector<uint8_t>({0xFC, 0x00, 0xFF, 0xFF}));
-}
-
-TEST_F(Part1_1_RunRecords, SolidRowsSkipWordAtATime)
-{
-    for (int width : {64, 65, 1000, 2550, 65534}) {
-        SCOPED_TRACE(width);
-        size_t stride = (size_t)((width + 31) / 32) * 4;
-        std::vector<uint8_t> white(stride, 0xFF), black(stride, 0x00);
-        std::vector<uint16_t> record(RunRecordMaxBytes(width) / 2);
-        RunEncodeRow(white.data(), width, record.data());
-        EXPECT_EQ(record[1], width);
-        int bytes = RunEncodeRow(black.data(), width, record.data());
-        EXPECT_EQ(record[1], 0);
-        EXPECT_EQ(record[2], width);
-        record.resize((size_t)bytes / 2);
-        std::vector<uint8_t> back = Expand(record, width, stride);
-        for (int x = 0; x < width; x++)
-            ASSERT_FALSE(Pixel(back, x));
-    }
 }
 
 } // namespace

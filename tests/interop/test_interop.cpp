@@ -1,0 +1,332 @@
+/*
+ * test_interop.cpp - the library against independent imaging tools:
+ * libtiff's tools (tiffcp, tiffinfo, tiff2pdf, fax2tiff), ImageMagick's
+ * convert, netpbm and vips.
+ *
+ * Writing: a picture built through the public API is saved in each format and
+ * depth we write, and a tool decodes the file to the picture's pixels (or,
+ * for the validators, accepts it without complaint).
+ * Reading: a tool writes a file from a PNM of the picture, and our decode of
+ * that file gives the pixels the picture holds.
+ * Processing: our rotate, flip, dither and palette results, saved as BMP,
+ * equal what ImageMagick makes of the same picture or reads from our file.
+ *
+ * Every row skips when one of its tools is absent, and under Windows.
+ */
+#include "support/support.h"
+
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace {
+
+// Replaces {in}, {out}, {w}, {h} and {convert} in a command.
+std::string Fill(std::string command, const std::map<std::string, std::string> &values)
+{
+    for (const auto &v : values)
+        for (size_t at; (at = command.find("{" + v.first + "}")) != std::string::npos;)
+            command.replace(at, v.first.size() + 2, v.second);
+    return command;
+}
+
+// The tools a row needs ("convert tiffcp"), or the first one missing.
+std::string MissingTool(const std::string &needs)
+{
+    std::istringstream in(needs);
+    for (std::string tool; in >> tool;)
+        if (FindTool(tool).empty())
+            return tool;
+    return "";
+}
+
+#define SKIP_WITHOUT(needs)                                                      \
+    if (std::string missing = MissingTool(needs); !missing.empty()) {            \
+        GTEST_SKIP() << missing << " is not installed";                          \
+    }                                                                            \
+    do {} while (0)
+
+std::string Convert() { return FindTool("convert"); } // ImageMagick by full path
+
+/* ---- files we write, decoded by the tools ---- */
+
+struct WriteCase {
+    const char *name;
+    int type, bits, width, height;
+    bool grey;
+    const char *needs;
+    const char *command; // decodes {in} to the PNM {out}, or only validates {in}
+};
+
+const char *const kTiffToPnm = "tifftopnm '{in}' > '{out}'";
+const char *const kMagick = "{convert} '{in}' -depth 8 'ppm:{out}'";
+const char *const kVips = "vips copy '{in}' '{out}.ppm' && mv '{out}.ppm' '{out}'";
+const char *const kTiffinfo = "tiffinfo -D '{in}' > '{out}.txt' 2>&1 && "
+                              "! grep -v 'contains null byte' '{out}.txt' | grep -qiE 'error|warn'";
+const char *const kTiff2pdf = "tiff2pdf -o '{out}.pdf' '{in}'";
+const char *const kFax2tiff = "fax2tiff {opts} -X {w} -o '{out}.tif' '{in}' && tifftopnm '{out}.tif' > '{out}'";
+
+const WriteCase kWrites[] = {
+    // TIFF, each compression we write, each depth it takes
+    {"TiffNone1", IMG_TYPE_TIFF, 1, 77, 23, false, "tifftopnm", kTiffToPnm},
+    {"TiffNone4Grey", IMG_TYPE_TIFF, 4, 31, 9, true, "tifftopnm", kTiffToPnm},
+    {"TiffNone4", IMG_TYPE_TIFF, 4, 31, 9, false, "convert", kMagick},
+    {"TiffNone8Grey", IMG_TYPE_TIFF, 8, 30, 11, true, "vips", kVips},
+    {"TiffNone8", IMG_TYPE_TIFF, 8, 30, 11, false, "tifftopnm", kTiffToPnm},
+    {"TiffNone24", IMG_TYPE_TIFF, 24, 33, 17, false, "convert", kMagick},
+    {"TiffNone24Vips", IMG_TYPE_TIFF, 24, 33, 17, false, "vips", kVips},
+    {"TiffNone24Info", IMG_TYPE_TIFF, 24, 33, 17, false, "tiffinfo", kTiffinfo},
+    {"TiffLzw1", IMG_TYPE_TIFF_LZW, 1, 77, 23, false, "tifftopnm", kTiffToPnm},
+    {"TiffLzw4", IMG_TYPE_TIFF_LZW, 4, 31, 9, false, "convert", kMagick},
+    {"TiffLzw8Grey", IMG_TYPE_TIFF_LZW, 8, 300, 40, true, "tifftopnm", kTiffToPnm},
+    {"TiffLzw8", IMG_TYPE_TIFF_LZW, 8, 30, 11, false, "vips", kVips},
+    {"TiffLzw24", IMG_TYPE_TIFF_LZW, 24, 200, 150, false, "tifftopnm", kTiffToPnm},
+    {"TiffLzw24Magick", IMG_TYPE_TIFF_LZW, 24, 200, 150, false, "convert", kMagick},
+    {"TiffLzw8Info", IMG_TYPE_TIFF_LZW, 8, 300, 40, false, "tiffinfo", kTiffinfo},
+    {"TiffLzw24Pdf", IMG_TYPE_TIFF_LZW, 24, 64, 40, false, "tiff2pdf", kTiff2pdf},
+    {"TiffPackBits1", IMG_TYPE_TIFF_PACKBITS, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
+    {"TiffPackBitsMagick", IMG_TYPE_TIFF_PACKBITS, 1, 130, 20, false, "convert", kMagick},
+    {"TiffPackBitsVips", IMG_TYPE_TIFF_PACKBITS, 1, 65, 20, false, "vips", kVips},
+    {"TiffHuffman", IMG_TYPE_TIFF_HUFFMAN, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
+    {"TiffHuffmanMagick", IMG_TYPE_TIFF_HUFFMAN, 1, 221, 40, false, "convert", kMagick},
+    {"TiffG3", IMG_TYPE_TIFF_G3, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
+    {"TiffG3Vips", IMG_TYPE_TIFF_G3, 1, 221, 40, false, "vips", kVips},
+    {"TiffG3Info", IMG_TYPE_TIFF_G3, 1, 221, 40, false, "tiffinfo", kTiffinfo},
+    {"TiffG4", IMG_TYPE_TIFF_G4, 1, 1728, 120, false, "tifftopnm", kTiffToPnm},
+    {"TiffG4Magick", IMG_TYPE_TIFF_G4, 1, 221, 40, false, "convert", kMagick},
+    {"TiffG4Pdf", IMG_TYPE_TIFF_G4, 1, 221, 40, false, "tiff2pdf", kTiff2pdf},
+    {"Tiff51", IMG_TYPE_TIFF_51, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
+    // raw CCITT streams, both bit orders
+    {"FaxG3", IMG_TYPE_FAX_G3, 1, 1728, 200, false, "fax2tiff tifftopnm", kFax2tiff},
+    {"FaxG3Reversed", IMG_TYPE_FAX_G3_B, 1, 1728, 200, false, "fax2tiff tifftopnm", kFax2tiff},
+    {"FaxG4", IMG_TYPE_FAX_G4, 1, 2550, 200, false, "fax2tiff tifftopnm", kFax2tiff},
+    {"FaxG4Reversed", IMG_TYPE_FAX_G4_B, 1, 1731, 64, false, "fax2tiff tifftopnm", kFax2tiff},
+    {"FaxG3Netpbm", IMG_TYPE_FAX_G3, 1, 1728, 100, false, "g3topbm", "g3topbm -stop_error '{in}' > '{out}'"},
+    {"FaxG3NetpbmReversed", IMG_TYPE_FAX_G3_B, 1, 1728, 100, false, "g3topbm",
+     "g3topbm -stop_error -reversebits '{in}' > '{out}'"},
+    // BMP and bare DIB
+    {"Bmp1", IMG_TYPE_BMP, 1, 77, 23, false, "convert", kMagick},
+    {"Bmp4", IMG_TYPE_BMP, 4, 31, 9, false, "bmptopnm", "bmptopnm '{in}' > '{out}'"},
+    {"Bmp8", IMG_TYPE_BMP, 8, 30, 11, false, "convert", kMagick},
+    {"Bmp24", IMG_TYPE_BMP, 24, 33, 17, false, "bmptopnm", "bmptopnm '{in}' > '{out}'"},
+    {"Bmp24Vips", IMG_TYPE_BMP, 24, 33, 17, false, "vips convert", kMagick},
+    {"BmpRle8", IMG_TYPE_BMP_COMPRESSED, 8, 61, 19, false, "convert", kMagick},
+    {"BmpRle4", IMG_TYPE_BMP_COMPRESSED, 4, 61, 19, false, "convert", kMagick},
+    {"Dib8", IMG_TYPE_DIB, 8, 30, 11, false, "convert", "{convert} 'dib:{in}' -depth 8 'ppm:{out}'"},
+};
+
+class WrittenFile : public TrnwTest, public ::testing::WithParamInterface<WriteCase> {};
+
+TEST_P(WrittenFile, ToolDecodesThePixelsWeWrote)
+{
+    const WriteCase &c = GetParam();
+    SKIP_WITHOUT(c.needs);
+    Picture p = MakePicture(c.width, c.height, c.bits, (uint32_t)c.type * 31 + c.bits, c.grey);
+    int32_t h = ImageOf(p);
+    ASSERT_GE(h, 0);
+    std::string in = TempPath(std::string("w_") + c.name), out = in + ".pnm";
+    ASSERT_EQ(IMG_save_bitmap(h, in.c_str(), c.type), 0);
+    bool g4 = c.type == IMG_TYPE_FAX_G4 || c.type == IMG_TYPE_FAX_G4_B;
+    bool lsb = c.type == IMG_TYPE_FAX_G3_B || c.type == IMG_TYPE_FAX_G4_B;
+    std::string opts = std::string(g4 ? "-4" : "-3 -1") + (lsb ? " -L" : " -M");
+    std::string command = Fill(c.command, {{"in", in}, {"out", out}, {"w", std::to_string(c.width)},
+                                           {"opts", opts}, {"convert", Convert()}});
+    if (std::string(c.command).find("{out}'") == std::string::npos) { // a validator
+        EXPECT_TRUE(RunQuiet(command)) << command;
+    } else {
+        Raster theirs = ToolRaster(command, out);
+        if (c.type >= IMG_TYPE_FAX_G3 && theirs.height > c.height && theirs.height <= c.height + 5) {
+            theirs.height = c.height; // the fax tools may add the blank rows of the page end
+            theirs.rgb.resize((size_t)3 * c.width * c.height);
+        }
+        // A TIFF ColorMap holds 16-bit colours; the tools may scale them back down by 257.
+        int tolerance = c.bits < 24 && c.bits > 1 && !c.grey && c.type != IMG_TYPE_BMP ? 1 : 0;
+        EXPECT_EQ(RasterDiff(p.Rgb(), theirs, tolerance), 0) << command;
+    }
+    RunQuiet("rm -f '" + in + "' '" + out + "'*");
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, WrittenFile, ::testing::ValuesIn(kWrites),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+/* ---- files the tools write, decoded by us ---- */
+
+struct ReadCase {
+    const char *name;
+    int bits; // of the picture the tool is given
+    bool grey;
+    const char *needs;
+    const char *command; // writes {out} from the PNM {in}
+    const char *ext;
+};
+
+#define PLAIN "pnmtotiff '{in}' > '{out}.plain.tif' && "
+const ReadCase kReads[] = {
+    {"TiffcpLzw24", 24, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw -r 7 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpLzwPredictor24", 24, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw:2 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpLzwBigEndian8", 8, true, "pnmtotiff tiffcp", PLAIN "tiffcp -B -c lzw '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpLzw1", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw -r 5 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpPackBits8", 8, true, "pnmtotiff tiffcp", PLAIN "tiffcp -c packbits -r 3 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpPackBits1", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c packbits '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpSeparatePlanes24", 24, false, "pnmtotiff tiffcp", PLAIN "tiffcp -p separate '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpG3", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c g3 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpG3TwoDimensional", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c g3:2d -r 16 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpG3LsbFirst", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c g3:2d -f lsb2msb '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpG4", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c g4 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpG4BigEndianLsbFirst", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -B -c g4 -f lsb2msb -r 9 '{out}.plain.tif' '{out}'", "tif"},
+    {"NetpbmTiff8", 8, true, "pnmtotiff", "pnmtotiff '{in}' > '{out}'", "tif"},
+    {"MagickTiffNone24", 24, false, "convert", "{convert} '{in}' -compress None '{out}'", "tif"},
+    {"MagickTiffLzwPalette8", 8, false, "convert", "{convert} '{in}' -type Palette -compress LZW '{out}'", "tif"},
+    {"MagickTiffPalette4", 4, false, "convert", "{convert} '{in}' -type Palette -compress None '{out}'", "tif"},
+    {"MagickTiffGroup4", 1, false, "convert", "{convert} '{in}' -compress Group4 '{out}'", "tif"},
+    {"MagickTiffFax", 1, false, "convert", "{convert} '{in}' -compress Fax '{out}'", "tif"},
+    {"VipsTiffLzw24", 24, false, "vips", "vips copy '{in}' '{out}[compression=lzw]'", "tif"},
+    {"VipsTiffPackBits8", 8, true, "vips", "vips copy '{in}' '{out}[compression=packbits]'", "tif"},
+    {"MagickBmp1", 1, false, "convert", "{convert} '{in}' -type Bilevel 'bmp3:{out}'", "bmp"},
+    {"MagickBmp4", 4, false, "convert", "{convert} '{in}' -type Palette 'bmp3:{out}'", "bmp"},
+    {"MagickBmp8", 8, false, "convert", "{convert} '{in}' -type Palette 'bmp3:{out}'", "bmp"},
+    {"MagickBmpRle8", 8, false, "convert", "{convert} '{in}' -type Palette -compress RLE 'bmp3:{out}'", "bmp"},
+    {"MagickBmp24", 24, false, "convert", "{convert} '{in}' -type TrueColor 'bmp3:{out}'", "bmp"},
+    {"MagickBmpOs2", 8, false, "convert", "{convert} '{in}' -type Palette 'bmp2:{out}'", "bmp"},
+    {"NetpbmBmp24", 24, false, "ppmtobmp", "ppmtobmp '{in}' > '{out}'", "bmp"},
+    {"NetpbmBmp8", 8, false, "ppmtobmp", "ppmtobmp -bpp 8 '{in}' > '{out}'", "bmp"},
+};
+
+class ToolFile : public TrnwTest, public ::testing::WithParamInterface<ReadCase> {};
+
+TEST_P(ToolFile, DecodesToThePixelsTheToolWasGiven)
+{
+    const ReadCase &c = GetParam();
+    SKIP_WITHOUT(c.needs);
+    int width = c.bits == 1 ? 221 : 77, height = c.bits == 1 ? 60 : 45;
+    Raster expected = MakePicture(width, height, c.bits, 11u * c.bits + 5, c.grey).Rgb();
+    std::string in = TempPath(std::string("r_") + c.name + (c.bits == 1 ? ".pbm" : c.grey ? ".pgm" : ".ppm"));
+    std::string out = TempPath(std::string("r_") + c.name + "." + c.ext);
+    ASSERT_TRUE(WritePnm(in, expected, c.bits == 1 ? '4' : c.grey ? '5' : '6'));
+    std::string command = Fill(c.command, {{"in", in}, {"out", out}, {"convert", Convert()}});
+    ASSERT_TRUE(RunQuiet(command)) << command;
+    int32_t status = 0;
+    EXPECT_EQ(RasterDiff(DecodeFile(out, &status), expected), 0) << command << " (decode " << status << ")";
+    RunQuiet("rm -f '" + in + "' '" + out + "'*");
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, ToolFile, ::testing::ValuesIn(kReads),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// netpbm's raw Group 3 stream through the headerless fax entry, with the page
+// height given and left for the decoder to find.
+TEST_F(TrnwTest, NetpbmGroup3StreamDecodesThroughTheFaxEntry)
+{
+    SKIP_WITHOUT("pbmtog3");
+    Raster page = MakePicture(1728, 150, 1, 99).Rgb();
+    std::string pbm = TempPath("g3.pbm"), g3 = TempPath("g3.g3");
+    ASSERT_TRUE(WritePnm(pbm, page, '4'));
+    ASSERT_TRUE(RunQuiet("pbmtog3 '" + pbm + "' > '" + g3 + "'"));
+    std::vector<uint8_t> data = ReadFile(g3);
+    for (int32_t height : {150, 0}) {
+        SCOPED_TRACE(height);
+        int32_t h = IMG_decompress_fax_mem_size(data.data(), (uint32_t)data.size(), 1728, height, 3, 1);
+        ASSERT_GE(h, 0);
+        Raster ours = ImageRgb(h);
+        IMG_delete_bitmap(h);
+        ours.height = std::min(ours.height, page.height); // pbmtog3 closes with blank rows
+        ours.rgb.resize(page.rgb.size());
+        EXPECT_EQ(RasterDiff(ours, page), 0);
+    }
+    std::remove(pbm.c_str());
+    std::remove(g3.c_str());
+}
+
+/* ---- processing against ImageMagick ---- */
+
+struct ProcessCase {
+    const char *name;
+    int bits;
+    bool runCoded;
+    int32_t (*ours)(int32_t handle);
+    const char *magick; // the same operation by ImageMagick, "" when our result is only read back
+};
+
+const ProcessCase kProcesses[] = {
+    {"Rotate90_1", 1, false, [](int32_t h) { return IMG_rotate_bitmap(h, 9000); }, "-rotate 90"},
+    {"Rotate90_1RunCoded", 1, true, [](int32_t h) { return IMG_rotate_bitmap(h, 9000); }, "-rotate 90"},
+    {"Rotate270_4", 4, false, [](int32_t h) { return IMG_rotate_bitmap(h, 27000); }, "-rotate 270"},
+    {"Rotate90_8", 8, false, [](int32_t h) { return IMG_rotate_bitmap(h, 9000); }, "-rotate 90"},
+    {"Rotate180_24", 24, false, [](int32_t h) { return IMG_rotate_bitmap(h, 18000); }, "-rotate 180"},
+    {"Rotate270_24", 24, false, [](int32_t h) { return IMG_rotate_bitmap(h, 27000); }, "-rotate 270"},
+    {"FlipX1RunCoded", 1, true, IMG_flip_bitmapx, "-flop"},
+    {"FlipX4", 4, false, IMG_flip_bitmapx, "-flop"},
+    {"FlipX24", 24, false, IMG_flip_bitmapx, "-flop"},
+    {"FlipY1", 1, false, IMG_flip_bitmapy, "-flip"},
+    {"FlipY8", 8, false, IMG_flip_bitmapy, "-flip"},
+    {"Invert24", 24, false, IMG_invert_bitmap, "-negate"},
+    {"BayerMono", 24, false, IMG_bayer_mono, ""},
+    {"DiffusionMono", 8, false, IMG_diffusion_mono, ""},
+    {"HalftoneMono", 24, false, IMG_halftone_mono, ""},
+    {"BayerColor", 24, false, IMG_bayer_color, ""},
+    {"DiffusionColor", 24, false, IMG_diffusion_color, ""},
+    {"ColorGray", 24, false, IMG_color_gray, ""},
+    {"Promote8", 4, false, IMG_promote_8, ""},
+    {"Promote24", 8, false, IMG_promote_24, ""},
+    {"MedianCut", 24, false, IMG_mediancut_color, ""},
+    {"Popularity", 24, false, IMG_popularity_color, ""},
+    {"Octree4", 24, false, [](int32_t h) { return IMG_octree_color(h, 4, nullptr, 16); }, ""},
+    {"Octree8", 24, false, [](int32_t h) { return IMG_octree_color(h, 8, nullptr, 64); }, ""},
+};
+
+class Processed : public TrnwTest, public ::testing::WithParamInterface<ProcessCase> {};
+
+TEST_P(Processed, ResultAgreesWithImageMagick)
+{
+    const ProcessCase &c = GetParam();
+    SKIP_WITHOUT("convert");
+    Picture p = MakePicture(c.bits == 1 ? 53 : 37, 29, c.bits, 7u * c.bits + 1);
+    int32_t h = ImageOf(p);
+    ASSERT_GE(h, 0);
+    std::string source = TempPath(std::string("p_") + c.name + ".bmp"), result = source + ".ppm";
+    ASSERT_EQ(IMG_save_bitmap(h, source.c_str(), IMG_TYPE_BMP), 0);
+    if (c.runCoded) {
+        ASSERT_EQ(IMG_dib_to_runs(h), 0);
+    }
+    ASSERT_GE(c.ours(h), 0); // octree answers with its colour count
+    Raster ours = ImageRgb(h);
+    if (*c.magick) { // ImageMagick does the same to our source file
+        std::string command = Convert() + " '" + source + "' " + c.magick + " -depth 8 'ppm:" + result + "'";
+        EXPECT_EQ(RasterDiff(ours, ToolRaster(command, result)), 0) << command;
+    } else { // ImageMagick reads our result as we hold it
+        ASSERT_EQ(IMG_save_bitmap(h, source.c_str(), IMG_TYPE_BMP), 0);
+        std::string command = Convert() + " '" + source + "' -depth 8 'ppm:" + result + "'";
+        Raster theirs = ToolRaster(command, result);
+        EXPECT_EQ(RasterDiff(ours, theirs), 0) << command;
+        std::set<uint32_t> colours;
+        for (size_t i = 0; i + 2 < theirs.rgb.size(); i += 3)
+            colours.insert((uint32_t)theirs.rgb[i] << 16 | theirs.rgb[i + 1] << 8 | theirs.rgb[i + 2]);
+        int bits = PictureOf(h).bits;
+        EXPECT_LE(colours.size(), bits < 24 ? (size_t)1 << bits : ours.rgb.size() / 3);
+    }
+    std::remove(source.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, Processed, ::testing::ValuesIn(kProcesses),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// ColorGray weighs a picture ImageMagick draws as (38 R + 75 G + 14 B) / 128.
+TEST_F(TrnwTest, ColorGrayWeighsImageMagicksColours)
+{
+    SKIP_WITHOUT("convert");
+    std::string bmp = TempPath("plasma.bmp"), ppm = bmp + ".ppm";
+    ASSERT_TRUE(RunQuiet(Convert() + " -size 64x48 gradient:red-blue -type TrueColor 'bmp3:" + bmp + "'"));
+    Raster theirs = ToolRaster(Convert() + " '" + bmp + "' -depth 8 'ppm:" + ppm + "'", ppm);
+    int32_t h = IMG_decompress_bitmap(bmp.c_str());
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(IMG_color_gray(h), 0);
+    Raster grey = ImageRgb(h);
+    ASSERT_EQ(grey.rgb.size(), theirs.rgb.size());
+    long bad = 0;
+    for (size_t i = 0; i < grey.rgb.size(); i += 3)
+        bad += grey.rgb[i] != ((38 * theirs.rgb[i] + 75 * theirs.rgb[i + 1] + 14 * theirs.rgb[i + 2]) >> 7);
+    EXPECT_EQ(bad, 0);
+    std::remove(bmp.c_str());
+}
+
+} // namespace
