@@ -1,8 +1,8 @@
 /*
  * The trnw tool's exit statuses: 0 done, 1 a file or library failure, 2 a
  * usage error (bad command, bad option or value, wrong argument count, an
- * output type that holds one page only).  Runs the tool named by TRNW_TOOL;
- * skipped without it.  Every input named here does not exist, so no case
+ * output type that holds one page only).  Runs the tool named by TRNW_TOOL,
+ * else the one built beside the suite; skipped without either.  Every input named here does not exist, so no case
  * reaches a decoder; the outputs lie in TRNW_TEST_TMP (or the current
  * directory).
  */
@@ -34,6 +34,10 @@ int RunTool(const std::string &tool, const std::string &arguments)
 TEST(TrnwTool, ExitStatusOfEachKindOfCall)
 {
     const char *tool = std::getenv("TRNW_TOOL");
+#ifdef TRNW_TOOL_PATH
+    if (!tool || !*tool)
+        tool = TRNW_TOOL_PATH;
+#endif
     if (!tool || !*tool)
         GTEST_SKIP() << "TRNW_TOOL names no built trnw";
     const char *tmp = std::getenv("TRNW_TEST_TMP");
