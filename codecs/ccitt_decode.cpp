@@ -27,105 +27,144 @@
 #include "core/runs.h"
 #include "codecs/ccitt_codes.h"
 
-/* ---- the code tables, built from the T.4 code lists of ccitt_codes.cpp ---- */
+/* ---- the code tables, built at compile time from the T.4 code lists ---- */
 
 #define CODE_EOL 4095   /* value & 0xFFF of the EOL entry */
 #define CODE_END 0x10000 /* internal: every data bit consumed */
 
-static uint16_t whiteValues[8192], blackValues[8192];
-static uint8_t whiteLengths[8192], blackLengths[8192];
+namespace {
+
+constexpr int kIndexBits = 13; /* the longest code, EOL's 12 bits, plus one */
+constexpr int kIndexCount = 1 << kIndexBits;
+
+/* A colour's 13-bit table: the run (or 0x1000 for run 0, 0x1FFF for EOL) and
+ * the code's length less one, for every index whose low bits begin with a
+ * code; 0 and 0 where no code begins. */
+struct CodeTable {
+    uint16_t values[kIndexCount] = {};
+    uint8_t lengths[kIndexCount] = {};
+};
+
+constexpr uint32_t CodeLength(const char *code)
+{
+    uint32_t n = 0;
+    while (code[n])
+        n++;
+    return n;
+}
+
+/* Spreads one code over every 13-bit index whose low bits begin with it. */
+constexpr void AddCode(CodeTable &table, const char *code, uint16_t value)
+{
+    uint32_t length = CodeLength(code), low = 0;
+    for (uint32_t i = 0; i < length; i++)
+        low |= (uint32_t)(code[i] - '0') << i;
+    for (uint32_t high = 0; high < (1u << (kIndexBits - length)); high++) {
+        table.values[low | high << length] = value;
+        table.lengths[low | high << length] = (uint8_t)(length - 1);
+    }
+}
+
+constexpr CodeTable BuildCodeTable(const char *const *terminating, const char *const *makeUp)
+{
+    CodeTable table;
+    for (int run = 0; run < 64; run++)
+        AddCode(table, terminating[run], run ? (uint16_t)run : 0x1000);
+    for (int i = 0; i < 27; i++)
+        AddCode(table, makeUp[i], (uint16_t)(64 * (i + 1)));
+    for (int i = 0; i < 13; i++)
+        AddCode(table, ccittExtendedMakeUp[i], (uint16_t)(1792 + 64 * i));
+    AddCode(table, ccittEol, 0x1FFF);
+    return table;
+}
+
+constexpr CodeTable kWhite = BuildCodeTable(ccittWhiteTerminating, ccittWhiteMakeUp);
+constexpr CodeTable kBlack = BuildCodeTable(ccittBlackTerminating, ccittBlackMakeUp);
+/* EOL (eleven 0 bits, then a 1) decodes as EOL in both colours. */
+static_assert(kWhite.values[1u << 11] == 0x1FFF && kBlack.values[1u << 11] == 0x1FFF);
+static_assert(kWhite.lengths[1u << 11] == 11);
+
+} // namespace
+
 /* A colour's pair of tables. */
 typedef struct Colour {
     const uint16_t *values;
     const uint8_t *lengths;
 } Colour;
 
-static const Colour colours[2] = {{whiteValues, whiteLengths}, {blackValues, blackLengths}};
-static int32_t modeTable[256];
+static const Colour colours[2] = {{kWhite.values, kWhite.lengths}, {kBlack.values, kBlack.lengths}};
+
+namespace {
+
+/* Two-dimensional modes by number: V0 0, VR1..VR3 1..3, VL1..VL3 -1..-3,
+ * horizontal 4, pass 5. */
+enum TwoDimensionalMode : int32_t {
+    kVL3 = -3, kVL2 = -2, kVL1 = -1, kV0 = 0, kVR1 = 1, kVR2 = 2, kVR3 = 3, kHorizontal = 4, kPass = 5
+};
+
 /* Bits a two-dimensional mode costs, by mode number + 3. */
-static const uint8_t modeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
-/* The mode table and the cost in one byte: (mode + 3) | cost << 4. */
-static uint8_t modeStep[256];
-static uint8_t bitReversal[256];
-static int tablesBuilt;
+constexpr uint8_t kModeCost[9] = {7, 6, 3, 1, 3, 6, 7, 3, 4};
 
-/* Spreads one code over every 13-bit index whose low bits begin with it. */
-static void AddCode(uint16_t *values, uint8_t *lengths, const char *code, uint16_t value)
-{
-    uint32_t length = (uint32_t)strlen(code), low = 0;
-    for (uint32_t i = 0; i < length; i++)
-        low |= (uint32_t)(code[i] - '0') << i;
-    for (uint32_t high = 0; high < (1u << (13 - length)); high++) {
-        values[low | high << length] = value;
-        lengths[low | high << length] = (uint8_t)(length - 1);
-    }
-}
+struct ModeTables {
+    int32_t mode[256] = {};
+    /* The mode and its cost in one byte: (mode + 3) | cost << 4. */
+    uint8_t step[256] = {};
+};
 
-static void BuildCodeTable(uint16_t *values, uint8_t *lengths, const char *const *terminating,
-                           const char *const *makeUp)
+/* The mode of every 8-bit window, first bit in bit 0; 0000000x and
+ * 0000001x (EOL, fill, extension) read as V0. */
+constexpr ModeTables BuildModeTables()
 {
-    memset(values, 0, 8192 * sizeof *values);
-    memset(lengths, 0, 8192);
-    for (int run = 0; run < 64; run++)
-        AddCode(values, lengths, terminating[run], run ? (uint16_t)run : 0x1000);
-    for (int i = 0; i < 27; i++)
-        AddCode(values, lengths, makeUp[i], (uint16_t)(64 * (i + 1)));
-    for (int i = 0; i < 13; i++)
-        AddCode(values, lengths, ccittExtendedMakeUp[i], (uint16_t)(1792 + 64 * i));
-    AddCode(values, lengths, ccittEol, 0x1FFF);
-}
-
-/* Two-dimensional codes, first bit first, and their mode numbers. */
-static void BuildModeTable(void)
-{
-    static const struct {
+    struct ModeCode {
         const char *code;
         int32_t mode;
-    } modes[] = {{"1", 0},       {"011", 1},     {"010", -1},     {"001", 4},
-                 {"0001", 5},    {"000011", 2},  {"000010", -2},  {"0000011", 3},
-                 {"0000010", -3}};
+    };
+    constexpr ModeCode modes[] = {{"1", kV0},          {"011", kVR1},     {"010", kVL1},
+                                  {"001", kHorizontal}, {"0001", kPass},   {"000011", kVR2},
+                                  {"000010", kVL2},     {"0000011", kVR3}, {"0000010", kVL3}};
+    ModeTables tables;
     for (int index = 0; index < 256; index++) {
-        modeTable[index] = 0; /* 0000000x and 0000001x: EOL, fill, extension read as V0 */
-        for (size_t m = 0; m < sizeof modes / sizeof modes[0]; m++) {
-            size_t length = strlen(modes[m].code);
-            int match = 1;
-            for (size_t i = 0; i < length && match; i++)
-                match = ((index >> i) & 1) == modes[m].code[i] - '0';
+        for (const ModeCode &m : modes) {
+            uint32_t length = CodeLength(m.code);
+            bool match = true;
+            for (uint32_t i = 0; i < length && match; i++)
+                match = ((index >> i) & 1) == m.code[i] - '0';
             if (match) {
-                modeTable[index] = modes[m].mode;
+                tables.mode[index] = m.mode;
                 break;
             }
         }
-        modeStep[index] = (uint8_t)((modeTable[index] + 3) | modeCost[modeTable[index] + 3] << 4);
+        int32_t mode = tables.mode[index];
+        tables.step[index] = (uint8_t)((mode + 3) | kModeCost[mode + 3] << 4);
     }
+    return tables;
 }
 
-static void BuildTables(void)
-{
-    if (tablesBuilt)
-        return;
-    BuildCodeTable(whiteValues, whiteLengths, ccittWhiteTerminating, ccittWhiteMakeUp);
-    BuildCodeTable(blackValues, blackLengths, ccittBlackTerminating, ccittBlackMakeUp);
-    BuildModeTable();
-    for (int i = 0; i < 256; i++) {
-        int r = 0;
-        for (int b = 0; b < 8; b++)
-            r |= ((i >> b) & 1) << (7 - b);
-        bitReversal[i] = (uint8_t)r;
+constexpr ModeTables kModes = BuildModeTables();
+static_assert(kModes.mode[0x01] == kV0 && kModes.mode[0x04] == kHorizontal && kModes.mode[0x08] == kPass);
+
+constexpr struct BitReversal {
+    uint8_t table[256] = {};
+    constexpr BitReversal()
+    {
+        for (int i = 0; i < 256; i++)
+            for (int b = 0; b < 8; b++)
+                table[i] |= (uint8_t)(((i >> b) & 1) << (7 - b));
     }
-    tablesBuilt = 1;
-}
+} kBitReversal;
+static_assert(kBitReversal.table[0x01] == 0x80 && kBitReversal.table[0xF0] == 0x0F);
+
+} // namespace
 
 void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
                     const uint8_t **blackLength, const int32_t **modes, const uint8_t **reversal)
 {
-    BuildTables();
-    *white = whiteValues;
-    *whiteLength = whiteLengths;
-    *black = blackValues;
-    *blackLength = blackLengths;
-    *modes = modeTable;
-    *reversal = bitReversal;
+    *white = kWhite.values;
+    *whiteLength = kWhite.lengths;
+    *black = kBlack.values;
+    *blackLength = kBlack.lengths;
+    *modes = kModes.mode;
+    *reversal = kBitReversal.table;
 }
 
 /* ---- the bit reader ---- */
@@ -174,7 +213,7 @@ typedef struct Bits {
 static void ReverseBytes(uint8_t *p, uint32_t count)
 {
     for (uint32_t i = 0; i < count; i++)
-        p[i] = bitReversal[p[i]];
+        p[i] = kBitReversal.table[p[i]];
 }
 
 static void SetEnd(BitReader *r, uint32_t end)
@@ -578,7 +617,6 @@ static int CheckCall(const CcittParameters *p, int32_t rowCount, int32_t firstRo
  * tables, row buffers.  0 or -1. */
 static int SetUp(int32_t width, int32_t firstRow)
 {
-    BuildTables();
     if (firstRow == 0 || !work.rows[0] || work.width != width) {
         int result = AllocateRows(width);
         if (result < 0)
@@ -688,23 +726,23 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
             bits->at += used;
             continue;
         }
-        uint32_t step = modeStep[window & 0xFF];
+        uint32_t step = kModes.step[window & 0xFF];
         bits->at += step >> 4;
         int mode = (int)(step & 15) - 3;
         int32_t a1;
         switch (mode) {
-        case 0:
+        case kV0:
             a1 = ref[b];
             b++;
             break;
-        case 1:
+        case kVR1:
             a1 = ref[b] + 1;
             b++;
             if (ref[b] <= a1)
                 b += 2;
             break;
-        case 2:
-        case 3:
+        case kVR2:
+        case kVR3:
             a1 = ref[b] + mode;
             if (a1 > width)
                 a1 = width; /* the walk then stops at the width + 1 terminators */
@@ -712,9 +750,9 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
             while (ref[b] <= a1)
                 b += 2;
             break;
-        case -1:
-        case -2:
-        case -3:
+        case kVL1:
+        case kVL2:
+        case kVL3:
             a1 = ref[b] + mode;
             b--;
             if (b < 0)
@@ -722,7 +760,7 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
             while (ref[b] <= a1)
                 b += 2;
             break;
-        case 4: {
+        case kHorizontal: {
             /* a0's colour: every change adds or cancels one list entry, so
              * white has an even count (the list starts at LIST_START, even). */
             int white = !(c->n & 1);
@@ -747,7 +785,7 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
                 return 0;
             continue;
         }
-        case 5:
+        case kPass:
             b++;
             if (ref[b] > a0)
                 a0 = ref[b];

@@ -33,19 +33,14 @@
 
 enum { WHITE = 0, BLACK = 1 };
 
-/* ---- the code table, built from the T.4 code lists of ccitt_codes.cpp ---- */
+/* ---- the code tables, built at compile time from the T.4 code lists ---- */
 
 typedef struct {
     uint16_t code;   /* right-aligned */
     uint16_t length; /* bits; 0 where the run length has no code of its own */
 } CcittCode;
 
-static CcittCode codeTable[2][CCITT_MAX_RUN + 1];
-static uint8_t reverseTable[256];
-static uint8_t leadingZeros[256]; /* bits before the first 1, counted from bit 7; 8 for 0 */
-static int tablesBuilt;
-
-static CcittCode ParseCode(const char *bits)
+constexpr CcittCode ParseCode(const char *bits)
 {
     CcittCode c = {0, 0};
     for (; *bits; bits++, c.length++)
@@ -53,37 +48,52 @@ static CcittCode ParseCode(const char *bits)
     return c;
 }
 
-static void BuildTables(void)
+/* The code of every run length that has one, per colour, and the byte
+ * tables of the packer: computed at compile time from the T.4 code lists. */
+struct EncoderTables {
+    CcittCode code[2][CCITT_MAX_RUN + 1] = {};
+    uint8_t reverse[256] = {};
+    uint8_t leadingZeros[256] = {}; /* bits before the first 1, counted from bit 7; 8 for 0 */
+};
+
+constexpr EncoderTables BuildTables()
 {
-    if (tablesBuilt)
-        return;
+    EncoderTables t;
     for (int run = 0; run < 64; run++) {
-        codeTable[WHITE][run] = ParseCode(ccittWhiteTerminating[run]);
-        codeTable[BLACK][run] = ParseCode(ccittBlackTerminating[run]);
+        t.code[WHITE][run] = ParseCode(ccittWhiteTerminating[run]);
+        t.code[BLACK][run] = ParseCode(ccittBlackTerminating[run]);
     }
     for (int i = 0; i < 27; i++) {
-        codeTable[WHITE][64 * (i + 1)] = ParseCode(ccittWhiteMakeUp[i]);
-        codeTable[BLACK][64 * (i + 1)] = ParseCode(ccittBlackMakeUp[i]);
+        t.code[WHITE][64 * (i + 1)] = ParseCode(ccittWhiteMakeUp[i]);
+        t.code[BLACK][64 * (i + 1)] = ParseCode(ccittBlackMakeUp[i]);
     }
     for (int i = 0; i < 13; i++) {
         int run = 1792 + i * 64;
-        codeTable[WHITE][run] = codeTable[BLACK][run] = ParseCode(ccittExtendedMakeUp[i]);
+        t.code[WHITE][run] = t.code[BLACK][run] = ParseCode(ccittExtendedMakeUp[i]);
     }
     for (int i = 0; i < 256; i++) {
         int r = 0, n = 0;
         for (int b = 0; b < 8; b++)
             r |= ((i >> b) & 1) << (7 - b);
-        reverseTable[i] = (uint8_t)r;
+        t.reverse[i] = (uint8_t)r;
         while (n < 8 && !(i & (0x80 >> n)))
             n++;
-        leadingZeros[i] = (uint8_t)n;
+        t.leadingZeros[i] = (uint8_t)n;
     }
-    tablesBuilt = 1;
+    return t;
 }
+
+constexpr EncoderTables kTables = BuildTables();
+/* White run 0 is 00110101; every make-up length up to 2560 has a code. */
+static_assert(kTables.code[WHITE][0].code == 0x35 && kTables.code[WHITE][0].length == 8);
+static_assert(kTables.code[BLACK][CCITT_MAX_RUN].length == 12 && kTables.leadingZeros[0] == 8);
+
+constexpr const CcittCode (&codeTable)[2][CCITT_MAX_RUN + 1] = kTables.code;
+constexpr const uint8_t (&reverseTable)[256] = kTables.reverse;
+constexpr const uint8_t (&leadingZeros)[256] = kTables.leadingZeros;
 
 int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
 {
-    BuildTables();
     if ((colour != WHITE && colour != BLACK) || run < 0 || run > CCITT_MAX_RUN)
         return IMG_ERR_INVALID;
     const CcittCode *c = &codeTable[colour][run];
@@ -294,7 +304,6 @@ static void Release(CcittEncoder *e)
 static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse, int framed,
                  int twoDimensional)
 {
-    BuildTables();
     memset(e, 0, sizeof *e);
     e->width = (int32_t)GetLE32(header + 4);
     e->height = (int32_t)GetLE32(header + 8);
