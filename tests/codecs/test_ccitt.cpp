@@ -2,13 +2,8 @@
 // hand-built code strings (T.4 / T.6 codes typed from the standard), and the
 // damaged streams the decoders must survive.  Our encoder against libtiff's
 // decoder is in tests/interop.
-#include "test_support.h"
+#include "support/support.h"
 
-extern "C" {
-#include "codecs/bilevel/ccitt_decode.h"
-#include "codecs/bilevel/ccitt_encode.h"
-#include "core/bytes.h"
-}
 
 namespace {
 

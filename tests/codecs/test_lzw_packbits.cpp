@@ -1,12 +1,8 @@
 // TIFF LZW (early change) and the PackBits row encoder: code strings built
 // here bit by bit, exact encoder output worked out from the code widths, and
 // round trips over inputs that cross every width switch and the table reset.
-#include "test_support.h"
+#include "support/support.h"
 
-extern "C" {
-#include "codecs/bilevel/lzw.h"
-#include "codecs/bilevel/packbits.h"
-}
 
 namespace {
 
