@@ -125,7 +125,8 @@ TEST_P(Rotate, PixelsFollowTheReferenceMapping)
     long long dw, dh;
     Canvas(t.angle, W, H, dw, dh);
     const int W2 = (int)(W + dw), H2 = (int)(H + dh), hx = (int)(dw / 2), hy = (int)(dh / 2);
-    double th = t.angle * 0.01 * M_PI / 180;
+    // A coded page's buffer is top-down, so it is mapped by the negated angle.
+    double th = (t.coded ? -t.angle : t.angle) * 0.01 * M_PI / 180;
     long long stepX = (long long)std::trunc(W2 * std::cos(th)) * 65536 / W2;
     long long stepY = (long long)std::trunc(W2 * std::sin(th)) * 65536 / W2;
     double cx = W / 2, cy = H / 2, A = cx - (hx + cx) * std::cos(th), B = cy - (hx + cx) * std::sin(th);
@@ -154,7 +155,7 @@ std::vector<Turn> Turns()
                 v.push_back({bits, size.first, size.second, angle, false});
     for (int angle : {1250, 4500, 20000, -3000, 36000})
         for (int bits : {1, 8, 24}) v.push_back({bits, 41, 30, angle, false});
-    for (int angle : {-1, 9000, 18000, 27000, 4500, -3000}) v.push_back({1, 77, 21, angle, true});
+    for (int angle : {-1, 9000, 18000, 27000, 4500, 31000}) v.push_back({1, 77, 21, angle, true});
     return v;
 }
 INSTANTIATE_TEST_SUITE_P(Pictures, Rotate, ::testing::ValuesIn(Turns()), Name);
