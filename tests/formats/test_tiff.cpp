@@ -56,8 +56,13 @@ struct TiffFileBuilder {
     }
 };
 
-// The sample s of pixel (x, y) of the test pictures, within `bits`.
-uint32_t Sample(int x, int y, int s, int bits) { return (uint32_t)(x * 37 + y * 11 + s * 80 + (x * y) % 7) & ((1u << bits) - 1); }
+// The sample s of pixel (x, y) of the test pictures, within `bits`; the
+// last three pixels of a row are alike.
+uint32_t Sample(int x, int y, int s, int bits)
+{
+    x = std::min(x, 10);
+    return (uint32_t)(x * 37 + y * 11 + s * 80 + (x * y) % 7) & ((1u << bits) - 1);
+}
 // Rows of samples packed as TIFF stores them (first pixel in the high bits).
 std::vector<uint8_t> PackRows(int w, int y0, int y1, int bits, int samples, int plane = -1)
 {
