@@ -210,6 +210,12 @@ TEST_F(Ccitt, EncoderCodesAreTheT4Codes)
     IMGLOW_set_fileio(nullptr, Collect, nullptr);
     ASSERT_EQ(CcittEncode1D(7, header.data(), RowSource, &rows, 0, 2), 0);
     EXPECT_EQ(gOut, Pack(std::string("1000111000000000") + "00110101000101"));
+    gOut.clear();
+    ASSERT_EQ(CcittEncode1D(7, header.data(), RowSource, &rows, 0, 3), 0);
+    // Mode 3 works in 16-bit words: each row starts a fresh word holding
+    // fill zeros and the EOL (0001), then the row's codes, zero-padded; five
+    // more EOL words and a zero word end the page.
+    EXPECT_EQ(gOut, (std::vector<uint8_t>{0, 1, 0x8E, 0, 0, 1, 0x35, 0x14, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 0}));
     uint16_t code = 0, length = 0;
     ASSERT_EQ(CcittEncodeCode(1, 2560, &code, &length), 0);
     EXPECT_EQ(length, 12);

@@ -88,6 +88,19 @@ TEST_F(Colour, ThresholdUsesTheWeightedGrey)
     }
 }
 
+TEST_F(Colour, SixteenBitPixelsDitherThroughTheirHighByte)
+{
+    // A 16-bit pixel is looked up in the palette by its high byte.
+    Picture p;
+    p.width = 4, p.height = 1, p.bits = 16;
+    for (int i = 0; i < 256; i++) p.palette.insert(p.palette.end(), {(uint8_t)i, (uint8_t)i, (uint8_t)i, 0});
+    p.rows = {{0xFF, 0x00, 0x00, 0xFF, 0x00, 0x80, 0x00, 0x7F}};
+    int32_t h = ImageOf(p);
+    ASSERT_EQ(IMG_thresh_mono(h, 127), 0);
+    Raster r = ImageRgb(h);
+    EXPECT_EQ((std::vector<int>{r.rgb[0], r.rgb[3], r.rgb[6], r.rgb[9]}), (std::vector<int>{0, 255, 255, 0}));
+}
+
 TEST_F(Colour, GreyConversionWeights)
 {
     // (75 G + 38 R + 14 B) >> 7: white gives 127 * 255 >> 7 = 253; pure red

@@ -273,6 +273,8 @@ TEST_F(TiffWrite, EverySaveTypeReadsBack)
             EXPECT_EQ(tags[279] + tags[273] <= (uint32_t)n, true);
             EXPECT_EQ(tags[266], (uint32_t)t.fillOrder);
             int32_t status = 0;
+            EXPECT_EQ(IMGLOW_get_filetype_mem_size(file.data(), (uint32_t)n),
+                      t.type == IMG_TYPE_TIFF_51 ? IMG_TYPE_TIFF_G4 : t.type) << "subtype";
             EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), p.Rgb()), 0);
         }
 }
