@@ -150,7 +150,24 @@ struct RoundTrip {
     int width;
     std::vector<std::vector<std::pair<int, int>>> rows;
 };
+// 300 rows of 1000 pixels in runs of 1 to 4: every coder's output spans
+// several refills of the decoders' 10000-byte chunk.
+RoundTrip Dense()
+{
+    RoundTrip t{"dense rows past the chunk refills", 1000, {}};
+    uint32_t seed = 5;
+    for (int y = 0; y < 300; y++) {
+        t.rows.emplace_back();
+        for (int x = 0; x < 1000;) {
+            int run = 1 + (int)((seed = seed * 1103515245u + 12345u) >> 16) % 4;
+            t.rows.back().push_back({x, x + run});
+            x += run + 1 + (int)(seed >> 20) % 4;
+        }
+    }
+    return t;
+}
 const RoundTrip kRoundTrips[] = {
+    Dense(),
     {"one white pixel", 1, {{}}},
     {"one black pixel", 1, {{{0, 1}}}},
     {"all white 1728", 1728, {{}, {}}},
@@ -348,6 +365,31 @@ TEST_F(Ccitt, NonReadingModesTakeTheBuffer)
         ASSERT_EQ(c.records.size(), 2u);
         EXPECT_EQ(c.records[0], t.first);
         EXPECT_EQ(c.records[1], t.second);
+    }
+}
+
+TEST_F(Ccitt, TwoDimensionalGroup3AcrossRefills)
+{
+    // A Group 4 page whose first row is white starts with V0 ("1"); the rest
+    // is the 2-D code of the later rows, which the 2-D Group 3 decoder takes
+    // after a tagged 1-D first row (white 1000 = 960 + 40).
+    RoundTrip dense = Dense();
+    Rows rows = {Row(1000, {})};
+    for (auto &spans : dense.rows) rows.push_back(Row(1000, spans));
+    auto header = Header(1000, (int)rows.size());
+    gOut.clear();
+    IMGLOW_set_fileio(nullptr, Collect, nullptr);
+    ASSERT_EQ(CcittEncode2D(7, header.data(), RowSource, &rows, 0, 4), 0);
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    std::string bits = kEol + "1" + "011010100" "00101001" + kEol + "0";
+    for (size_t i = 1; i < gOut.size() * 8; i++) bits += (char)('0' + (gOut[i / 8] >> (7 - i % 8) & 1));
+    Capture c;
+    ASSERT_EQ(Decode(k2D, Pack(bits), Params(1000, (int)rows.size(), 2), (int)rows.size(), 0, c), 0);
+    ASSERT_EQ(c.records.size(), rows.size());
+    for (size_t y = 0; y < rows.size(); y++) {
+        std::vector<uint8_t> packed(DibStride(1000, 1) + 8, 0);
+        RunExpandRow(c.records[y].data(), c.records[y].size() * 2, 1000, packed.data(), (uint32_t)packed.size());
+        ASSERT_TRUE(std::equal(rows[y].begin(), rows[y].end(), packed.begin())) << "row " << y;
     }
 }
 
