@@ -4,45 +4,21 @@
 // decoder is in tests/interop.
 #include "support/support.h"
 
+#include <map>
+
 
 namespace {
-
-// The T.4 codes the streams below use, first transmitted bit first.
-std::string W(int run)
-{
-    switch (run) {
-    case 0: return "00110101";
-    case 2: return "0111";
-    case 3: return "1000";
-    case 4: return "1011";
-    case 5: return "1100";
-    case 10: return "00111";
-    case 15: return "110101";
-    case 20: return "0001000";
-    case 30: return "00000011";
-    case 60: return "01001011";
-    case 70: return "11011" "1110";               // 64 + 6
-    case 98: return "11011" "00010011";           // 64 + 34
-    case 100: return "11011" "00010101";          // 64 + 36
-    case 439: return "00110111" "01011000";       // 384 + 55
-    case 1728: return "010011011" "00110101";     // 1728 + 0
-    case 2000: return "000000010010" "101010";    // 1984 + 16
-    }
-    ADD_FAILURE() << "no white code typed for " << run;
-    return "";
-}
-std::string B(int run)
-{
-    switch (run) {
-    case 0: return "0000110111";
-    case 2: return "11";
-    case 20: return "00001101000";
-    case 40: return "000001101100";
-    case 2561: return "000000011111" "010"; // 2560 + 1
-    }
-    ADD_FAILURE() << "no black code typed for " << run;
-    return "";
-}
+// The T.4 codes the streams below use, first transmitted bit first; long
+// runs as make-up (64 k, or extended from 1792) plus terminating code.
+const std::map<int, std::string> kWhite = {
+    {0, "00110101"}, {2, "0111"}, {3, "1000"}, {4, "1011"}, {5, "1100"}, {10, "00111"}, {15, "110101"},
+    {20, "0001000"}, {30, "00000011"}, {60, "01001011"}, {70, "11011" "1110"}, {98, "11011" "00010011"},
+    {100, "11011" "00010101"}, {439, "00110111" "01011000"}, {1728, "010011011" "00110101"},
+    {2000, "000000010010" "101010"}};
+const std::map<int, std::string> kBlack = {
+    {0, "0000110111"}, {2, "11"}, {20, "00001101000"}, {40, "000001101100"}, {2561, "000000011111" "010"}};
+std::string W(int run) { return kWhite.at(run); }
+std::string B(int run) { return kBlack.at(run); }
 const std::string kEol = "000000000001", kV0 = "1", kVR1 = "011", kVR3 = "0000011", kVL1 = "010",
                   kVL2 = "000010", kH = "001", kPass = "0001";
 
@@ -55,11 +31,7 @@ std::vector<uint8_t> Pack(const std::string &bits, int fillOrder = 1)
     return out;
 }
 
-struct Capture {
-    std::vector<std::vector<uint16_t>> records; // length word first
-    std::vector<int> rows;
-    int failAt = -1;
-};
+struct Capture { std::vector<std::vector<uint16_t>> records; std::vector<int> rows; int failAt = -1; };
 int CaptureSink(const uint8_t *row, void *context, int rowIndex, int rowBytes)
 {
     auto *c = static_cast<Capture *>(context);
@@ -73,13 +45,7 @@ int CaptureSink(const uint8_t *row, void *context, int rowIndex, int rowBytes)
 enum Decoder { k1D, k2D, kG4 };
 CcittParameters Params(int width, int height, int mode, int fillOrder = 1, int whiteIsZero = 1)
 {
-    CcittParameters p{};
-    p.width = (uint16_t)width;
-    p.height = height;
-    p.mode = mode;
-    p.fillOrder = fillOrder;
-    p.whiteIsZero = whiteIsZero;
-    return p;
+    return CcittParameters{height, (uint16_t)width, 0, 0, mode, whiteIsZero, fillOrder};
 }
 int Decode(Decoder which, std::vector<uint8_t> data, const CcittParameters &p, int rows, int first,
            Capture &c)
@@ -92,11 +58,9 @@ int Decode(Decoder which, std::vector<uint8_t> data, const CcittParameters &p, i
     return f(buffer.data(), rows, first, &p, IMG_MEMORY_HANDLE, CaptureSink, &c);
 }
 
-// The record of a row with these colour changes: the changes and the
-// terminators (three widths after 1-D rows, w, w, w+1, w+1 after 2-D rows),
-// behind a length word; a record whose byte count equals the packed row or
-// its 4-byte stride is grown by one more terminator so the row sink cannot
-// take it for a plain row.
+// A row's record: length word, colour changes, terminators (w three times
+// after 1-D rows; w, w, w+1, w+1 after 2-D rows), one more terminator when
+// its byte count equals the packed row or stride (not to pass for a row).
 std::vector<uint16_t> Rec(std::vector<uint16_t> changes, int w, bool twoD)
 {
     for (int t : twoD ? std::vector<int>{w, w, w + 1, w + 1} : std::vector<int>{w, w, w})
@@ -110,15 +74,8 @@ std::vector<uint16_t> Rec(std::vector<uint16_t> changes, int w, bool twoD)
     return changes;
 }
 
-// ---- encoder ----
-
 std::vector<uint8_t> gOut;
-int32_t IMGCDECL Collect(int32_t, void *buffer, int32_t count)
-{
-    auto *b = static_cast<uint8_t *>(buffer);
-    gOut.insert(gOut.end(), b, b + count);
-    return count;
-}
+int32_t IMGCDECL Collect(int32_t, void *b, int32_t n) { gOut.insert(gOut.end(), (uint8_t *)b, (uint8_t *)b + n); return n; }
 using Rows = std::vector<std::vector<uint8_t>>; // unpadded, bit set = white
 int RowSource(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
 {
@@ -128,11 +85,8 @@ int RowSource(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
 std::vector<uint8_t> Header(int w, int h)
 {
     std::vector<uint8_t> hd(40, 0);
-    PutLE32(&hd[0], 40);
-    PutLE32(&hd[4], (uint32_t)w);
-    PutLE32(&hd[8], (uint32_t)h);
-    hd[12] = 1;
-    hd[14] = 1;
+    PutLE32(&hd[0], 40), PutLE32(&hd[4], (uint32_t)w), PutLE32(&hd[8], (uint32_t)h);
+    hd[12] = hd[14] = 1; // one plane, one bit
     return hd;
 }
 // A row of `w` pixels, white but for the black spans [from, to).
@@ -145,11 +99,7 @@ std::vector<uint8_t> Row(int w, std::vector<std::pair<int, int>> black)
     return r;
 }
 
-struct RoundTrip {
-    const char *name;
-    int width;
-    std::vector<std::vector<std::pair<int, int>>> rows;
-};
+struct RoundTrip { const char *name; int width; std::vector<std::vector<std::pair<int, int>>> rows; };
 // 300 rows of 1000 pixels in runs of 1 to 4: every coder's output spans
 // several refills of the decoders' 10000-byte chunk.
 RoundTrip Dense()
@@ -241,14 +191,9 @@ TEST_F(Ccitt, EncoderCodesAreTheT4Codes)
     EXPECT_EQ(CcittEncodeCode(0, 65, &code, &length), IMG_ERR_INVALID);
 }
 
-struct DecodeCase {
-    const char *name;
-    Decoder decoder;
-    int mode, width, rows, whiteIsZero;
-    std::string bits;
-    int result;
-    std::vector<std::vector<uint16_t>> records; // first records expected
-};
+// A stream, the decoder and parameters, and the result and records expected.
+struct DecodeCase { const char *name; Decoder decoder; int mode, width, rows, whiteIsZero; std::string bits; int result;
+                    std::vector<std::vector<uint16_t>> records; };
 
 // Group 4 rows on width 20 against an all-white first reference:
 //  H(white 3, black 2) V0 -> 3, 5;  V0 VR1 V0 -> 3, 6;  VL1 VL2 V0 -> 2, 4;
@@ -312,6 +257,8 @@ TEST_F(Ccitt, HandBuiltStreamsDecodeToTheirRecords)
                 EXPECT_TRUE(c.records.empty());
                 continue;
             }
+            // The white rows behind a page end are not counted as produced.
+            EXPECT_TRUE(std::string(t.name) != "six EOLs end the page" || CcittRowsProduced() == 1);
             ASSERT_EQ(c.records.size(), t.records.size());
             for (size_t i = 0; i < t.records.size(); i++) {
                 EXPECT_EQ(c.records[i], t.records[i]) << "record " << i;
@@ -319,15 +266,6 @@ TEST_F(Ccitt, HandBuiltStreamsDecodeToTheirRecords)
             }
         }
     }
-}
-
-TEST_F(Ccitt, SixEolsCountOnlyTheCodedRows)
-{
-    std::string bits = kEol + W(10) + B(20) + W(70);
-    for (int i = 0; i < 6; i++) bits += kEol;
-    Capture c;
-    ASSERT_EQ(Decode(k1D, Pack(bits), Params(100, 5, 3), 5, 0, c), 0);
-    EXPECT_EQ(CcittRowsProduced(), 1);
 }
 
 TEST_F(Ccitt, Group4StripsContinueTheReferenceRow)
@@ -365,31 +303,6 @@ TEST_F(Ccitt, NonReadingModesTakeTheBuffer)
         ASSERT_EQ(c.records.size(), 2u);
         EXPECT_EQ(c.records[0], t.first);
         EXPECT_EQ(c.records[1], t.second);
-    }
-}
-
-TEST_F(Ccitt, TwoDimensionalGroup3AcrossRefills)
-{
-    // A Group 4 page whose first row is white starts with V0 ("1"); the rest
-    // is the 2-D code of the later rows, which the 2-D Group 3 decoder takes
-    // after a tagged 1-D first row (white 1000 = 960 + 40).
-    RoundTrip dense = Dense();
-    Rows rows = {Row(1000, {})};
-    for (auto &spans : dense.rows) rows.push_back(Row(1000, spans));
-    auto header = Header(1000, (int)rows.size());
-    gOut.clear();
-    IMGLOW_set_fileio(nullptr, Collect, nullptr);
-    ASSERT_EQ(CcittEncode2D(7, header.data(), RowSource, &rows, 0, 4), 0);
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    std::string bits = kEol + "1" + "011010100" "00101001" + kEol + "0";
-    for (size_t i = 1; i < gOut.size() * 8; i++) bits += (char)('0' + (gOut[i / 8] >> (7 - i % 8) & 1));
-    Capture c;
-    ASSERT_EQ(Decode(k2D, Pack(bits), Params(1000, (int)rows.size(), 2), (int)rows.size(), 0, c), 0);
-    ASSERT_EQ(c.records.size(), rows.size());
-    for (size_t y = 0; y < rows.size(); y++) {
-        std::vector<uint8_t> packed(DibStride(1000, 1) + 8, 0);
-        RunExpandRow(c.records[y].data(), c.records[y].size() * 2, 1000, packed.data(), (uint32_t)packed.size());
-        ASSERT_TRUE(std::equal(rows[y].begin(), rows[y].end(), packed.begin())) << "row " << y;
     }
 }
 
@@ -443,5 +356,4 @@ TEST_F(Ccitt, DamagedStreamsKeepChangesInsideTheRow)
         }
     }
 }
-
 } // namespace

@@ -5,7 +5,6 @@
 
 
 namespace {
-
 // Codes packed most significant bit first.
 struct Bits {
     std::vector<uint8_t> bytes;
@@ -47,7 +46,7 @@ struct Rows {
     std::vector<std::vector<uint8_t>> rows;
     std::vector<int> index;
     int failAt = -1;
-    std::vector<uint8_t> All() const
+    std::vector<uint8_t> All() const // every row, one after another
     {
         std::vector<uint8_t> a;
         for (auto &r : rows) a.insert(a.end(), r.begin(), r.end());
@@ -84,12 +83,9 @@ class Lzw : public TrnwTest {
             return 0;
         };
         std::vector<uint8_t> header(40, 0);
-        header[0] = 40;
-        std::memcpy(&header[4], &rowBytes, 4);
         int rows = (int)(data.size() / rowBytes);
-        std::memcpy(&header[8], &rows, 4);
-        header[12] = 1;
-        header[14] = 8;
+        PutLE32(&header[0], 40), PutLE32(&header[4], (uint32_t)rowBytes), PutLE32(&header[8], (uint32_t)rows);
+        header[12] = 1, header[14] = 8;
         std::vector<uint8_t> sink(data.size() * 2 + 64);
         ImgSetMemorySourceSized(sink.data(), (uint32_t)sink.size());
         int r = LzwEncodeStrip(IMG_MEMORY_HANDLE, header.data(), rowSource, &src, 0, rows);
@@ -99,12 +95,7 @@ class Lzw : public TrnwTest {
     std::vector<uint8_t> memory;
 };
 
-struct CodeCase {
-    const char *name;
-    std::vector<uint32_t> codes; // all 9 bits wide
-    int rowBytes, rowCount, result;
-    std::string bytes;
-};
+struct CodeCase { const char *name; std::vector<uint32_t> codes; /* 9 bits each */ int rowBytes, rowCount, result; std::string bytes; };
 const CodeCase kCodeCases[] = {
     {"first code not Clear", {65, 257}, 1, 1, -3, ""},
     {"first code from the table", {258, 257}, 1, 1, -3, ""},
@@ -314,5 +305,4 @@ TEST_F(PackBits, Failures)
     EXPECT_EQ(PackBitsEncodeRow(IMG_MEMORY_HANDLE, row.data(), 50), -1);
     ImgTestFailAllocations(-1);
 }
-
 } // namespace

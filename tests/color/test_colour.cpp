@@ -7,7 +7,6 @@
 #include <set>
 
 namespace {
-
 using Rgb = std::array<int, 3>;
 
 // A 24-bit image whose pixel (x, y) (top row 0) is f(x, y).
@@ -31,16 +30,10 @@ Rgb At(const Raster &r, int x, int y)
 std::set<Rgb> Colours(const Raster &r)
 {
     std::set<Rgb> s;
-    for (int y = 0; y < r.height; y++)
-        for (int x = 0; x < r.width; x++) s.insert(At(r, x, y));
+    for (size_t i = 0; i < r.rgb.size(); i += 3) s.insert({r.rgb[i], r.rgb[i + 1], r.rgb[i + 2]});
     return s;
 }
-int Bits(int32_t h)
-{
-    int32_t w, hh, b = 0;
-    IMG_bitmap_info(h, &w, &hh, &b);
-    return b;
-}
+int Bits(int32_t h) { return PictureOf(h).bits; }
 
 class Colour : public TrnwTest {};
 
@@ -232,5 +225,4 @@ TEST_F(Colour, DefaultPalettes)
         EXPECT_EQ((Rgb{e[2], e[1], e[0]}), c.colour) << c.kind << c.bits;
     }
 }
-
 } // namespace

@@ -4,7 +4,6 @@
 #include "support/support.h"
 
 namespace {
-
 struct Bmp {
     int width, height, bits, compression = 0;
     std::vector<uint8_t> pixels;
@@ -143,5 +142,4 @@ TEST_F(BmpFormat, WritersReadBack)
             EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), p.Rgb()), 0) << status;
         }
 }
-
 } // namespace
