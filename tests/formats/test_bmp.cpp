@@ -59,11 +59,11 @@ std::vector<ReadCase> Cases()
         // absolute 10..13; run 2 of 14; end of bitmap.
         {"RLE8 runs and absolute runs", {6, 2, 8, 1, {2, 5, 0, 3, 1, 2, 3, 0, 1, 9, 0, 0, 0, 4, 10, 11, 12, 13, 2, 14, 0, 1}},
          {{10, 11, 12, 13, 14, 14}, {5, 5, 1, 2, 3, 9}}},
-        // RLE8 delta (0, 2) delivers the row twice; the row buffer is kept
+        // RLE8 delta (0, 2) delivers the row twice; the row buffer persists
         // between rows, so later rows start from the earlier bytes.
         {"RLE8 delta", {4, 5, 8, 1, {3, 7, 0, 2, 0, 2, 1, 5, 0, 0, 1, 1, 0, 1}},
          {{0, 0, 0, 0}, {1, 7, 7, 5}, {7, 7, 7, 5}, {7, 7, 7, 0}, {7, 7, 7, 0}}},
-        // RLE4: run 5 of A,B; end of line; absolute 1 2 3 over the kept row
+        // RLE4: run 5 of A,B; end of line; absolute 1 2 3 over the previous row
         // (an even column sets the whole byte); absolute 1..5; end of bitmap.
         {"RLE4 runs and absolute runs", {6, 3, 4, 2, {5, 0xAB, 0, 0, 0, 3, 0x12, 0x30, 0, 0, 0, 5, 0x12, 0x34, 0x50, 0, 0, 1}},
          {g4({1, 2, 3, 4, 5, 0}), g4({1, 2, 3, 0, 10, 0}), g4({10, 11, 10, 11, 10, 0})}},
