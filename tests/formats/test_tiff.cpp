@@ -186,15 +186,15 @@ std::string CaseName(const ::testing::TestParamInfo<ReadCase> &i)
 }
 INSTANTIATE_TEST_SUITE_P(Layouts, TiffRead, ::testing::ValuesIn(kReadCases), CaseName);
 
-// ---- the writers ----
-
-std::map<int, uint32_t> FirstIfd(const std::vector<uint8_t> &f)
+// ---- the writers: the first IFD's entries: tag -> first value (inline ones), and their counts.
+std::map<int, uint32_t> FirstIfd(const std::vector<uint8_t> &f, std::map<int, uint32_t> &counts)
 {
     std::map<int, uint32_t> tags;
     uint32_t ifd = GetLE32(&f[4]);
     for (int i = 0, n = GetLE16(&f[ifd]); i < n; i++) {
         const uint8_t *e = &f[ifd + 2 + 12 * (size_t)i];
         tags[GetLE16(e)] = GetLE16(e + 2) == 3 ? GetLE16(e + 8) : GetLE32(e + 8);
+        counts[GetLE16(e)] = GetLE32(e + 4);
     }
     return tags;
 }
@@ -222,9 +222,8 @@ TEST_F(TiffWrite, EverySaveTypeReadsBack)
             }
             ASSERT_GT(n, 8);
             file.resize((size_t)n);
-            std::map<int, uint32_t> tags = FirstIfd(file);
-            EXPECT_EQ(tags[256], 37u);
-            EXPECT_EQ(tags[257], 11u);
+            std::map<int, uint32_t> counts, tags = FirstIfd(file, counts);
+            EXPECT_EQ((std::vector<uint32_t>{tags[256], tags[257], counts[258]}), (std::vector<uint32_t>{37, 11, bits == 24 ? 3u : 1u}));
             EXPECT_EQ(tags[259], (uint32_t)t.compression);
             EXPECT_EQ(tags[279] + tags[273] <= (uint32_t)n, true);
             EXPECT_EQ(tags[266], (uint32_t)t.fillOrder);
