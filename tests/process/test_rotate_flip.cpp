@@ -1,0 +1,186 @@
+// Flips, invert and rotation of every depth, plain and run-coded, against a
+// per-pixel reference computed here.  Free rotation is the inverse 16.16
+// nearest-neighbour mapping on a canvas grown by the folded angle.
+#include "support/support.h"
+
+#include <cmath>
+#include <functional>
+
+namespace {
+uint32_t Get(const std::vector<uint8_t> &row, int x, int bits)
+{
+    switch (bits) {
+    case 1: return row[(size_t)x / 8] >> (7 - x % 8) & 1;
+    case 4: return row[(size_t)x / 2] >> (x % 2 ? 0 : 4) & 15;
+    default: {
+        uint32_t v = 0;
+        for (int i = 0; i < bits / 8; i++) v |= (uint32_t)row[(size_t)x * (bits / 8) + i] << (8 * i);
+        return v;
+    }
+    }
+}
+
+// A picture of random pixels (any depth; padding zero) as an image.
+Picture Random(int w, int h, int bits, uint32_t seed)
+{
+    Picture p = MakePicture(w, h, bits == 16 || bits == 32 ? 24 : bits, seed);
+    p.bits = bits;
+    if (bits == 16) p.palette.assign(1024, 0); // no palette; ImageOf passes one below 24 bits
+    for (auto &row : p.rows) {
+        row.assign(DibStride((uint32_t)w, bits), 0);
+        for (int x = 0; x < w * bits / 8 + (bits < 8 && w * bits % 8 ? 1 : 0); x++)
+            row[(size_t)x] = (uint8_t)((seed = seed * 1103515245u + 12345u) >> 16);
+        if (bits < 8 && w * bits % 8) row[(size_t)(w * bits / 8)] &= (uint8_t)(0xFF00 >> (w * bits % 8));
+    }
+    return p;
+}
+
+// out(x, y) = in(map(x, y)); `outside` for pixels the mapping leaves
+// uncovered (map gives 0), not compared where map gives 2.
+using Map = std::function<int(int x, int y, int &sx, int &sy)>;
+void ExpectPixels(int32_t handle, const Picture &in, int w, int h, const Map &map, uint32_t outside)
+{
+    Picture out = PictureOf(handle);
+    ASSERT_EQ(out.width, w);
+    ASSERT_EQ(out.height, h);
+    long bad = 0;
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            int sx, sy, m = map(x, y, sx, sy);
+            if (m == 2) continue;
+            uint32_t want = m ? Get(in.rows[(size_t)sy], sx, in.bits) : outside;
+            if (Get(out.rows[(size_t)y], x, in.bits) != want && bad++ < 3)
+                ADD_FAILURE() << "pixel " << x << "," << y;
+        }
+    EXPECT_EQ(bad, 0);
+}
+
+long long Round(double v) { return v >= 0 ? (long long)std::trunc(v + 0.5) : (long long)std::trunc(v - 0.5); }
+
+// The canvas growth: the angle in degrees folded into 0..90 (negative
+// angles are not folded), dw = 2 (round((cos + 1) w/2 + sin h/2) - w).
+void Canvas(int angle, int w, int h, long long &dw, long long &dh)
+{
+    double a = angle * 0.01;
+    a = a >= 270 ? 360 - a : a >= 180 ? a - 180 : a >= 90 ? 180 - a : a;
+    while (a > 90) a -= 90;
+    double t = a * M_PI / 180;
+    dw = 2 * (Round((std::cos(t) + 1) * (w / 2) + std::sin(t) * (h / 2)) - w);
+    dh = 2 * (Round((std::cos(t) + 1) * (h / 2) + std::sin(t) * (w / 2)) - h);
+}
+
+struct Turn { int bits, width, height, angle; bool coded; }; // angle -1: flips and invert
+std::string Name(const ::testing::TestParamInfo<Turn> &i)
+{
+    const Turn &t = i.param;
+    return std::to_string(t.bits) + "bit_" + std::to_string(t.width) + "x" + std::to_string(t.height) + "_" +
+           (t.angle < 0 ? "minus" : "") + std::to_string(std::abs(t.angle)) + (t.coded ? "_coded" : "");
+}
+class Rotate : public TrnwTest, public ::testing::WithParamInterface<Turn> {};
+
+TEST_P(Rotate, PixelsFollowTheReferenceMapping)
+{
+    const Turn t = GetParam();
+    Picture p = Random(t.width, t.height, t.bits, (uint32_t)(t.angle * 7 + t.bits + t.width));
+    int32_t h = ImageOf(p);
+    ASSERT_GE(h, 0);
+    ASSERT_EQ(t.coded ? IMG_dib_to_runs(h) : 0, 0);
+    const int W = t.width, H = t.height;
+    uint32_t white = t.bits == 1 ? 1 : 0;
+    switch (t.angle) {
+    case -1: // flip left-right, then top-bottom, then invert
+        ASSERT_EQ(IMG_flip_bitmapx(h), 0);
+        ExpectPixels(h, p, W, H, [&](int x, int y, int &sx, int &sy) { sx = W - 1 - x, sy = y; return 1; }, 0);
+        ASSERT_EQ(IMG_flip_bitmapy(h), 0);
+        ExpectPixels(h, p, W, H, [&](int x, int y, int &sx, int &sy) { sx = W - 1 - x, sy = H - 1 - y; return 1; }, 0);
+        ASSERT_EQ(IMG_invert_bitmap(h), 0);
+        {
+            Picture q = PictureOf(h);
+            for (int y = 0; y < H; y++)
+                for (int x = 0; x < W; x++)
+                    ASSERT_EQ(Get(q.rows[(size_t)y], x, t.bits) ^ Get(p.rows[(size_t)(H - 1 - y)], W - 1 - x, t.bits),
+                              t.bits == 32 ? 0xFFFFFFFFu : (1u << t.bits) - 1) << x << "," << y;
+        }
+        return;
+    case 0:
+        ASSERT_EQ(IMG_rotate_bitmap(h, 0), 0);
+        return ExpectPixels(h, p, W, H, [](int x, int y, int &sx, int &sy) { sx = x, sy = y; return 1; }, 0);
+    case 9000: // clockwise: the new row y is the old column y, read upwards
+        ASSERT_EQ(IMG_rotate_bitmap(h, 9000), 0);
+        return ExpectPixels(h, p, H, W, [&](int x, int y, int &sx, int &sy) { sx = y, sy = H - 1 - x; return 1; }, 0);
+    case 18000:
+        ASSERT_EQ(IMG_rotate_bitmap(h, 18000), 0);
+        return ExpectPixels(h, p, W, H, [&](int x, int y, int &sx, int &sy) { sx = W - 1 - x, sy = H - 1 - y; return 1; }, 0);
+    case 27000:
+        ASSERT_EQ(IMG_rotate_bitmap(h, 27000), 0);
+        return ExpectPixels(h, p, H, W, [&](int x, int y, int &sx, int &sy) { sx = W - 1 - y, sy = x; return 1; }, 0);
+    }
+    // Free rotation, in storage rows (bottom-up, but top-down for a coded
+    // page's buffer): for canvas row y (from -hy)
+    // the source runs from (trunc((cy - y) sin + A), trunc((y - cy) cos + B))
+    // in 16.16 steps of trunc(W' cos) / W', trunc(W' sin) / W'.
+    long long dw, dh;
+    Canvas(t.angle, W, H, dw, dh);
+    const int W2 = (int)(W + dw), H2 = (int)(H + dh), hx = (int)(dw / 2), hy = (int)(dh / 2);
+    // A coded page's buffer is top-down, so it is mapped by the negated angle.
+    double th = (t.coded ? -t.angle : t.angle) * 0.01 * M_PI / 180;
+    long long stepX = (long long)std::trunc(W2 * std::cos(th)) * 65536 / W2;
+    long long stepY = (long long)std::trunc(W2 * std::sin(th)) * 65536 / W2;
+    double cx = W / 2, cy = H / 2, A = cx - (hx + cx) * std::cos(th), B = cy - (hx + cx) * std::sin(th);
+    ASSERT_EQ(IMG_rotate_bitmap(h, t.angle), 0);
+    // At 4 bits the nibbles are placed by the parity of x - hx: an odd hx
+    // moves every pixel one place right (the last one into the next row).
+    const int shift = t.bits == 4 ? hx & 1 : 0;
+    ExpectPixels(h, p, W2, H2, [&](int x, int y, int &sx, int &sy) {
+        if ((x -= shift) < 0) return 2;
+        long long ys = (t.coded ? y : H2 - 1 - y) - hy; // storage row (a coded page's is top-down)
+        long long fx = (long long)std::trunc((cy - ys) * std::sin(th) + A) * 65536 + stepX * x;
+        long long fy = (long long)std::trunc((ys - cy) * std::cos(th) + B) * 65536 + stepY * x;
+        long long c = (long long)std::floor(fx / 65536.0), s = (long long)std::floor(fy / 65536.0);
+        if (s < 0 || s >= H || c < 0 || c >= W) return 0;
+        sx = (int)c, sy = t.coded ? (int)s : H - 1 - (int)s;
+        return 1;
+    }, white);
+}
+
+std::vector<Turn> Turns()
+{
+    std::vector<Turn> v;
+    for (int bits : {1, 4, 8, 16, 24, 32})
+        for (int angle : {-1, 0, 9000, 18000, 27000, 3000, 31000})
+            for (auto size : {std::pair<int, int>{13, 7}, {40, 33}})
+                v.push_back({bits, size.first, size.second, angle, false});
+    for (int angle : {1250, 4500, 20000, -3000, 36000})
+        for (int bits : {1, 8, 24}) v.push_back({bits, 41, 30, angle, false});
+    for (int angle : {-1, 9000, 18000, 27000, 4500, 31000}) v.push_back({1, 77, 21, angle, true});
+    return v;
+}
+INSTANTIATE_TEST_SUITE_P(Pictures, Rotate, ::testing::ValuesIn(Turns()), Name);
+
+class RotateCanvas : public TrnwTest {};
+
+TEST_F(RotateCanvas, SizesFromTheFoldedAngle)
+{
+    // 100 x 100 at 45: 2 (round(1.7071 * 50 + 0.7071 * 50) - 100) = 42.
+    // -30 is not folded: 2 (round(1.8660 * 50 - 0.5 * 50) - 100) = -64.
+    // 400 folds to 360 - 400 = -40: 2 (round(1.7660 * 50 - 0.6428 * 50) - 100) = -88.
+    struct { int w, h, angle, w2, h2; } cases[] = {
+        {100, 100, 4500, 142, 142}, {142, 142, 4500, 200, 200}, {100, 100, -3000, 36, 36},
+        {100, 60, -3000, 56, 2},    {100, 100, 40000, 12, 12},  {41, 31, 36000, 39, 29}};
+    for (auto &c : cases) {
+        int32_t h = NewImage(c.w, c.h, 8), w = 0, hh = 0, bits = 0;
+        ASSERT_EQ(IMG_rotate_bitmap(h, c.angle), 0);
+        IMG_bitmap_info(h, &w, &hh, &bits);
+        EXPECT_EQ(w, c.w2) << c.angle;
+        EXPECT_EQ(hh, c.h2) << c.angle;
+        IMG_delete_bitmap(h);
+    }
+    EXPECT_EQ(IMG_rotate_bitmap(-1, 0), 0); // nothing to do: no handle check
+    EXPECT_EQ(IMG_rotate_bitmap(-1, 9000), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_rotate_bitmap(0, 4500), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_flip_bitmapx(5), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_flip_bitmapy(-1), IMG_ERR_HANDLE);
+    EXPECT_EQ(IMG_invert_bitmap(-1), IMG_ERR_HANDLE);
+}
+
+} // namespace
