@@ -243,7 +243,7 @@ struct ProcessCase {
     const char *name;
     int bits;
     bool runCoded;
-    int32_t (*ours)(int32_t handle);
+    int32_t(IMGAPI *ours)(int32_t handle);
     const char *magick; // the same operation by ImageMagick, "" when our result is only read back
 };
 
