@@ -243,7 +243,7 @@ struct ProcessCase {
     const char *name;
     int bits;
     bool runCoded;
-    int32_t(IMGAPI *ours)(int32_t handle);
+    int32_t (*ours)(int32_t handle);
     const char *magick; // the same operation by ImageMagick, "" when our result is only read back
 };
 
@@ -254,22 +254,22 @@ const ProcessCase kProcesses[] = {
     {"Rotate90_8", 8, false, [](int32_t h) { return IMG_rotate_bitmap(h, 9000); }, "-rotate 90"},
     {"Rotate180_24", 24, false, [](int32_t h) { return IMG_rotate_bitmap(h, 18000); }, "-rotate 180"},
     {"Rotate270_24", 24, false, [](int32_t h) { return IMG_rotate_bitmap(h, 27000); }, "-rotate 270"},
-    {"FlipX1RunCoded", 1, true, IMG_flip_bitmapx, "-flop"},
-    {"FlipX4", 4, false, IMG_flip_bitmapx, "-flop"},
-    {"FlipX24", 24, false, IMG_flip_bitmapx, "-flop"},
-    {"FlipY1", 1, false, IMG_flip_bitmapy, "-flip"},
-    {"FlipY8", 8, false, IMG_flip_bitmapy, "-flip"},
-    {"Invert24", 24, false, IMG_invert_bitmap, "-negate"},
-    {"BayerMono", 24, false, IMG_bayer_mono, ""},
-    {"DiffusionMono", 8, false, IMG_diffusion_mono, ""},
-    {"HalftoneMono", 24, false, IMG_halftone_mono, ""},
-    {"BayerColor", 24, false, IMG_bayer_color, ""},
-    {"DiffusionColor", 24, false, IMG_diffusion_color, ""},
-    {"ColorGray", 24, false, IMG_color_gray, ""},
-    {"Promote8", 4, false, IMG_promote_8, ""},
-    {"Promote24", 8, false, IMG_promote_24, ""},
-    {"MedianCut", 24, false, IMG_mediancut_color, ""},
-    {"Popularity", 24, false, IMG_popularity_color, ""},
+    {"FlipX1RunCoded", 1, true, [](int32_t h) { return IMG_flip_bitmapx(h); }, "-flop"},
+    {"FlipX4", 4, false, [](int32_t h) { return IMG_flip_bitmapx(h); }, "-flop"},
+    {"FlipX24", 24, false, [](int32_t h) { return IMG_flip_bitmapx(h); }, "-flop"},
+    {"FlipY1", 1, false, [](int32_t h) { return IMG_flip_bitmapy(h); }, "-flip"},
+    {"FlipY8", 8, false, [](int32_t h) { return IMG_flip_bitmapy(h); }, "-flip"},
+    {"Invert24", 24, false, [](int32_t h) { return IMG_invert_bitmap(h); }, "-negate"},
+    {"BayerMono", 24, false, [](int32_t h) { return IMG_bayer_mono(h); }, ""},
+    {"DiffusionMono", 8, false, [](int32_t h) { return IMG_diffusion_mono(h); }, ""},
+    {"HalftoneMono", 24, false, [](int32_t h) { return IMG_halftone_mono(h); }, ""},
+    {"BayerColor", 24, false, [](int32_t h) { return IMG_bayer_color(h); }, ""},
+    {"DiffusionColor", 24, false, [](int32_t h) { return IMG_diffusion_color(h); }, ""},
+    {"ColorGray", 24, false, [](int32_t h) { return IMG_color_gray(h); }, ""},
+    {"Promote8", 4, false, [](int32_t h) { return IMG_promote_8(h); }, ""},
+    {"Promote24", 8, false, [](int32_t h) { return IMG_promote_24(h); }, ""},
+    {"MedianCut", 24, false, [](int32_t h) { return IMG_mediancut_color(h); }, ""},
+    {"Popularity", 24, false, [](int32_t h) { return IMG_popularity_color(h); }, ""},
     {"Octree4", 24, false, [](int32_t h) { return IMG_octree_color(h, 4, nullptr, 16); }, ""},
     {"Octree8", 24, false, [](int32_t h) { return IMG_octree_color(h, 8, nullptr, 64); }, ""},
 };
