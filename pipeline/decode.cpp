@@ -61,7 +61,7 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
     if (d->dib)
         return IMG_ERR_INVALID; /* a second header */
     c->header = block;
-    c->rowOrder = 1;
+    c->rowOrder = RowOrder::Unknown;
     BITMAPINFOHEADER h;
     memcpy(&h, block, sizeof h);
     int bits = h.biBitCount;
@@ -212,7 +212,7 @@ static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const u
         memcpy(target, data, (size_t)(bytes < d->stride ? bytes : d->stride));
         return 0;
     }
-    if (c->rowOrder == 0)
+    if (c->rowOrder == RowOrder::BottomFirstCoded)
         dest = d->height - dest - 1;
     if (runForm)
         return StoreRecord(c, d, dest, (const uint16_t *)data, (uint32_t)bytes, rowsStored);
@@ -342,8 +342,9 @@ int ImgLibraryRowSink(const uint8_t *row, void *sinkContext, int rowIndex, int r
         if (result < 0)
             return result;
     }
-    if (c->rowOrder == 1)
-        c->rowOrder = d->codedRows && c->sourceHeight - rowIndex == 1 ? 0 : 2;
+    if (c->rowOrder == RowOrder::Unknown)
+        c->rowOrder = d->codedRows && c->sourceHeight - rowIndex == 1 ? RowOrder::BottomFirstCoded
+                                                                       : RowOrder::AsDelivered;
     int runForm = d->codedRows && rowBytes != c->rowStride;
     if (runForm && ((rowBytes & 1) || rowBytes < 4 ||
                     (size_t)rowBytes > RunRecordMaxBytes(c->sourceWidth) + 16))
@@ -371,7 +372,7 @@ static int FinishDecode(ImgDecodeContext *c)
         if (result < 0)
             return result;
     }
-    return c->rowOrder == 0 ? RunStoreReverseRows(d) : 0;
+    return c->rowOrder == RowOrder::BottomFirstCoded ? RunStoreReverseRows(d) : 0;
 }
 
 /* The body of the IMG_decompress_bitmap family: a new handle, the decode

@@ -9,11 +9,20 @@
 
 #include "core/contracts.h"
 
+/* The order in which a reader delivers rows, learnt from its first row:
+ * a coded image whose first row is the bottom one is stored as it comes and
+ * its records reversed at the end. */
+enum class RowOrder : int32_t {
+    BottomFirstCoded = 0, /* run records appended bottom row first */
+    Unknown = 1,          /* after the header sink, before the first row */
+    AsDelivered = 2,      /* rows stored at their own index */
+};
+
 /* Decode context, handed to readers as the opaque sink context. */
 typedef struct ImgDecodeContext {
     const uint8_t *header; /* the reader's header block of this decode */
     int32_t handle;        /* the image being filled */
-    int32_t rowOrder;      /* 1 after the header sink; 0 bottom row first (coded); 2 otherwise */
+    RowOrder rowOrder;
     int32_t requestedBits; /* depth to reduce to, 0 = keep */
     /* The source geometry, and how the output was chosen. */
     int32_t sourceWidth, sourceHeight, sourceBits, sourceStride;
