@@ -21,6 +21,7 @@
 
 #include <string.h>
 
+#include "core/bit_reversal.h"
 #include "core/dib.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
@@ -143,17 +144,6 @@ constexpr ModeTables BuildModeTables()
 constexpr ModeTables kModes = BuildModeTables();
 static_assert(kModes.mode[0x01] == kV0 && kModes.mode[0x04] == kHorizontal && kModes.mode[0x08] == kPass);
 
-constexpr struct BitReversal {
-    uint8_t table[256] = {};
-    constexpr BitReversal()
-    {
-        for (int i = 0; i < 256; i++)
-            for (int b = 0; b < 8; b++)
-                table[i] |= (uint8_t)(((i >> b) & 1) << (7 - b));
-    }
-} kBitReversal;
-static_assert(kBitReversal.table[0x01] == 0x80 && kBitReversal.table[0xF0] == 0x0F);
-
 } // namespace
 
 void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
@@ -164,7 +154,7 @@ void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const u
     *black = kBlack.values;
     *blackLength = kBlack.lengths;
     *modes = kModes.mode;
-    *reversal = kBitReversal.table;
+    *reversal = kBitReversal.data();
 }
 
 /* ---- the bit reader ---- */
@@ -213,7 +203,7 @@ typedef struct Bits {
 static void ReverseBytes(uint8_t *p, uint32_t count)
 {
     for (uint32_t i = 0; i < count; i++)
-        p[i] = kBitReversal.table[p[i]];
+        p[i] = kBitReversal[p[i]];
 }
 
 static void SetEnd(BitReader *r, uint32_t end)

@@ -15,6 +15,7 @@
 
 #include <string.h>
 
+#include "core/bit_reversal.h"
 #include "core/bytes.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
@@ -49,10 +50,9 @@ constexpr CcittCode ParseCode(const char *bits)
 }
 
 /* The code of every run length that has one, per colour, and the byte
- * tables of the packer: computed at compile time from the T.4 code lists. */
+ * table of the packer: computed at compile time from the T.4 code lists. */
 struct EncoderTables {
     CcittCode code[2][CCITT_MAX_RUN + 1] = {};
-    uint8_t reverse[256] = {};
     uint8_t leadingZeros[256] = {}; /* bits before the first 1, counted from bit 7; 8 for 0 */
 };
 
@@ -72,10 +72,7 @@ constexpr EncoderTables BuildTables()
         t.code[WHITE][run] = t.code[BLACK][run] = ParseCode(ccittExtendedMakeUp[i]);
     }
     for (int i = 0; i < 256; i++) {
-        int r = 0, n = 0;
-        for (int b = 0; b < 8; b++)
-            r |= ((i >> b) & 1) << (7 - b);
-        t.reverse[i] = (uint8_t)r;
+        int n = 0;
         while (n < 8 && !(i & (0x80 >> n)))
             n++;
         t.leadingZeros[i] = (uint8_t)n;
@@ -89,7 +86,6 @@ static_assert(kTables.code[WHITE][0].code == 0x35 && kTables.code[WHITE][0].leng
 static_assert(kTables.code[BLACK][CCITT_MAX_RUN].length == 12 && kTables.leadingZeros[0] == 8);
 
 constexpr const CcittCode (&codeTable)[2][CCITT_MAX_RUN + 1] = kTables.code;
-constexpr const uint8_t (&reverseTable)[256] = kTables.reverse;
 constexpr const uint8_t (&leadingZeros)[256] = kTables.leadingZeros;
 
 int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
@@ -166,7 +162,7 @@ static int SendBlock(CcittPacker *p, uint32_t count)
 {
     if (p->reverse)
         for (uint32_t i = 0; i < count; i++)
-            p->out[i] = reverseTable[p->out[i]];
+            p->out[i] = kBitReversal[p->out[i]];
     if (p->framed) {
         uint8_t frame[4] = {0xFE, 0x92, (uint8_t)(count >> 8), (uint8_t)count};
         int result = WriteAll(p->handle, frame, 4);

@@ -26,6 +26,7 @@
 
 #include "color/default_palette.h"
 #include "formats/tiff_write.h"
+#include "core/bit_reversal.h"
 #include "core/bytes.h"
 #include "core/dib.h"
 #include "core/imgapi.h"
@@ -641,24 +642,10 @@ typedef struct TiffReadState {
     int sinkFailure;               /* the first negative row-sink result */
 } TiffReadState;
 
-static uint8_t reversedBits[256];
-
-static void BuildReversedBits(void)
-{
-    if (reversedBits[1])
-        return;
-    for (int i = 0; i < 256; i++) {
-        int r = 0;
-        for (int b = 0; b < 8; b++)
-            r |= ((i >> b) & 1) << (7 - b);
-        reversedBits[i] = (uint8_t)r;
-    }
-}
-
 static void ReverseBytes(uint8_t *p, uint32_t n)
 {
     for (uint32_t i = 0; i < n; i++)
-        p[i] = reversedBits[p[i]];
+        p[i] = kBitReversal[p[i]];
 }
 
 /* Predictor 2 (horizontal differencing) on an interleaved pixel row.  For 8,
@@ -1214,7 +1201,6 @@ static int SetUpState(TiffReadState *s, int bits)
         return IMG_ERR_MEMORY;
     memset(s->pixelRow, 0, (size_t)pixelRow + 16);
     memset(s->outRow, 0, (size_t)stride + 16);
-    BuildReversedBits();
     s->reverseBits = tiffInfo.fillOrder == 2;
     if (s->planes > 1) {
         s->tempHandle = ImgOpenTemp(s->tempPath, 0);

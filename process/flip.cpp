@@ -14,6 +14,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "core/bit_reversal.h"
 #include "core/guard.h"
 #include "core/progress.h"
 #include "core/dib.h"
@@ -27,32 +28,15 @@
 
 /* ---- mirroring one plain row ---- */
 
-static uint8_t reversedBits[256];
-static int reversedReady;
-
-static void BuildReversedBits(void)
-{
-    for (unsigned b = 0; b < 256; b++) {
-        unsigned r = 0;
-        for (int k = 0; k < 8; k++)
-            if (b & (1u << k))
-                r |= 0x80u >> k;
-        reversedBits[b] = (uint8_t)r;
-    }
-    reversedReady = 1;
-}
-
 /* 1 bit: the bytes reversed and bit-reversed, then shifted left by the
  * padding bits of the last byte, which are taken from the source. */
 static void Mirror1(const uint8_t *source, uint8_t *target, int32_t width)
 {
-    if (!reversedReady)
-        BuildReversedBits();
     size_t n = ((size_t)width + 7) / 8;
     unsigned pad = (unsigned)(n * 8 - (size_t)width);
-    unsigned current = reversedBits[source[n - 1]];
+    unsigned current = kBitReversal[source[n - 1]];
     for (size_t j = 0; j < n; j++) {
-        unsigned next = j + 1 < n ? reversedBits[source[n - 2 - j]] : 0;
+        unsigned next = j + 1 < n ? kBitReversal[source[n - 2 - j]] : 0;
         target[j] = (uint8_t)(pad ? (current << pad) | (next >> (8 - pad)) : current);
         current = next;
     }
