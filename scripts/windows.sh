@@ -28,6 +28,18 @@ if [[ "$compiled" != "$(bash scripts/gen_def.sh --decorated)" ]]; then
 fi
 echo "windows.sh: i686 import library decorations match the compiled functions"
 
+# The DLLs carry the C++ runtime inside: they import system DLLs only.
+system_dlls='^(KERNEL32|msvcrt|USER32|GDI32|ADVAPI32)\.dll$'
+for arch in i686 x86_64; do
+  imports=$(x86_64-w64-mingw32-objdump -p build-win-$arch/bin/trnw6w95.dll | sed -nE 's/^\s*DLL Name: (.+)$/\1/p')
+  if grep -vqE "$system_dlls" <<<"$imports"; then
+    echo "windows.sh: build-win-$arch/bin/trnw6w95.dll imports more than system DLLs:"
+    grep -vE "$system_dlls" <<<"$imports"
+    exit 1
+  fi
+  echo "windows.sh: $arch DLL imports $(echo $imports)"
+done
+
 export WINEDEBUG=-all
 wine64=$(command -v wine64 || echo /usr/lib/wine/wine64)
 # Runs a test executable under wine; wine can exit 0 without running anything,
