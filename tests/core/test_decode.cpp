@@ -267,58 +267,49 @@ TEST_F(DecodePipeline, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
     }
 }
 
-TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourceRowOfEachDestinationRow)
+// A fixed size takes the first source row of each destination row and the
+// columns by the step (width << 16) / new width: 9 -> 3 columns (step 3.0),
+// 6 -> 2 rows (rows 0 and 3) at every depth, 1000 x 800 -> 100 x 100 (rows
+// 0, 8, 16, ..., columns 0, 10, 20, ...).
+TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourcePixelOfEachDestinationPixel)
 {
-    // 1000 x 800 to 100 x 100: destination row = row * 100 / 800, so source
-    // rows 0, 8, 16, ...; columns by the step (1000 << 16) / 100 = 10.0.
-    IMGLOW_set_decompsize(100, 100);
-    script = {Header(1000, 800, 8), Rows8(1000, 800)};
-    int32_t h = Decode();
-    ASSERT_GE(h, 0);
-    const ImgDescriptor *d = ImgTableGet(h);
-    EXPECT_EQ(d->width, 100);
-    EXPECT_EQ(d->height, 100);
-    EXPECT_EQ(d->lastReducedRow, 99);
-    for (int32_t y = 0; y < 100; y++) {
-        std::vector<uint8_t> row = Row(h, y);
-        for (int32_t x = 0; x < 100; x++)
-            ASSERT_EQ(row[(size_t)x], Value8(x * 10, y * 8)) << x << "," << y;
-    }
-}
-
-TEST_F(DecodePipeline, FixedSizeReducesEachDepth)
-{
-    // 9 -> 3 columns (step 3.0), 6 -> 2 rows (rows 0 and 3).
-    IMGLOW_set_decompsize(3, 2);
-    for (int bits : {1, 4, 24}) {
-        SCOPED_TRACE(bits);
+    struct Case {
+        int bits;
+        int32_t w, h, newW, newH;
+    } cases[] = {{1, 9, 6, 3, 2}, {4, 9, 6, 3, 2}, {8, 9, 6, 3, 2}, {24, 9, 6, 3, 2}, {8, 1000, 800, 100, 100}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.bits) + " bits, " + std::to_string(c.w) + " wide");
+        IMGLOW_set_decompsize(c.newW, c.newH);
         std::vector<std::vector<uint8_t>> source;
-        std::mt19937 random((unsigned)bits);
-        for (int y = 0; y < 6; y++) {
-            std::vector<uint8_t> row((size_t)Stride(9, bits));
-            for (auto &b : row)
+        std::mt19937 random((unsigned)c.bits);
+        for (int y = 0; y < c.h; y++) {
+            source.emplace_back((size_t)Stride(c.w, c.bits));
+            for (auto &b : source.back())
                 b = (uint8_t)random();
-            source.push_back(row);
         }
-        script = {Header(9, 6, bits), [&](ImgRowSink sink, void *c) {
-                      for (int y = 0; y < 6; y++)
-                          if (int r = sink(source[(size_t)y].data(), c, y, (int)source[(size_t)y].size()))
+        script = {Header(c.w, c.h, c.bits), [&](ImgRowSink sink, void *context) {
+                      for (int y = 0; y < c.h; y++)
+                          if (int r = sink(source[(size_t)y].data(), context, y, (int)source[(size_t)y].size()))
                               return r;
                       return 0;
                   }};
         int32_t h = Decode();
         ASSERT_GE(h, 0);
-        for (int y = 0; y < 2; y++) {
+        ASSERT_EQ(ImgTableGet(h)->width, c.newW);
+        ASSERT_EQ(ImgTableGet(h)->height, c.newH);
+        EXPECT_EQ(ImgTableGet(h)->lastReducedRow, c.newH - 1);
+        const int32_t stepX = c.w / c.newW, stepY = c.h / c.newH, size = c.bits == 24 ? 3 : 1;
+        for (int y = 0; y < c.newH; y++) {
             std::vector<uint8_t> row = Row(h, y);
-            const std::vector<uint8_t> &from = source[(size_t)y * 3];
-            for (int x = 0; x < 3; x++) {
-                int sx = x * 3;
-                if (bits == 1)
-                    EXPECT_EQ(Pixel1(row, x), Pixel1(from, sx));
-                else if (bits == 4)
-                    EXPECT_EQ((row[(size_t)x / 2] >> (x & 1 ? 0 : 4)) & 15, (from[(size_t)sx / 2] >> (sx & 1 ? 0 : 4)) & 15);
+            const std::vector<uint8_t> &from = source[(size_t)(y * stepY)];
+            for (int x = 0; x < c.newW; x++) {
+                int sx = x * stepX;
+                if (c.bits < 8)
+                    ASSERT_EQ((row[(size_t)(x * c.bits / 8)] >> (8 - c.bits - x * c.bits % 8)) & ((1 << c.bits) - 1),
+                              (from[(size_t)(sx * c.bits / 8)] >> (8 - c.bits - sx * c.bits % 8)) & ((1 << c.bits) - 1))
+                        << x << "," << y;
                 else
-                    EXPECT_EQ(0, std::memcmp(&row[3 * (size_t)x], &from[3 * (size_t)sx], 3));
+                    ASSERT_EQ(0, std::memcmp(&row[(size_t)(size * x)], &from[(size_t)(size * sx)], (size_t)size)) << x << "," << y;
             }
         }
         IMG_delete_bitmap(h);
@@ -354,28 +345,6 @@ TEST_F(DecodePipeline, SubRectangleOfRunRecordsKeepsColoursInStep)
         ExpectPicture1(h, 90, 20, left, 3);
         IMG_delete_bitmap(h);
     }
-}
-
-// Caller I/O serves a decode from the memory image (handle 32767).
-std::vector<uint8_t> callerFile;
-uint32_t callerPosition;
-int32_t callerReads, callerSeeks;
-extern "C" int32_t IMGCDECL CallerRead(int32_t handle, void *buffer, int32_t count)
-{
-    EXPECT_EQ(handle, IMG_MEMORY_HANDLE);
-    callerReads++;
-    int32_t n = 0;
-    while (n < count && callerPosition < callerFile.size())
-        static_cast<uint8_t *>(buffer)[n++] = callerFile[callerPosition++];
-    return n;
-}
-extern "C" int32_t IMGCDECL CallerSeek(int32_t handle, int32_t offset, int32_t whence)
-{
-    EXPECT_EQ(handle, IMG_MEMORY_HANDLE);
-    callerSeeks++;
-    int64_t base = whence == 0 ? 0 : whence == 1 ? callerPosition : (int64_t)callerFile.size();
-    callerPosition = (uint32_t)(base + offset);
-    return (int32_t)callerPosition;
 }
 
 TEST_F(DecodePipeline, CreateHandleShell)
