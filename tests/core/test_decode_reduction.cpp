@@ -53,11 +53,7 @@ class DecodeReduction : public TrnwTest {
     {
         std::vector<uint8_t> row((size_t)ImgTableGet(handle)->stride);
         EXPECT_EQ(IMGLOW_get_raster(handle, row.data(), y, 0), 0);
-        if (bits == 1)
-            return (row[x / 8] >> (7 - x % 8)) & 1;
-        if (bits == 4)
-            return x % 2 ? row[x / 2] & 15 : row[x / 2] >> 4;
-        return row[x];
+        return (int)RowPixel(row.data(), x, bits);
     }
 };
 

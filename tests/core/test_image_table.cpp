@@ -176,8 +176,6 @@ void FillPattern(TestDib &dib)
     }
 }
 
-bool PixelOf(const uint8_t *row, int32_t x) { return (row[x >> 3] >> (7 - (x & 7))) & 1; }
-
 // Rows read back from the run-coded store and from the plain block it turns
 // back into are the original rows (padding bits stay 1).
 TEST_F(CodedStore, DibToRunsAndBack)
@@ -248,7 +246,7 @@ TEST_F(CodedStore, PutRasterRecodesOneRow)
     for (int32_t r = 0; r < 5; r++) {
         ASSERT_EQ(IMGLOW_get_raster(h, back.data(), r, 0), 0);
         for (int32_t x = 0; x < 100; x++)
-            ASSERT_EQ(PixelOf(back.data(), x), PixelOf(rows[r].data(), x)) << r << "," << x;
+            ASSERT_EQ(RowPixel(back.data(), x, 1), RowPixel(rows[r].data(), x, 1)) << r << "," << x;
     }
     // The store stays contiguous: each row starts where the previous one ends.
     const ImgDescriptor *d = ImgTableGet(h);

@@ -8,7 +8,7 @@ namespace {
 
 class RunRecords : public TrnwTest {};
 
-bool Pixel(const std::vector<uint8_t> &row, int x) { return (row[(size_t)x >> 3] >> (7 - (x & 7))) & 1; }
+bool Pixel(const std::vector<uint8_t> &row, int x) { return RowPixel(row.data(), x, 1); }
 
 // The changes of a row of pixels: positions where a pixel differs from the one
 // before, the row starting white (1) as if pixel -1 were white.

@@ -31,29 +31,6 @@ uint32_t Pattern(int32_t x, int32_t y, int bits)
     return bits >= 32 ? v : v & ((1u << bits) - 1u);
 }
 
-// Pixel x of a packed row: MSB first below 8 bits, little-endian bytes above.
-uint32_t GetPx(const uint8_t *row, int32_t x, int bits)
-{
-    if (bits < 8)
-        return (uint32_t)(row[x * bits / 8] >> (8 - bits - x * bits % 8)) & ((1u << bits) - 1u);
-    uint32_t v = 0;
-    for (int k = 0; k < bits / 8; k++)
-        v |= (uint32_t)row[x * bits / 8 + k] << (8 * k);
-    return v;
-}
-
-void PutPx(uint8_t *row, int32_t x, int bits, uint32_t v)
-{
-    if (bits < 8) {
-        int shift = 8 - bits - x * bits % 8;
-        uint8_t mask = (uint8_t)(((1u << bits) - 1u) << shift);
-        row[x * bits / 8] = (uint8_t)((row[x * bits / 8] & ~mask) | ((v << shift) & mask));
-        return;
-    }
-    for (int k = 0; k < bits / 8; k++)
-        row[x * bits / 8 + k] = (uint8_t)(v >> (8 * k));
-}
-
 // A library-owned image holding Pattern(), black and white at 1 bit, a
 // colour palette at 4 and 8 bits, 300 x 200 dots per inch.
 int32_t NewPicture(int32_t w, int32_t h, int bits)
@@ -61,7 +38,7 @@ int32_t NewPicture(int32_t w, int32_t h, int bits)
     TestDib dib(w, h, bits);
     for (int32_t y = 0; y < h; y++)
         for (int32_t x = 0; x < w; x++)
-            PutPx(dib.Row(y), x, bits, Pattern(x, y, bits));
+            SetRowPixel(dib.Row(y), x, bits, Pattern(x, y, bits));
     if (bits == 4 || bits == 8)
         for (int i = 0; i < 1 << bits; i++) {
             uint8_t *e = dib.Palette() + 4 * i;
@@ -136,7 +113,7 @@ void ExpectPixels(const Bmp &bmp, int bits, int32_t x0, int32_t y0, int32_t w, i
     ASSERT_EQ(bmp.bits, bits);
     for (int32_t y = 0; y < h; y++)
         for (int32_t x = 0; x < w; x++)
-            ASSERT_EQ(GetPx(bmp.Row(y), x, bits), Pattern(x0 + x, y0 + y, bits)) << x << "," << y;
+            ASSERT_EQ(RowPixel(bmp.Row(y), x, bits), Pattern(x0 + x, y0 + y, bits)) << x << "," << y;
 }
 
 // The brightness and contrast table worked out naively in double precision:
@@ -312,7 +289,7 @@ TEST_F(Save, RowSourceServesAnyOrderEveryDepth)
                 std::vector<uint8_t> buffer((size_t)rowBytes, 0xEE);
                 ASSERT_EQ(ImgLibraryRowSource(&c, buffer.data(), r, rowBytes), 0) << "row " << r;
                 for (int32_t x = 0; x < cropW; x++)
-                    ASSERT_EQ(GetPx(buffer.data(), x, bits), Pattern(first + x, cropY + r, bits)) << r << "," << x;
+                    ASSERT_EQ(RowPixel(buffer.data(), x, bits), Pattern(first + x, cropY + r, bits)) << r << "," << x;
             }
             ImgFree(c.scratch);
             IMG_delete_bitmap(h);
