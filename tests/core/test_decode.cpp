@@ -80,48 +80,26 @@ std::vector<uint8_t> Row(int32_t handle, int32_t row)
     return buffer;
 }
 
-// An 8-bit source whose pixel (x, y) is (x * 3 + y * 7) & 0xFF.
-uint8_t Value8(int x, int y) { return (uint8_t)(x * 3 + y * 7); }
-
-std::function<int(ImgRowSink, void *)> Rows8(int32_t width, int32_t height, bool bottomFirst = false)
+// Random packed rows, top first.
+using Rows = std::vector<std::vector<uint8_t>>;
+Rows Source(int32_t width, int32_t height, int bits)
 {
-    return [=](ImgRowSink sink, void *context) {
-        std::vector<uint8_t> row((size_t)Stride(width, 8));
-        for (int32_t i = 0; i < height; i++) {
-            int32_t y = bottomFirst ? height - 1 - i : i;
-            for (int32_t x = 0; x < width; x++)
-                row[(size_t)x] = Value8(x, y);
-            int r = sink(row.data(), context, y, (int)row.size());
-            if (r < 0)
-                return r;
-        }
-        return 0;
-    };
+    std::mt19937 random((unsigned)(width * 31 + bits));
+    Rows rows((size_t)height, std::vector<uint8_t>((size_t)Stride(width, bits)));
+    for (auto &row : rows)
+        for (auto &b : row)
+            b = (uint8_t)random();
+    return rows;
 }
 
-// A 1-bit picture: pixel (x, y) is 0 (black) when (x * 5 + y * 3) % 13 < 5.
-bool Black(int x, int y) { return (x * 5 + y * 3) % 13 < 5; }
-
-std::vector<uint8_t> PackedRow1(int32_t width, int32_t y)
-{
-    std::vector<uint8_t> row((size_t)Stride(width, 1), 0xFF);
-    for (int32_t x = 0; x < width; x++)
-        if (Black(x, y))
-            row[(size_t)x >> 3] &= (uint8_t)~(0x80 >> (x & 7));
-    return row;
-}
-
-// The same row as a run record in the one-dimensional decoder's form
-// (changes, then the width three times; +2 when the length equals (w+7)/8).
-std::vector<uint16_t> RecordRow1(int32_t width, int32_t y)
+// A 1-bit row as a run record in the one-dimensional decoder's form (changes,
+// then the width three times; +2 when the length equals (width + 7) / 8).
+std::vector<uint16_t> Record(const std::vector<uint8_t> &row, int32_t width)
 {
     std::vector<uint16_t> record = {0};
-    bool colour = true;
     for (int32_t x = 0; x < width; x++)
-        if (!Black(x, y) != colour) {
+        if (RowPixel(row.data(), x, 1) != (record.size() % 2 ? 1u : 0u))
             record.push_back((uint16_t)x);
-            colour = !colour;
-        }
     record.insert(record.end(), {(uint16_t)width, (uint16_t)width, (uint16_t)width});
     record[0] = (uint16_t)(record.size() * 2);
     if (record[0] == (width + 7) / 8)
@@ -129,23 +107,14 @@ std::vector<uint16_t> RecordRow1(int32_t width, int32_t y)
     return record;
 }
 
-std::function<int(ImgRowSink, void *)> Rows1(int32_t width, int32_t height, bool asRecords,
-                                              std::vector<int32_t> order = {})
+// Hands the rows over in order, packed or as run records.
+std::function<int(ImgRowSink, void *)> Feed(const Rows &rows, int32_t width, bool asRecords = false)
 {
-    if (order.empty())
-        for (int32_t y = 0; y < height; y++)
-            order.push_back(y);
-    return [=](ImgRowSink sink, void *context) {
-        for (int32_t y : order) {
-            int r;
-            if (asRecords) {
-                std::vector<uint16_t> record = RecordRow1(width, y);
-                r = sink(reinterpret_cast<const uint8_t *>(record.data()), context, y,
-                         (int)(record.size() * 2));
-            } else {
-                std::vector<uint8_t> row = PackedRow1(width, y);
-                r = sink(row.data(), context, y, (int)row.size());
-            }
+    return [rows, width, asRecords](ImgRowSink sink, void *context) {
+        for (int32_t y = 0; y < (int32_t)rows.size(); y++) {
+            std::vector<uint16_t> record = asRecords ? Record(rows[(size_t)y], width) : std::vector<uint16_t>();
+            int r = asRecords ? sink(reinterpret_cast<const uint8_t *>(record.data()), context, y, (int)record.size() * 2)
+                              : sink(rows[(size_t)y].data(), context, y, (int)rows[(size_t)y].size());
             if (r < 0)
                 return r;
         }
@@ -153,12 +122,17 @@ std::function<int(ImgRowSink, void *)> Rows1(int32_t width, int32_t height, bool
     };
 }
 
-void ExpectPicture1(int32_t handle, int32_t width, int32_t height, int32_t x0 = 0, int32_t y0 = 0)
+// The image is w x h and its pixel (x, y) is the source's (x0 + x * stepX, y0 + y * stepY).
+void ExpectRows(int32_t handle, const Rows &rows, int bits, int32_t w, int32_t h, int32_t x0 = 0, int32_t y0 = 0,
+                int32_t stepX = 1, int32_t stepY = 1)
 {
-    for (int32_t y = 0; y < height; y++) {
+    ASSERT_EQ(ImgTableGet(handle)->width, w);
+    ASSERT_EQ(ImgTableGet(handle)->height, h);
+    for (int32_t y = 0; y < h; y++) {
         std::vector<uint8_t> row = Row(handle, y);
-        for (int32_t x = 0; x < width; x++)
-            ASSERT_EQ(RowPixel(row.data(), x, 1), Black(x + x0, y + y0) ? 0u : 1u) << "pixel " << x << "," << y;
+        for (int32_t x = 0; x < w; x++)
+            ASSERT_EQ(RowPixel(row.data(), x, bits), RowPixel(rows[(size_t)(y0 + y * stepY)].data(), x0 + x * stepX, bits))
+                << "pixel " << x << "," << y;
     }
 }
 
@@ -180,14 +154,14 @@ TEST_F(DecodePipeline, PlainImageTakesTheReadersGeometryAndPalette)
 {
     statusCalls = 0;
     IMG_set_statusbar(77, Status, 1);
-    script = {Header(10, 4, 8), Rows8(10, 4)};
+    Rows source = Source(10, 4, 8);
+    script = {Header(10, 4, 8), Feed(source, 10)};
     int32_t h = Decode();
     ASSERT_GE(h, 0);
     EXPECT_EQ(std::make_tuple(statusCalls, statusTotal, statusValueSeen), std::make_tuple(4, 4, 77));
     const ImgDescriptor *d = ImgTableGet(h);
-    using T = std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t>;
-    EXPECT_EQ(T(d->width, d->height, d->stride, d->codedRows, d->lastReducedRow, d->cropWidth, d->cropHeight),
-              T(10, 4, 12, 0, -1, 10, 4));
+    using T = std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t>;
+    EXPECT_EQ(T(d->stride, d->codedRows, d->lastReducedRow, d->cropWidth, d->cropHeight), T(12, 0, -1, 10, 4));
     EXPECT_EQ(d->gamma, 150u);
     EXPECT_EQ(d->rasterOp, 0x00CC0020u);
     // total = stride * H rounded up to 4 + palette + 40 = 12 * 4 + 1024 + 40.
@@ -195,9 +169,7 @@ TEST_F(DecodePipeline, PlainImageTakesTheReadersGeometryAndPalette)
     EXPECT_EQ(0, std::memcmp(d->dib + 40, script.header.data() + 40, 1024));
     EXPECT_EQ(GetLE32(d->dib + 20), 48u);  // biSizeImage
     EXPECT_EQ(GetLE32(d->dib + 24), 300u); // dots per inch, as handed over
-    for (int32_t y = 0; y < 4; y++)
-        for (int32_t x = 0; x < 10; x++)
-            ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x, y));
+    ExpectRows(h, source, 8, 10, 4);
     IMG_set_statusbar(0, nullptr, 0); // off: the callback is kept but not called
     statusCalls = 0;
     ASSERT_GE(Decode(), 0);
@@ -234,14 +206,25 @@ TEST_F(DecodePipeline, HostileRowsAreRefused)
 
 // ---- row order and run-coded storage ----
 
-TEST_F(DecodePipeline, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
+// Packed rows and run records give the same picture, whole or cut to a
+// sub-rectangle (records cut at any column keep their colours in step).
+TEST_F(DecodePipeline, RowsWholeOrCutToASubRectangle)
 {
-    for (bool records : {false, true}) {
-        SCOPED_TRACE(records);
-        script = {Header(203, 31, 1), Rows1(203, 31, records)};
+    struct Case {
+        int bits;
+        bool records;
+        int32_t w, h, rect[4]; // x, y, width, height; width 0: the whole image
+    } cases[] = {{1, false, 203, 31, {0, 0, 0, 0}}, {1, true, 203, 31, {0, 0, 0, 0}}, {8, false, 20, 10, {5, 2, 8, 4}},
+                 {1, true, 203, 31, {0, 3, 90, 20}}, {1, true, 203, 31, {7, 3, 90, 20}},
+                 {1, true, 203, 31, {13, 3, 90, 20}}, {1, true, 203, 31, {64, 3, 90, 20}}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.bits) + (c.records ? " records" : " rows") + " at " + std::to_string(c.rect[0]));
+        IMGLOW_set_decomp_rect(c.rect[0], c.rect[1], c.rect[2], c.rect[3]);
+        Rows source = Source(c.w, c.h, c.bits);
+        script = {Header(c.w, c.h, c.bits), Feed(source, c.w, c.records)};
         int32_t h = Decode();
         ASSERT_GE(h, 0);
-        ExpectPicture1(h, 203, 31);
+        ExpectRows(h, source, c.bits, c.rect[2] ? c.rect[2] : c.w, c.rect[2] ? c.rect[3] : c.h, c.rect[0], c.rect[1]);
         IMG_delete_bitmap(h);
     }
 }
@@ -259,64 +242,12 @@ TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourcePixelOfEachDestinationPixel)
     for (const Case &c : cases) {
         SCOPED_TRACE(std::to_string(c.bits) + " bits, " + std::to_string(c.w) + " wide");
         IMGLOW_set_decompsize(c.newW, c.newH);
-        std::vector<std::vector<uint8_t>> source;
-        std::mt19937 random((unsigned)c.bits);
-        for (int y = 0; y < c.h; y++) {
-            source.emplace_back((size_t)Stride(c.w, c.bits));
-            for (auto &b : source.back())
-                b = (uint8_t)random();
-        }
-        script = {Header(c.w, c.h, c.bits), [&](ImgRowSink sink, void *context) {
-                      for (int y = 0; y < c.h; y++)
-                          if (int r = sink(source[(size_t)y].data(), context, y, (int)source[(size_t)y].size()))
-                              return r;
-                      return 0;
-                  }};
+        Rows source = Source(c.w, c.h, c.bits);
+        script = {Header(c.w, c.h, c.bits), Feed(source, c.w)};
         int32_t h = Decode();
         ASSERT_GE(h, 0);
-        ASSERT_EQ(ImgTableGet(h)->width, c.newW);
-        ASSERT_EQ(ImgTableGet(h)->height, c.newH);
         EXPECT_EQ(ImgTableGet(h)->lastReducedRow, c.newH - 1);
-        const int32_t stepX = c.w / c.newW, stepY = c.h / c.newH;
-        for (int y = 0; y < c.newH; y++) {
-            std::vector<uint8_t> row = Row(h, y);
-            const std::vector<uint8_t> &from = source[(size_t)(y * stepY)];
-            for (int x = 0; x < c.newW; x++) {
-                int sx = x * stepX;
-                ASSERT_EQ(RowPixel(row.data(), x, c.bits), RowPixel(from.data(), sx, c.bits)) << x << "," << y;
-            }
-        }
-        IMG_delete_bitmap(h);
-    }
-}
-
-// ---- sub-rectangle ----
-
-TEST_F(DecodePipeline, SubRectangleOfPlainRows)
-{
-    // 20 x 10, rectangle at 5, 2 of 8 x 4: 8 - 5 < 20 and 4 - 2 < 10.
-    IMGLOW_set_decomp_rect(5, 2, 8, 4);
-    script = {Header(20, 10, 8), Rows8(20, 10)};
-    int32_t h = Decode();
-    ASSERT_GE(h, 0);
-    EXPECT_EQ(ImgTableGet(h)->width, 8);
-    EXPECT_EQ(ImgTableGet(h)->height, 4);
-    for (int32_t y = 0; y < 4; y++)
-        for (int32_t x = 0; x < 8; x++)
-            ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x + 5, y + 2));
-}
-
-TEST_F(DecodePipeline, SubRectangleOfRunRecordsKeepsColoursInStep)
-{
-    for (int32_t left : {0, 7, 13, 64}) {
-        SCOPED_TRACE(left);
-        IMGLOW_set_decomp_rect(left, 3, 90, 20);
-        script = {Header(203, 31, 1), Rows1(203, 31, true)};
-        int32_t h = Decode();
-        ASSERT_GE(h, 0);
-        ASSERT_EQ(ImgTableGet(h)->width, 90);
-        ASSERT_EQ(ImgTableGet(h)->height, 20);
-        ExpectPicture1(h, 90, 20, left, 3);
+        ExpectRows(h, source, c.bits, c.newW, c.newH, 0, 0, c.w / c.newW, c.h / c.newH);
         IMG_delete_bitmap(h);
     }
 }
