@@ -44,10 +44,11 @@ Bytes Padded(const Bytes &head, size_t total = kLong)
     return b;
 }
 
-// ImgDetect over the bytes as a sized memory image; checks the source is left at 0.
-std::string Detect(const Bytes &bytes)
+// ImgDetect over `head` padded to kLong bytes as a sized memory image; checks
+// the source is left at 0.
+std::string DetectHead(const Bytes &head)
 {
-    Bytes copy(bytes);
+    Bytes copy = Padded(head);
     ImgSetMemorySourceSized(copy.data(), (uint32_t)copy.size());
     char extension[4] = {'x', 'x', 'x', 0};
     int result = ImgDetect(kMem, extension);
@@ -55,9 +56,6 @@ std::string Detect(const Bytes &bytes)
     EXPECT_EQ(ImgTell(), 0u) << "detection leaves the source at absolute 0";
     return extension;
 }
-
-// ImgDetect over `head` padded with kFill to kLong bytes.
-std::string DetectHead(const Bytes &head) { return Detect(Padded(head)); }
 
 int32_t MemType(Bytes bytes) { return IMGLOW_get_filetype_mem_size(bytes.data(), (uint32_t)bytes.size()); }
 
@@ -221,10 +219,6 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
     }
 }
 
-// ======================================================================
-// ImgDetect
-// ======================================================================
-
 // Detection reads from the current position and leaves the source at 0.
 TEST_F(Registry, DetectFromCurrentPositionSeeksToZero)
 {
@@ -242,10 +236,6 @@ TEST_F(Registry, DetectFromCurrentPositionSeeksToZero)
     EXPECT_STREQ(extension, "") << "nothing matched";
     EXPECT_EQ(ImgTell(), 0u);
 }
-
-// A negative read result comes back as it is (caller I/O).
-extern "C" int32_t IMGCDECL FailingRead(int32_t, void *, int32_t) { return -5; }
-extern "C" int32_t IMGCDECL NoSeek(int32_t, int32_t, int32_t) { return 0; }
 
 // _fd detects from the handle's current position, seeks back there for the
 // subtype query (TIFF offsets, the BMP and GIF headers count from there) and
@@ -272,10 +262,6 @@ TEST_F(Registry, FdDetectsFromCurrentPositionAndRefinesThere)
     EXPECT_EQ(two[0], 'M');
     ImgClose(h);
 }
-
-// ======================================================================
-// TIFF subtype query
-// ======================================================================
 
 // Compression (and T4Options bit 0 for compression 3) picks the TIFF type in
 // either byte order; a compression not in the table gives -7.
@@ -354,37 +340,28 @@ TEST_F(Registry, BmpShortHeadersGiveMinus12)
     }
 }
 
-TEST_F(Registry, GifGlobalColourTableIsSkipped)
+// The GIF subtype comes from the first image descriptor's interlace flag,
+// after the global colour table (of any size) and the extension blocks.
+TEST_F(Registry, GifTableAndExtensionsAreSkipped)
 {
     for (int size = 0; size < 8; size++) {
         Bytes table(3u << (size + 1), 0x2C); // bytes that would look like a descriptor
-        Append(table, {0x2C, 0, 0, 0, 0, 4, 0, 4, 0, 0x40, 2, 1, 0, 0, 0x3B});
+        Append(table, ImageDescriptor(0x40));
         EXPECT_EQ(FileType(MakeGif((uint8_t)(0x80 | size), table)), IMG_TYPE_GIF_INTERLACED) << size;
     }
-    // Without the table flag the same bytes start at once.
-    Bytes six(6, 0x2C);
+    Bytes six(6, 0x2C); // without the table flag the same bytes start at once
     Append(six, Bytes(10, 0));
     EXPECT_EQ(FileType(MakeGif(0x00, six)), IMG_TYPE_GIF);
-}
 
-TEST_F(Registry, GifExtensionBlocksAreWalked)
-{
-    Bytes body = {0x21, 0xF9, 4, 1, 0, 0, 0x2C, 0}; // graphic control, ends in 0x2C data
+    Bytes body(12, 0x21); // a two-entry table
+    EXPECT_EQ(FileType(MakeGif(0x81, body)), IMG_ERR_INVALID) << "a table of 0x21 and then nothing";
+    Append(body, {0x21, 0xF9, 4, 1, 0, 0, 0x2C, 0});               // graphic control, ends in 0x2C data
     Append(body, {0x21, 0xFE, 3, 'a', 'b', 'c', 2, 'd', 'e', 0}); // comment, 2 sub-blocks
     Append(body, {0x21, 0xFF, 0});                               // empty
-    Bytes image = ImageDescriptor(0x40);
-    Append(body, image);
-    EXPECT_EQ(FileType(MakeGif(0x81, Bytes(12, 0x21))), IMG_ERR_INVALID)
-        << "a table of 0x21 and then nothing";
-    Bytes withTable(12, 0x21);
-    Append(withTable, body);
-    EXPECT_EQ(FileType(MakeGif(0x81, withTable)), IMG_TYPE_GIF_INTERLACED);
-    EXPECT_EQ(MemType(MakeGif(0x81, withTable)), IMG_TYPE_GIF_INTERLACED);
+    Append(body, ImageDescriptor(0x40));
+    EXPECT_EQ(FileType(MakeGif(0x81, body)), IMG_TYPE_GIF_INTERLACED);
+    EXPECT_EQ(MemType(MakeGif(0x81, body)), IMG_TYPE_GIF_INTERLACED);
 }
-
-// ======================================================================
-// The save extension list
-// ======================================================================
 
 TEST_F(Registry, TypeForPathEveryEntry)
 {
