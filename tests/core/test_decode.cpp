@@ -7,7 +7,6 @@
 #include <random>
 #include <tuple>
 
-
 namespace {
 
 class DecodePipeline : public TrnwTest {
@@ -21,8 +20,6 @@ class DecodePipeline : public TrnwTest {
         TrnwTest::TearDown();
     }
 };
-
-// ---- a scriptable test reader ----
 
 struct Script {
     std::vector<uint8_t> header; // 40 bytes + palette
@@ -136,8 +133,6 @@ void ExpectRows(int32_t handle, const Rows &rows, int bits, int32_t w, int32_t h
     }
 }
 
-// ---- the header sink ----
-
 int32_t statusCalls, statusTotal, statusValueSeen;
 extern "C" int32_t IMGAPI Status(int32_t value, int32_t total)
 {
@@ -203,8 +198,6 @@ TEST_F(DecodePipeline, HostileRowsAreRefused)
     }
     EXPECT_EQ(ImgTableCount(), 0);
 }
-
-// ---- row order and run-coded storage ----
 
 // Packed rows and run records give the same picture, whole or cut to a
 // sub-rectangle (records cut at any column keep their colours in step).

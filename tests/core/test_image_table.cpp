@@ -11,8 +11,6 @@ class Accessors : public TrnwTest {};
 class Raster : public TrnwTest {};
 class CodedStore : public TrnwTest {};
 
-// ---- the table ----
-
 // The lowest free handle is used; a slot freed in the middle stays inside the
 // count and its handle is refused until reused; deleting the highest handle
 // shrinks the count past every trailing empty slot.
@@ -72,8 +70,6 @@ TEST_F(ImageTable, FailedGrowthKeepsExistingImages)
     EXPECT_EQ(IMG_bitmap_info(0, &w, &h, &b), 0); // the table survived (docs/DEVIATIONS.md)
     EXPECT_EQ(w, 4);
 }
-
-// ---- IMG_create_handle_keep and the descriptor ----
 
 TEST_F(Descriptor, KeepSetsDefaults)
 {
@@ -141,8 +137,6 @@ TEST_F(Accessors, NoPixelBlockGivesMinus1)
     ImgTableGet(h)->dib = dib;
 }
 
-// ---- raster rows, plain ----
-
 // Row 0 is the top row, stored last; a length of 0 means one stride; rows
 // and lengths outside the image are refused.
 TEST_F(Raster, RowZeroIsTheTopRowStoredLast)
@@ -161,8 +155,6 @@ TEST_F(Raster, RowZeroIsTheTopRowStoredLast)
     EXPECT_EQ(IMGLOW_put_raster(h, back, 3, 0), IMG_ERR_TYPE);
     EXPECT_EQ(IMGLOW_put_raster(h, back, 0, -4), IMG_ERR_TYPE);
 }
-
-// ---- run-coded images ----
 
 // A 1-bit picture with a known pattern: row r has 0-bits where (x * 7 + r * 3) % 11 < 4.
 void FillPattern(TestDib &dib)

@@ -28,15 +28,6 @@ uint32_t MemoryImageSize()
     return size;
 }
 
-// The part of a path up to and including its last separator.
-size_t DirectoryLength(const char *path)
-{
-    const char *slash = std::strrchr(path, '/');
-    const char *back = std::strrchr(path, '\\');
-    const char *last = slash > back ? slash : back;
-    return last ? (size_t)(last - path) + 1 : 0;
-}
-
 } // namespace
 
 /* ---- caller I/O: recording functions of the C convention ---- */
@@ -61,7 +52,6 @@ extern "C" int32_t IMGCDECL RecordSeek(int32_t h, int32_t offset, int32_t whence
     return g_seek.Record(h, reinterpret_cast<const void *>((intptr_t)offset), whence);
 }
 
-class MemoryImage : public TrnwTest {};
 class CallerIo : public TrnwTest {
   protected:
     void SetUp() override
@@ -71,18 +61,12 @@ class CallerIo : public TrnwTest {
     }
 };
 class Io : public TrnwTest {};
-class TempFile : public TrnwTest {};
-class Alloc : public TrnwTest {};
-class Tracked : public TrnwTest {};
-class BitmapName : public TrnwTest {};
-
-/* ==== the memory image ==== */
 
 // Reads copy min(count, size - position) bytes and move the position; at or
 // past the end a read claims the whole count and copies nothing.  The size is
 // the allocator's block size, or the size given, even where more memory is
 // readable behind it; a whence-2 seek counts from that end.
-TEST_F(MemoryImage, ReadsStopAtTheImageSize)
+TEST_F(Io, MemoryImageReadsStopAtTheImageSize)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
@@ -116,7 +100,7 @@ TEST_F(MemoryImage, ReadsStopAtTheImageSize)
 }
 
 // Writes mirror reads: n = min(count, size - position) copied into the block.
-TEST_F(MemoryImage, WriteMirrorsRead)
+TEST_F(Io, MemoryImageWriteMirrorsRead)
 {
     std::vector<uint8_t> backing(200, 0xEE); // bytes 100..199 lie outside the image
     ImgSetMemorySourceSized(backing.data(), 100);
@@ -140,8 +124,6 @@ TEST_F(MemoryImage, WriteMirrorsRead)
     for (size_t i = 100; i < 200; i++)
         ASSERT_EQ(backing[i], 0xEE) << "byte " << i << " lies past the image";
 }
-
-/* ==== caller I/O ==== */
 
 // The caller's functions get the same arguments for every handle, the memory
 // image and real files alike, and their results come back unchanged; the
@@ -187,8 +169,6 @@ TEST_F(CallerIo, CallsGoToTheCallerWithTheirArgumentsForEveryHandle)
     ImgDelete(path.c_str());
 }
 
-/* ==== files by name ==== */
-
 // Mode 2 creates; the primitives write, seek (returning the new position) and read.
 TEST_F(Io, CreateWriteSeekReadFile)
 {
@@ -210,18 +190,16 @@ TEST_F(Io, CreateWriteSeekReadFile)
     EXPECT_EQ(std::fopen(path.c_str(), "rb"), nullptr);
 }
 
-/* ==== the scratch file ==== */
-
 // Mode 0 writes the directory (at most 100 characters) and the "img" name,
 // and creates the file, which ImgWrite can fill.
-TEST_F(TempFile, ModeZeroWritesPathAndCreatesFile)
+TEST_F(Io, TempFileModeZeroWritesPathAndCreatesFile)
 {
     char path[IMG_TEMP_PATH_SIZE];
     std::memset(path, 0, sizeof path);
     int h = ImgOpenTemp(path, 0);
     ASSERT_NE(h, -1);
     ASSERT_LT(std::strlen(path), sizeof path);
-    size_t dir = DirectoryLength(path);
+    size_t dir = std::string(path).find_last_of("/\\") + 1; // the directory with its separator
     EXPECT_TRUE(dir > 0 && dir <= 100) << path;
     std::string name = path + dir;
     for (char &c : name)
@@ -234,10 +212,8 @@ TEST_F(TempFile, ModeZeroWritesPathAndCreatesFile)
     EXPECT_EQ(ImgDelete(path), 0);
 }
 
-/* ==== memory helpers ==== */
-
 // ImgTestFailAllocations(n): the allocation after n more successful ones fails.
-TEST_F(Alloc, TestHookFailsTheNextAllocation)
+TEST_F(Io, AllocTestHookFailsTheNextAllocation)
 {
     for (int n : {0, 2}) {
         ImgTestFailAllocations(n);
@@ -256,12 +232,10 @@ TEST_F(Alloc, TestHookFailsTheNextAllocation)
     ImgFree(p);
 }
 
-/* ==== the tracked table ==== */
-
 // 30 slots of ordinary blocks; a 31st ImgAllocTracked gives NULL instead of
 // overrunning the table and frees nothing (docs/DEVIATIONS.md).  Freeing a
 // block no longer in the table does nothing; a freed slot is used again.
-TEST_F(Tracked, ThirtySlotsFreedOneByOneOrAll)
+TEST_F(Io, TrackedThirtySlotsFreedOneByOneOrAll)
 {
     std::vector<uint8_t *> blocks;
     for (int i = 0; i < IMG_TRACKED_SLOTS; i++) {
@@ -292,11 +266,9 @@ TEST_F(Tracked, ThirtySlotsFreedOneByOneOrAll)
     EXPECT_EQ(ImgTrackedCount(), 0);
 }
 
-/* ==== the bitmap name ==== */
-
 // Our hardening: an over-long text keeps 199 characters plus the terminator,
 // an over-long date 39 (copied with a length check); those lengths fit whole.
-TEST_F(BitmapName, OverLongTextsAreTruncated)
+TEST_F(Io, BitmapNameOverLongTextsAreTruncated)
 {
     for (auto [textLength, dateLength] : {std::pair<size_t, size_t>{300, 100}, {199, 39}}) {
         SCOPED_TRACE(textLength);
@@ -313,14 +285,10 @@ TEST_F(BitmapName, OverLongTextsAreTruncated)
     }
 }
 
-// ---- read-ahead (ours): the TIFF reader's block of a file's reads ----
-
-class ReadAhead : public TrnwTest {};
-
 // A random walk of seeks and reads gives, through the read-ahead block, the
 // same results and bytes as the same calls on a second, plain handle; the
 // expected bytes are the file's own.
-TEST_F(ReadAhead, ReadsAndSeeksMatchPlainHandle)
+TEST_F(Io, ReadAheadReadsAndSeeksMatchPlainHandle)
 {
     std::string path = TempPath("readahead.bin");
     std::vector<uint8_t> bytes = Pattern(300000, 7); // several 64 KB blocks

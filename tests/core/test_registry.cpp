@@ -6,7 +6,6 @@
 #include <cctype>
 #include <tuple>
 
-
 namespace {
 
 const int kMem = IMG_MEMORY_HANDLE;
@@ -70,8 +69,6 @@ void Append(Bytes &bytes, const Bytes &more)
     std::copy(more.begin(), more.end(), bytes.begin() + (std::ptrdiff_t)at);
 }
 
-// ---- TIFF building ----
-
 struct Entry {
     uint16_t tag, type;
     uint32_t count, value; // value: in the field (BYTE, SHORT, LONG) or an offset
@@ -118,8 +115,6 @@ Bytes TiffWithCompression(bool be, uint32_t compression, int t4 = -1)
         entries.push_back({292, TIFF_LONG, 1, (uint32_t)t4});
     return MakeTiff(be, entries, 8, kLong);
 }
-
-// ---- BMP and GIF building ----
 
 Bytes MakeBmp(uint32_t compression)
 {

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <functional>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -168,13 +169,10 @@ TEST_F(Save, HeaderCopyCarriesCropSizeDepthPaletteResolution)
         ASSERT_EQ(probeCalls, 1);
         BITMAPINFOHEADER hd;
         std::memcpy(&hd, probeHeader.data(), 40);
-        EXPECT_EQ(hd.biSize, 40u);
-        EXPECT_EQ(hd.biWidth, 10);  // the crop width
-        EXPECT_EQ(hd.biHeight, 7);  // the crop height
-        EXPECT_EQ(hd.biBitCount, 8);
-        EXPECT_EQ(hd.biXPelsPerMeter, 300); // dots per inch
-        EXPECT_EQ(hd.biYPelsPerMeter, 200);
-        EXPECT_EQ(hd.biClrUsed, 0u); // no transparent colour
+        // The crop's size, the image's depth, dots per inch, no transparent colour.
+        using H = std::tuple<uint32_t, int32_t, int32_t, uint16_t, int32_t, int32_t, uint32_t>;
+        EXPECT_EQ(H(hd.biSize, hd.biWidth, hd.biHeight, hd.biBitCount, hd.biXPelsPerMeter, hd.biYPelsPerMeter, hd.biClrUsed),
+                  H(40, 10, 7, 8, 300, 200, 0));
         EXPECT_EQ(std::vector<uint8_t>(probeHeader.begin() + 40, probeHeader.begin() + 40 + 1024), ImagePalette(h));
     }
     RegistrySetWriterForTest(IMG_TYPE_WPG, previous);
@@ -200,7 +198,7 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
             }
             ASSERT_EQ(IMG_set_croprect(h, 2, 1, 15, 6), 0);
             ImgDescriptor *d = ImgTableGet(h);
-            const ImgDescriptor before = *d;
+            uint8_t *const block = d->dib;
             const std::vector<uint8_t> dib(d->dib, d->dib + d->dibSize), palette = ImagePalette(h);
             int32_t result = -99;
             Bmp bmp = file ? SaveToFile(h, &result) : SaveToMemory(h, &result);
@@ -211,11 +209,8 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
             if (c.bits == 8) {
                 std::vector<uint8_t> saved = bmp.Palette();
                 ASSERT_EQ(saved.size(), 1024u);
-                for (size_t i = 0; i < 1024; i++) {
-                    if (i % 4 != 3) {
-                        ASSERT_EQ(saved[i], table[palette[i]]) << "palette byte " << i;
-                    }
-                }
+                for (size_t i = 0; i < 1024; i++)
+                    ASSERT_EQ(saved[i], i % 4 == 3 ? palette[i] : table[palette[i]]) << "palette byte " << i;
                 ExpectPixels(bmp, 8, 2, 1, 15, 6);
             } else {
                 for (int32_t y = 0; y < 6; y++)
@@ -225,12 +220,10 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
             }
             d = ImgTableGet(h);
             EXPECT_EQ(std::vector<uint8_t>(d->dib, d->dib + d->dibSize), dib);
-            EXPECT_EQ(d->dib, before.dib);
-            EXPECT_EQ(d->gamma, before.gamma);
-            EXPECT_EQ(d->contrast, c.contrast);
-            EXPECT_EQ(d->brightness, c.brightness);
-            EXPECT_EQ(d->codedRows, 0);
-            EXPECT_EQ(d->cropWidth, 15);
+            EXPECT_EQ(d->dib, block);
+            EXPECT_EQ(d->gamma, c.gamma ? (uint32_t)c.gamma : 150u);
+            using S = std::tuple<int32_t, int32_t, int32_t, int32_t>;
+            EXPECT_EQ(S(d->contrast, d->brightness, d->codedRows, d->cropWidth), S(c.contrast, c.brightness, 0, 15));
             IMG_delete_bitmap(h);
         }
     }
