@@ -229,22 +229,24 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
     }
 }
 
-// A 10 x 10 crop at 5, 5 saves exactly those pixels at every depth where the
-// offset is exact, and from a run-coded 1-bit image; the resolution becomes
-// pixels per metre (300 dpi * 39.37 + 0.5 = 11811).
+// A 10 x 10 crop at 5, 5 saves exactly those pixels where the offset is
+// exact and from a run-coded 1-bit image (-1 below); plain 1- and 4-bit rows
+// start at the offset rounded up to a whole byte (column 8 or 6).  The
+// resolution becomes pixels per metre (300 dpi * 39.37 + 0.5 = 11811).
 TEST_F(Save, CropSavesExactlyItsPixels)
 {
-    for (int bits : {8, 16, 24, 32, 1}) {
-        SCOPED_TRACE(bits);
+    for (int depth : {8, 16, 24, 32, -1, 1, 4}) {
+        SCOPED_TRACE(depth);
+        const int bits = depth < 0 ? 1 : depth;
         int32_t h = NewPicture(24, 20, bits);
-        if (bits == 1) {
+        if (depth < 0) {
             ASSERT_EQ(IMG_dib_to_runs(h), 0);
         }
         ASSERT_EQ(IMG_set_croprect(h, 5, 5, 10, 10), 0);
         int32_t result = -99;
         Bmp bmp = SaveToFile(h, &result);
         ASSERT_EQ(result, 0);
-        ExpectPixels(bmp, bits, 5, 5, 10, 10);
+        ExpectPixels(bmp, bits, depth == 1 ? 8 : depth == 4 ? 6 : 5, 5, 10, 10);
         EXPECT_EQ(bmp.xRes, 11811);
         EXPECT_EQ(bmp.yRes, 7874);
         IMG_delete_bitmap(h);
@@ -390,6 +392,9 @@ TEST_F(Save, RefusedSavesWriteNothing)
             std::remove(path.c_str());
         }
     }
+    ASSERT_EQ(IMG_set_croprect(1, 1, 0, 19, 20), 0);
+    ImgTableGet(1)->cropWidth = 20; // past the right edge, which IMG_set_croprect never stores
+    EXPECT_EQ(IMG_save_bitmap_mem_size(1, block.p, 4096, IMG_TYPE_BMP), IMG_ERR_TYPE);
     EXPECT_EQ(ImgFileSize(fd), 0);
     EXPECT_EQ(std::vector<uint8_t>(block.p, block.p + 4096), std::vector<uint8_t>(4096, 0xEE));
     ImgClose(fd);
