@@ -165,7 +165,7 @@ TEST_F(DecodePipeline, PlainImageTakesTheReadersGeometryAndPalette)
     EXPECT_EQ(GetLE32(d->dib + 20), 48u);  // biSizeImage
     EXPECT_EQ(GetLE32(d->dib + 24), 300u); // dots per inch, as handed over
     ExpectRows(h, source, 8, 10, 4);
-    IMG_set_statusbar(0, nullptr, 0); // off: the callback is kept but not called
+    IMG_set_statusbar(0, nullptr, 0); // off: the callback stays registered but is not called
     statusCalls = 0;
     ASSERT_GE(Decode(), 0);
     EXPECT_EQ(statusCalls, 0);

@@ -169,7 +169,7 @@ void FillPattern(TestDib &dib)
 }
 
 // Rows read back from the run-coded store and from the plain block it turns
-// back into are the original rows (padding bits stay 1).
+// back into are the rows it started from (padding bits stay 1).
 TEST_F(CodedStore, DibToRunsAndBack)
 {
     TestDib dib(203, 37, 1);
@@ -184,7 +184,7 @@ TEST_F(CodedStore, DibToRunsAndBack)
     ASSERT_NE(d->rowIndex, nullptr);
     EXPECT_EQ(d->rowIndex[0], 0u);
     EXPECT_EQ(GetLE32(d->dib + 16), 99u); // biCompression
-    EXPECT_EQ(0, std::memcmp(d->dib + 40, original.data() + 40, 8)); // palette kept
+    EXPECT_EQ(0, std::memcmp(d->dib + 40, original.data() + 40, 8)); // palette unchanged
     std::vector<uint8_t> row(stride);
     for (int32_t r = 0; r < 37; r++) {
         ASSERT_EQ(IMGLOW_get_raster(h, row.data(), r, 0), 0);
