@@ -5,7 +5,7 @@
 
 #include <functional>
 #include <random>
-
+#include <tuple>
 
 namespace {
 
@@ -20,8 +20,6 @@ class DecodePipeline : public TrnwTest {
         TrnwTest::TearDown();
     }
 };
-
-// ---- a scriptable test reader ----
 
 struct Script {
     std::vector<uint8_t> header; // 40 bytes + palette
@@ -79,50 +77,26 @@ std::vector<uint8_t> Row(int32_t handle, int32_t row)
     return buffer;
 }
 
-bool Pixel1(const std::vector<uint8_t> &row, int x) { return (row[(size_t)x >> 3] >> (7 - (x & 7))) & 1; }
-
-// An 8-bit source whose pixel (x, y) is (x * 3 + y * 7) & 0xFF.
-uint8_t Value8(int x, int y) { return (uint8_t)(x * 3 + y * 7); }
-
-std::function<int(ImgRowSink, void *)> Rows8(int32_t width, int32_t height, bool bottomFirst = false)
+// Random packed rows, top first.
+using Rows = std::vector<std::vector<uint8_t>>;
+Rows Source(int32_t width, int32_t height, int bits)
 {
-    return [=](ImgRowSink sink, void *context) {
-        std::vector<uint8_t> row((size_t)Stride(width, 8));
-        for (int32_t i = 0; i < height; i++) {
-            int32_t y = bottomFirst ? height - 1 - i : i;
-            for (int32_t x = 0; x < width; x++)
-                row[(size_t)x] = Value8(x, y);
-            int r = sink(row.data(), context, y, (int)row.size());
-            if (r < 0)
-                return r;
-        }
-        return 0;
-    };
+    std::mt19937 random((unsigned)(width * 31 + bits));
+    Rows rows((size_t)height, std::vector<uint8_t>((size_t)Stride(width, bits)));
+    for (auto &row : rows)
+        for (auto &b : row)
+            b = (uint8_t)random();
+    return rows;
 }
 
-// A 1-bit picture: pixel (x, y) is 0 (black) when (x * 5 + y * 3) % 13 < 5.
-bool Black(int x, int y) { return (x * 5 + y * 3) % 13 < 5; }
-
-std::vector<uint8_t> PackedRow1(int32_t width, int32_t y)
-{
-    std::vector<uint8_t> row((size_t)Stride(width, 1), 0xFF);
-    for (int32_t x = 0; x < width; x++)
-        if (Black(x, y))
-            row[(size_t)x >> 3] &= (uint8_t)~(0x80 >> (x & 7));
-    return row;
-}
-
-// The same row as a run record in the one-dimensional decoder's form
-// (changes, then the width three times; +2 when the length equals (w+7)/8).
-std::vector<uint16_t> RecordRow1(int32_t width, int32_t y)
+// A 1-bit row as a run record in the one-dimensional decoder's form (changes,
+// then the width three times; +2 when the length equals (width + 7) / 8).
+std::vector<uint16_t> Record(const std::vector<uint8_t> &row, int32_t width)
 {
     std::vector<uint16_t> record = {0};
-    bool colour = true;
     for (int32_t x = 0; x < width; x++)
-        if (!Black(x, y) != colour) {
+        if (RowPixel(row.data(), x, 1) != (record.size() % 2 ? 1u : 0u))
             record.push_back((uint16_t)x);
-            colour = !colour;
-        }
     record.insert(record.end(), {(uint16_t)width, (uint16_t)width, (uint16_t)width});
     record[0] = (uint16_t)(record.size() * 2);
     if (record[0] == (width + 7) / 8)
@@ -130,23 +104,14 @@ std::vector<uint16_t> RecordRow1(int32_t width, int32_t y)
     return record;
 }
 
-std::function<int(ImgRowSink, void *)> Rows1(int32_t width, int32_t height, bool asRecords,
-                                              std::vector<int32_t> order = {})
+// Hands the rows over in order, packed or as run records.
+std::function<int(ImgRowSink, void *)> Feed(const Rows &rows, int32_t width, bool asRecords = false)
 {
-    if (order.empty())
-        for (int32_t y = 0; y < height; y++)
-            order.push_back(y);
-    return [=](ImgRowSink sink, void *context) {
-        for (int32_t y : order) {
-            int r;
-            if (asRecords) {
-                std::vector<uint16_t> record = RecordRow1(width, y);
-                r = sink(reinterpret_cast<const uint8_t *>(record.data()), context, y,
-                         (int)(record.size() * 2));
-            } else {
-                std::vector<uint8_t> row = PackedRow1(width, y);
-                r = sink(row.data(), context, y, (int)row.size());
-            }
+    return [rows, width, asRecords](ImgRowSink sink, void *context) {
+        for (int32_t y = 0; y < (int32_t)rows.size(); y++) {
+            std::vector<uint16_t> record = asRecords ? Record(rows[(size_t)y], width) : std::vector<uint16_t>();
+            int r = asRecords ? sink(reinterpret_cast<const uint8_t *>(record.data()), context, y, (int)record.size() * 2)
+                              : sink(rows[(size_t)y].data(), context, y, (int)rows[(size_t)y].size());
             if (r < 0)
                 return r;
         }
@@ -154,42 +119,56 @@ std::function<int(ImgRowSink, void *)> Rows1(int32_t width, int32_t height, bool
     };
 }
 
-void ExpectPicture1(int32_t handle, int32_t width, int32_t height, int32_t x0 = 0, int32_t y0 = 0)
+// The image is w x h and its pixel (x, y) is the source's (x0 + x * stepX, y0 + y * stepY).
+void ExpectRows(int32_t handle, const Rows &rows, int bits, int32_t w, int32_t h, int32_t x0 = 0, int32_t y0 = 0,
+                int32_t stepX = 1, int32_t stepY = 1)
 {
-    for (int32_t y = 0; y < height; y++) {
+    ASSERT_EQ(ImgTableGet(handle)->width, w);
+    ASSERT_EQ(ImgTableGet(handle)->height, h);
+    for (int32_t y = 0; y < h; y++) {
         std::vector<uint8_t> row = Row(handle, y);
-        for (int32_t x = 0; x < width; x++)
-            ASSERT_EQ(Pixel1(row, x), !Black(x + x0, y + y0)) << "pixel " << x << "," << y;
+        for (int32_t x = 0; x < w; x++)
+            ASSERT_EQ(RowPixel(row.data(), x, bits), RowPixel(rows[(size_t)(y0 + y * stepY)].data(), x0 + x * stepX, bits))
+                << "pixel " << x << "," << y;
     }
 }
 
-// ---- the header sink ----
+int32_t statusCalls, statusTotal, statusValueSeen;
+extern "C" int32_t IMGAPI Status(int32_t value, int32_t total)
+{
+    statusCalls++;
+    statusValueSeen = value;
+    statusTotal = total;
+    return 0;
+}
 
+// A plain image takes the reader's geometry and palette, the default settings
+// and its rows; the status callback is called once per row with the total row
+// count, and not at all once switched off.
 TEST_F(DecodePipeline, PlainImageTakesTheReadersGeometryAndPalette)
 {
-    script = {Header(10, 4, 8), Rows8(10, 4)};
+    statusCalls = 0;
+    IMG_set_statusbar(77, Status, 1);
+    Rows source = Source(10, 4, 8);
+    script = {Header(10, 4, 8), Feed(source, 10)};
     int32_t h = Decode();
     ASSERT_GE(h, 0);
+    EXPECT_EQ(std::make_tuple(statusCalls, statusTotal, statusValueSeen), std::make_tuple(4, 4, 77));
     const ImgDescriptor *d = ImgTableGet(h);
-    EXPECT_EQ(d->width, 10);
-    EXPECT_EQ(d->height, 4);
-    EXPECT_EQ(d->stride, 12);
-    EXPECT_EQ(d->codedRows, 0);
+    using T = std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t>;
+    EXPECT_EQ(T(d->stride, d->codedRows, d->lastReducedRow, d->cropWidth, d->cropHeight), T(12, 0, -1, 10, 4));
     EXPECT_EQ(d->gamma, 150u);
     EXPECT_EQ(d->rasterOp, 0x00CC0020u);
-    EXPECT_EQ(d->lastReducedRow, -1);
-    EXPECT_EQ(d->cropWidth, 10);
-    EXPECT_EQ(d->cropHeight, 4);
     // total = stride * H rounded up to 4 + palette + 40 = 12 * 4 + 1024 + 40.
     EXPECT_EQ(d->dibSize, 48u + 1024u + 40u);
     EXPECT_EQ(0, std::memcmp(d->dib + 40, script.header.data() + 40, 1024));
-    BITMAPINFOHEADER out;
-    std::memcpy(&out, d->dib, 40);
-    EXPECT_EQ(out.biSizeImage, 48u);
-    EXPECT_EQ(out.biXPelsPerMeter, 300); // dots per inch, as handed over
-    for (int32_t y = 0; y < 4; y++)
-        for (int32_t x = 0; x < 10; x++)
-            ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x, y));
+    EXPECT_EQ(GetLE32(d->dib + 20), 48u);  // biSizeImage
+    EXPECT_EQ(GetLE32(d->dib + 24), 300u); // dots per inch, as handed over
+    ExpectRows(h, source, 8, 10, 4);
+    IMG_set_statusbar(0, nullptr, 0); // off: the callback stays registered but is not called
+    statusCalls = 0;
+    ASSERT_GE(Decode(), 0);
+    EXPECT_EQ(statusCalls, 0);
 }
 
 TEST_F(DecodePipeline, BilevelImageIsRunCoded)
@@ -201,181 +180,69 @@ TEST_F(DecodePipeline, BilevelImageIsRunCoded)
     const ImgDescriptor *d = ImgTableGet(h);
     EXPECT_EQ(d->codedRows, 1);
     EXPECT_NE(d->rowIndex, nullptr);
-    BITMAPINFOHEADER out;
-    std::memcpy(&out, d->dib, 40);
-    EXPECT_EQ(out.biCompression, 99u);
+    EXPECT_EQ(GetLE32(d->dib + 16), 99u); // biCompression
     EXPECT_GE(d->dibSize, 110u); // 110, or more after the white rows were stored
     EXPECT_EQ(Row(h, 49), std::vector<uint8_t>(16, 0xFF)); // rows never delivered are white
 }
 
-int32_t statusCalls, statusTotal, statusValueSeen, statusAnswer;
-extern "C" int32_t IMGAPI Status(int32_t value, int32_t total)
-{
-    statusCalls++;
-    statusValueSeen = value;
-    statusTotal = total;
-    return statusAnswer;
-}
-
-TEST_F(DecodePipeline, StatusCallbackGetsTheTotalOnEveryRow)
-{
-    statusCalls = 0;
-    statusAnswer = 0;
-    IMG_set_statusbar(77, Status, 1);
-    script = {Header(10, 6, 8), Rows8(10, 6)};
-    ASSERT_GE(Decode(), 0);
-    EXPECT_EQ(statusCalls, 6);
-    EXPECT_EQ(statusTotal, 6); // the total row count, not the row number
-    EXPECT_EQ(statusValueSeen, 77);
-    IMG_set_statusbar(0, nullptr, 0); // off: the callback is kept but not called
-    statusCalls = 0;
-    ASSERT_GE(Decode(), 0);
-    EXPECT_EQ(statusCalls, 0);
-}
-
+// Rows outside the image and run records of odd length are refused.
 TEST_F(DecodePipeline, HostileRowsAreRefused)
 {
-    script = {Header(10, 4, 8), [](ImgRowSink sink, void *c) {
-                  uint8_t row[12] = {};
-                  return sink(row, c, 4, 12); // beyond the last row
-              }};
-    EXPECT_EQ(Decode(), IMG_ERR_INVALID);
-    script = {Header(10, 4, 8), [](ImgRowSink sink, void *c) {
-                  uint8_t row[12] = {};
-                  return sink(row, c, -1, 12);
-              }};
-    EXPECT_EQ(Decode(), IMG_ERR_INVALID);
-    script = {Header(40, 4, 1), [](ImgRowSink sink, void *c) {
-                  uint8_t row[7] = {7, 0, 40, 0, 40, 0, 40};
-                  return sink(row, c, 0, 7); // odd: not a run record
-              }};
-    EXPECT_EQ(Decode(), IMG_ERR_INVALID);
+    for (auto [bits, index, length] : {std::tuple<int, int, int>{8, 4, 12}, {8, -1, 12}, {1, 0, 7}}) {
+        SCOPED_TRACE(index);
+        script = {Header(bits == 1 ? 40 : 10, 4, bits), [index = index, length = length](ImgRowSink sink, void *c) {
+                      uint8_t row[12] = {7, 0, 40, 0, 40, 0, 40};
+                      return sink(row, c, index, length);
+                  }};
+        EXPECT_EQ(Decode(), IMG_ERR_INVALID);
+    }
     EXPECT_EQ(ImgTableCount(), 0);
 }
 
-// ---- row order and run-coded storage ----
-
-TEST_F(DecodePipeline, BilevelRowsAsPackedRowsOrRecordsGiveTheSamePicture)
+// Packed rows and run records give the same picture, whole or cut to a
+// sub-rectangle (records cut at any column keep their colours in step).
+TEST_F(DecodePipeline, RowsWholeOrCutToASubRectangle)
 {
-    for (bool records : {false, true}) {
-        SCOPED_TRACE(records);
-        script = {Header(203, 31, 1), Rows1(203, 31, records)};
+    struct Case {
+        int bits;
+        bool records;
+        int32_t w, h, rect[4]; // x, y, width, height; width 0: the whole image
+    } cases[] = {{1, false, 203, 31, {0, 0, 0, 0}}, {1, true, 203, 31, {0, 0, 0, 0}}, {8, false, 20, 10, {5, 2, 8, 4}},
+                 {1, true, 203, 31, {0, 3, 90, 20}}, {1, true, 203, 31, {7, 3, 90, 20}},
+                 {1, true, 203, 31, {13, 3, 90, 20}}, {1, true, 203, 31, {64, 3, 90, 20}}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.bits) + (c.records ? " records" : " rows") + " at " + std::to_string(c.rect[0]));
+        IMGLOW_set_decomp_rect(c.rect[0], c.rect[1], c.rect[2], c.rect[3]);
+        Rows source = Source(c.w, c.h, c.bits);
+        script = {Header(c.w, c.h, c.bits), Feed(source, c.w, c.records)};
         int32_t h = Decode();
         ASSERT_GE(h, 0);
-        ExpectPicture1(h, 203, 31);
+        ExpectRows(h, source, c.bits, c.rect[2] ? c.rect[2] : c.w, c.rect[2] ? c.rect[3] : c.h, c.rect[0], c.rect[1]);
         IMG_delete_bitmap(h);
     }
 }
 
-TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourceRowOfEachDestinationRow)
+// A fixed size takes the first source row of each destination row and the
+// columns by the step (width << 16) / new width: 9 -> 3 columns (step 3.0),
+// 6 -> 2 rows (rows 0 and 3) at every depth, 1000 x 800 -> 100 x 100 (rows
+// 0, 8, 16, ..., columns 0, 10, 20, ...).
+TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourcePixelOfEachDestinationPixel)
 {
-    // 1000 x 800 to 100 x 100: destination row = row * 100 / 800, so source
-    // rows 0, 8, 16, ...; columns by the step (1000 << 16) / 100 = 10.0.
-    IMGLOW_set_decompsize(100, 100);
-    script = {Header(1000, 800, 8), Rows8(1000, 800)};
-    int32_t h = Decode();
-    ASSERT_GE(h, 0);
-    const ImgDescriptor *d = ImgTableGet(h);
-    EXPECT_EQ(d->width, 100);
-    EXPECT_EQ(d->height, 100);
-    EXPECT_EQ(d->lastReducedRow, 99);
-    for (int32_t y = 0; y < 100; y++) {
-        std::vector<uint8_t> row = Row(h, y);
-        for (int32_t x = 0; x < 100; x++)
-            ASSERT_EQ(row[(size_t)x], Value8(x * 10, y * 8)) << x << "," << y;
-    }
-}
-
-TEST_F(DecodePipeline, FixedSizeReducesEachDepth)
-{
-    // 9 -> 3 columns (step 3.0), 6 -> 2 rows (rows 0 and 3).
-    IMGLOW_set_decompsize(3, 2);
-    for (int bits : {1, 4, 24}) {
-        SCOPED_TRACE(bits);
-        std::vector<std::vector<uint8_t>> source;
-        std::mt19937 random((unsigned)bits);
-        for (int y = 0; y < 6; y++) {
-            std::vector<uint8_t> row((size_t)Stride(9, bits));
-            for (auto &b : row)
-                b = (uint8_t)random();
-            source.push_back(row);
-        }
-        script = {Header(9, 6, bits), [&](ImgRowSink sink, void *c) {
-                      for (int y = 0; y < 6; y++)
-                          if (int r = sink(source[(size_t)y].data(), c, y, (int)source[(size_t)y].size()))
-                              return r;
-                      return 0;
-                  }};
+    struct Case {
+        int bits;
+        int32_t w, h, newW, newH;
+    } cases[] = {{1, 9, 6, 3, 2}, {4, 9, 6, 3, 2}, {8, 9, 6, 3, 2}, {24, 9, 6, 3, 2}, {8, 1000, 800, 100, 100}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.bits) + " bits, " + std::to_string(c.w) + " wide");
+        IMGLOW_set_decompsize(c.newW, c.newH);
+        Rows source = Source(c.w, c.h, c.bits);
+        script = {Header(c.w, c.h, c.bits), Feed(source, c.w)};
         int32_t h = Decode();
         ASSERT_GE(h, 0);
-        for (int y = 0; y < 2; y++) {
-            std::vector<uint8_t> row = Row(h, y);
-            const std::vector<uint8_t> &from = source[(size_t)y * 3];
-            for (int x = 0; x < 3; x++) {
-                int sx = x * 3;
-                if (bits == 1)
-                    EXPECT_EQ(Pixel1(row, x), Pixel1(from, sx));
-                else if (bits == 4)
-                    EXPECT_EQ((row[(size_t)x / 2] >> (x & 1 ? 0 : 4)) & 15, (from[(size_t)sx / 2] >> (sx & 1 ? 0 : 4)) & 15);
-                else
-                    EXPECT_EQ(0, std::memcmp(&row[3 * (size_t)x], &from[3 * (size_t)sx], 3));
-            }
-        }
+        EXPECT_EQ(ImgTableGet(h)->lastReducedRow, c.newH - 1);
+        ExpectRows(h, source, c.bits, c.newW, c.newH, 0, 0, c.w / c.newW, c.h / c.newH);
         IMG_delete_bitmap(h);
     }
-}
-
-// ---- sub-rectangle ----
-
-TEST_F(DecodePipeline, SubRectangleOfPlainRows)
-{
-    // 20 x 10, rectangle at 5, 2 of 8 x 4: 8 - 5 < 20 and 4 - 2 < 10.
-    IMGLOW_set_decomp_rect(5, 2, 8, 4);
-    script = {Header(20, 10, 8), Rows8(20, 10)};
-    int32_t h = Decode();
-    ASSERT_GE(h, 0);
-    EXPECT_EQ(ImgTableGet(h)->width, 8);
-    EXPECT_EQ(ImgTableGet(h)->height, 4);
-    for (int32_t y = 0; y < 4; y++)
-        for (int32_t x = 0; x < 8; x++)
-            ASSERT_EQ(Row(h, y)[(size_t)x], Value8(x + 5, y + 2));
-}
-
-TEST_F(DecodePipeline, SubRectangleOfRunRecordsKeepsColoursInStep)
-{
-    for (int32_t left : {0, 7, 13, 64}) {
-        SCOPED_TRACE(left);
-        IMGLOW_set_decomp_rect(left, 3, 90, 20);
-        script = {Header(203, 31, 1), Rows1(203, 31, true)};
-        int32_t h = Decode();
-        ASSERT_GE(h, 0);
-        ASSERT_EQ(ImgTableGet(h)->width, 90);
-        ASSERT_EQ(ImgTableGet(h)->height, 20);
-        ExpectPicture1(h, 90, 20, left, 3);
-        IMG_delete_bitmap(h);
-    }
-}
-
-// Caller I/O serves a decode from the memory image (handle 32767).
-std::vector<uint8_t> callerFile;
-uint32_t callerPosition;
-int32_t callerReads, callerSeeks;
-extern "C" int32_t IMGCDECL CallerRead(int32_t handle, void *buffer, int32_t count)
-{
-    EXPECT_EQ(handle, IMG_MEMORY_HANDLE);
-    callerReads++;
-    int32_t n = 0;
-    while (n < count && callerPosition < callerFile.size())
-        static_cast<uint8_t *>(buffer)[n++] = callerFile[callerPosition++];
-    return n;
-}
-extern "C" int32_t IMGCDECL CallerSeek(int32_t handle, int32_t offset, int32_t whence)
-{
-    EXPECT_EQ(handle, IMG_MEMORY_HANDLE);
-    callerSeeks++;
-    int64_t base = whence == 0 ? 0 : whence == 1 ? callerPosition : (int64_t)callerFile.size();
-    callerPosition = (uint32_t)(base + offset);
-    return (int32_t)callerPosition;
 }
 
 TEST_F(DecodePipeline, CreateHandleShell)

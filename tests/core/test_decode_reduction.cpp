@@ -2,6 +2,7 @@
 // with IMGLOW_set_decomp_reduction, against a pixel-at-a-time model.
 #include "support/support.h"
 
+#include <functional>
 #include <random>
 
 namespace {
@@ -52,90 +53,60 @@ class DecodeReduction : public TrnwTest {
     {
         std::vector<uint8_t> row((size_t)ImgTableGet(handle)->stride);
         EXPECT_EQ(IMGLOW_get_raster(handle, row.data(), y, 0), 0);
-        if (bits == 1)
-            return (row[x / 8] >> (7 - x % 8)) & 1;
-        if (bits == 4)
-            return x % 2 ? row[x / 2] & 15 : row[x / 2] >> 4;
-        return row[x];
+        return (int)RowPixel(row.data(), x, bits);
     }
 };
 
 } // namespace
 
-TEST_F(DecodeReduction, EightFromTwentyFourBitsGivesThe332Palette)
-{
-    const int w = 13, h = 11;
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(w, h, 24, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(8), 0);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    ASSERT_GE(handle, 0);
-    ImgDescriptor *d = ImgTableGet(handle);
-    EXPECT_EQ(ImgDescriptorBits(d), 8);
-    EXPECT_EQ(d->stride, 16);
-    EXPECT_GE(d->dibSize, 40u + 1024u + 16u * h);
-    for (int i = 0; i < 256; i++) {
-        EXPECT_EQ(d->dib[40 + 4 * i], (i & 3) * 255 / 3);
-        EXPECT_EQ(d->dib[41 + 4 * i], ((i >> 2) & 7) * 255 / 7);
-        EXPECT_EQ(d->dib[42 + 4 * i], ((i >> 5) & 7) * 255 / 7);
-    }
-    // The ordered 3-3-2 routine, matrix row rowIndex & 7 (rowIndex 0 = top),
-    // entry (n - x) & 7, d = entry >> 3 taken off each component.
-    for (int y = 0; y < h; y++)
-        for (int x = 0; x < w; x++) {
-            auto c = pixels[y * w + x];
-            int dd = kBayer[(y & 7) * 8 + ((w - x) & 7)] >> 3;
-            int b = std::max(c[0] - dd, 0), g = std::max(c[1] - dd, 0), r = std::max(c[2] - dd, 0);
-            EXPECT_EQ(Pixel(handle, y, x, 8), (r & 0xE0) | ((g >> 3) & 0x1C) | (b >> 6)) << y << "," << x;
-        }
-    std::remove(path.c_str());
-}
+using Bgr = std::array<int, 3>;
 
-TEST_F(DecodeReduction, FourFromEightBitsOrderedColourWithTheDitherPalette)
+// Each reduction against its model: 8 from 24 bits with the 3-3-2 palette
+// (ordered dither, matrix row y & 7, entry (width - x) & 7, entry >> 3 taken
+// off each component); 4 from 8 bits with the dither palette (200 for
+// entries 0-7, 255 for 8-15; a component above the threshold sets its bit,
+// the luminance less 40 above threshold + 40 sets bit 3); 1 from 24 bits,
+// run-coded, Bayer on the grey.
+TEST_F(DecodeReduction, EachDepthAgainstItsModel)
 {
-    const int w = 11, h = 9;
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(w, h, 8, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(4), 0);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    ASSERT_GE(handle, 0);
-    ImgDescriptor *d = ImgTableGet(handle);
-    EXPECT_EQ(ImgDescriptorBits(d), 4);
-    for (int i = 0; i < 16; i++) { // 200 for entries 0-7, 255 for 8-15
-        int v = i < 8 ? 200 : 255;
-        EXPECT_EQ(d->dib[40 + 4 * i], i & 4 ? v : 0);
-        EXPECT_EQ(d->dib[41 + 4 * i], i & 2 ? v : 0);
-        EXPECT_EQ(d->dib[42 + 4 * i], i & 1 ? v : 0);
+    struct Case {
+        int from, to, w, h;
+        std::function<Bgr(int)> entry;
+        std::function<int(Bgr, int, int, int)> pixel;
+    } cases[] = {
+        {24, 8, 13, 11, [](int i) { return Bgr{(i & 3) * 255 / 3, ((i >> 2) & 7) * 255 / 7, ((i >> 5) & 7) * 255 / 7}; },
+         [](Bgr c, int x, int y, int w) {
+             int d = kBayer[(y & 7) * 8 + ((w - x) & 7)] >> 3;
+             int b = std::max(c[0] - d, 0), g = std::max(c[1] - d, 0), r = std::max(c[2] - d, 0);
+             return (r & 0xE0) | ((g >> 3) & 0x1C) | (b >> 6);
+         }},
+        {8, 4, 11, 9, [](int i) { int v = i < 8 ? 200 : 255; return Bgr{i & 4 ? v : 0, i & 2 ? v : 0, i & 1 ? v : 0}; },
+         [](Bgr c, int x, int y, int) {
+             int l = std::max(((75 * c[1] + 38 * c[2] + 14 * c[0]) >> 7) - 40, 0);
+             int t = kBayer[(x & 7) * 8 + (y & 7)];
+             return (c[0] > t ? 4 : 0) | (c[1] > t ? 2 : 0) | (c[2] > t ? 1 : 0) | (l > t + 40 ? 8 : 0);
+         }},
+        {24, 1, 21, 10, [](int i) { return Bgr{255 * i, 255 * i, 255 * i}; },
+         [](Bgr c, int x, int y, int) { return kBayer[(x & 7) * 8 + (y & 7)] < (30 * c[2] + 59 * c[1] + 11 * c[0]) / 100 ? 1 : 0; }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.to) + " from " + std::to_string(c.from));
+        std::vector<Bgr> pixels;
+        std::string path = WriteRandom(c.w, c.h, c.from, pixels);
+        ASSERT_EQ(IMGLOW_set_decomp_reduction(c.to), 0);
+        int32_t handle = IMG_decompress_bitmap(path.c_str());
+        std::remove(path.c_str());
+        ASSERT_GE(handle, 0);
+        ImgDescriptor *d = ImgTableGet(handle);
+        ASSERT_EQ(ImgDescriptorBits(d), c.to);
+        EXPECT_EQ(d->codedRows, c.to == 1 ? 1 : 0);
+        EXPECT_EQ(d->stride, (int32_t)DibStride((uint32_t)c.w, c.to));
+        for (int i = 0; i < 1 << c.to; i++)
+            for (int k = 0; k < 3; k++)
+                EXPECT_EQ(d->dib[40 + 4 * i + k], c.entry(i)[(size_t)k]) << "entry " << i;
+        for (int y = 0; y < c.h; y++)
+            for (int x = 0; x < c.w; x++)
+                EXPECT_EQ(Pixel(handle, y, x, c.to), c.pixel(pixels[(size_t)(y * c.w + x)], x, y, c.w)) << x << "," << y;
+        IMG_delete_bitmap(handle);
     }
-    for (int y = 0; y < h; y++)
-        for (int x = 0; x < w; x++) {
-            auto c = pixels[y * w + x];
-            int l = std::max(((75 * c[1] + 38 * c[2] + 14 * c[0]) >> 7) - 40, 0);
-            int t = kBayer[(x & 7) * 8 + (y & 7)];
-            int expected = (c[0] > t ? 4 : 0) | (c[1] > t ? 2 : 0) | (c[2] > t ? 1 : 0) |
-                           (l > t + 40 ? 8 : 0);
-            EXPECT_EQ(Pixel(handle, y, x, 4), expected) << y << "," << x;
-        }
-    std::remove(path.c_str());
-}
-
-TEST_F(DecodeReduction, OneFromTwentyFourBitsIsRunCodedBayerMono)
-{
-    const int w = 21, h = 10;
-    std::vector<std::array<int, 3>> pixels;
-    std::string path = WriteRandom(w, h, 24, pixels);
-    ASSERT_EQ(IMGLOW_set_decomp_reduction(1), 0);
-    int32_t handle = IMG_decompress_bitmap(path.c_str());
-    ASSERT_GE(handle, 0);
-    ImgDescriptor *d = ImgTableGet(handle);
-    EXPECT_EQ(ImgDescriptorBits(d), 1);
-    EXPECT_EQ(d->codedRows, 1);
-    EXPECT_EQ(d->dib[44], 255); // entry 1 white
-    for (int y = 0; y < h; y++)
-        for (int x = 0; x < w; x++) {
-            auto c = pixels[y * w + x];
-            int g = (30 * c[2] + 59 * c[1] + 11 * c[0]) / 100;
-            EXPECT_EQ(Pixel(handle, y, x, 1), kBayer[(x & 7) * 8 + (y & 7)] < g ? 1 : 0);
-        }
-    std::remove(path.c_str());
 }

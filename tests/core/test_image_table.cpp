@@ -1,6 +1,8 @@
 /* The image table, the image descriptor and the raster accessors. */
 #include "support/support.h"
 
+#include <tuple>
+
 namespace {
 
 class ImageTable : public TrnwTest {};
@@ -9,42 +11,25 @@ class Accessors : public TrnwTest {};
 class Raster : public TrnwTest {};
 class CodedStore : public TrnwTest {};
 
-// ---- the table ----
-
-TEST_F(ImageTable, LowestFreeHandleIsReused)
+// The lowest free handle is used; a slot freed in the middle stays inside the
+// count and its handle is refused until reused; deleting the highest handle
+// shrinks the count past every trailing empty slot.
+TEST_F(ImageTable, HandlesAreReusedAndTheCountShrinks)
 {
-    EXPECT_EQ(NewImage(4, 4, 8), 0);
-    EXPECT_EQ(NewImage(4, 4, 8), 1);
-    EXPECT_EQ(NewImage(4, 4, 8), 2);
+    for (int32_t expected : {0, 1, 2})
+        ASSERT_EQ(NewImage(4, 4, 8), expected);
     EXPECT_EQ(IMG_delete_bitmap(1), 0);
-    EXPECT_EQ(ImgTableCount(), 3); // a slot freed in the middle stays inside tableCount
-    EXPECT_EQ(NewImage(4, 4, 8), 1);
     EXPECT_EQ(ImgTableCount(), 3);
-}
-
-TEST_F(ImageTable, DeletingHighestHandleShrinksPastEmptySlots)
-{
-    ASSERT_EQ(NewImage(4, 4, 8), 0);
-    ASSERT_EQ(NewImage(4, 4, 8), 1);
-    ASSERT_EQ(NewImage(4, 4, 8), 2);
-    ASSERT_EQ(IMG_delete_bitmap(1), 0);
-    ASSERT_EQ(ImgTableCount(), 3);
-    EXPECT_EQ(IMG_delete_bitmap(2), 0);
-    EXPECT_EQ(ImgTableCount(), 1); // both trailing empty slots go
-}
-
-TEST_F(ImageTable, InvalidHandlesGiveMinus13)
-{
-    ASSERT_EQ(NewImage(4, 4, 8), 0);
-    ASSERT_EQ(NewImage(4, 4, 8), 1);
-    ASSERT_EQ(NewImage(4, 4, 8), 2);
-    ASSERT_EQ(IMG_delete_bitmap(1), 0);
     int32_t w, h, b;
-    EXPECT_EQ(IMG_bitmap_info(-1, &w, &h, &b), IMG_ERR_HANDLE);
-    EXPECT_EQ(IMG_bitmap_info(ImgTableCount(), &w, &h, &b), IMG_ERR_HANDLE);
-    EXPECT_EQ(IMG_bitmap_info(1, &w, &h, &b), IMG_ERR_HANDLE); // deleted
+    for (int32_t bad : {-1, 1, 3})
+        EXPECT_EQ(IMG_bitmap_info(bad, &w, &h, &b), IMG_ERR_HANDLE) << bad;
     EXPECT_EQ(IMG_delete_bitmap(1), IMG_ERR_HANDLE);
     EXPECT_EQ(IMG_bitmap_info(0, &w, &h, &b), 0);
+    EXPECT_EQ(NewImage(4, 4, 8), 1);
+    EXPECT_EQ(ImgTableCount(), 3);
+    EXPECT_EQ(IMG_delete_bitmap(1), 0);
+    EXPECT_EQ(IMG_delete_bitmap(2), 0);
+    EXPECT_EQ(ImgTableCount(), 1); // both trailing empty slots go
 }
 
 TEST_F(ImageTable, EveryHandleFunctionValidates)
@@ -86,8 +71,6 @@ TEST_F(ImageTable, FailedGrowthKeepsExistingImages)
     EXPECT_EQ(w, 4);
 }
 
-// ---- IMG_create_handle_keep and the descriptor ----
-
 TEST_F(Descriptor, KeepSetsDefaults)
 {
     TestDib dib(100, 50, 8);
@@ -95,20 +78,12 @@ TEST_F(Descriptor, KeepSetsDefaults)
     ASSERT_EQ(h, 0);
     const ImgDescriptor *d = ImgTableGet(h);
     EXPECT_EQ(d->dib, dib.block); // adopted, not copied
-    EXPECT_EQ(d->cropX, 0);
-    EXPECT_EQ(d->cropY, 0);
-    EXPECT_EQ(d->cropWidth, 100);
-    EXPECT_EQ(d->cropHeight, 50);
+    using T = std::tuple<int32_t, int32_t, int32_t, int32_t>;
+    EXPECT_EQ(T(d->cropX, d->cropY, d->cropWidth, d->cropHeight), T(0, 0, 100, 50));
+    EXPECT_EQ(T(d->width, d->height, d->stride, d->displayAngle), T(100, 50, 100, 0));
+    EXPECT_EQ(T(d->brightness, d->contrast, d->codedRows, d->lastReducedRow), T(0, 0, 0, -1));
     EXPECT_EQ(d->rasterOp, 0x00CC0020u);
     EXPECT_EQ(d->gamma, 150u);
-    EXPECT_EQ(d->brightness, 0);
-    EXPECT_EQ(d->contrast, 0);
-    EXPECT_EQ(d->codedRows, 0);
-    EXPECT_EQ(d->lastReducedRow, -1);
-    EXPECT_EQ(d->displayAngle, 0);
-    EXPECT_EQ(d->width, 100);
-    EXPECT_EQ(d->height, 50);
-    EXPECT_EQ(d->stride, 100);
     EXPECT_EQ(d->dibSize, 1024u + 100u * 50u + 40u);
     EXPECT_EQ(d->hasTransparentColour, 0);
     EXPECT_EQ(IMG_delete_bitmap_keep(h), 0);
@@ -162,33 +137,24 @@ TEST_F(Accessors, NoPixelBlockGivesMinus1)
     ImgTableGet(h)->dib = dib;
 }
 
-// ---- raster rows, plain ----
-
+// Row 0 is the top row, stored last; a length of 0 means one stride; rows
+// and lengths outside the image are refused.
 TEST_F(Raster, RowZeroIsTheTopRowStoredLast)
 {
     int32_t h = NewImage(6, 3, 8);
     ImgDescriptor *d = ImgTableGet(h);
-    uint8_t row[8] = {1, 2, 3, 4, 5, 6, 0, 0};
-    EXPECT_EQ(IMGLOW_put_raster(h, row, 0, 0), 0); // 0 means one stride
+    uint8_t row[8] = {1, 2, 3, 4, 5, 6, 0, 0}, back[8] = {};
+    EXPECT_EQ(IMGLOW_put_raster(h, row, 0, 0), 0);
     EXPECT_EQ(0, std::memcmp(d->dib + 1064 + 2 * 8, row, 8)); // (height - 0 - 1) * stride
-    uint8_t back[8] = {};
     EXPECT_EQ(IMGLOW_get_raster(h, back, 0, 8), 0);
     EXPECT_EQ(0, std::memcmp(back, row, 8));
     EXPECT_EQ(IMGLOW_get_raster(h, back, 2, 0), 0);
     EXPECT_EQ(back[0], 0); // row 2 is the bottom row, still zero
+    EXPECT_EQ(IMGLOW_get_raster(h, back, -1, 0), IMG_ERR_TYPE);
+    EXPECT_EQ(IMGLOW_get_raster(h, back, 3, 0), IMG_ERR_TYPE);
+    EXPECT_EQ(IMGLOW_put_raster(h, back, 3, 0), IMG_ERR_TYPE);
+    EXPECT_EQ(IMGLOW_put_raster(h, back, 0, -4), IMG_ERR_TYPE);
 }
-
-TEST_F(Raster, RowsOutsideTheImageAreRefused)
-{
-    int32_t h = NewImage(4, 3, 8);
-    uint8_t row[4] = {};
-    EXPECT_EQ(IMGLOW_get_raster(h, row, -1, 0), IMG_ERR_TYPE);
-    EXPECT_EQ(IMGLOW_get_raster(h, row, 3, 0), IMG_ERR_TYPE);
-    EXPECT_EQ(IMGLOW_put_raster(h, row, 3, 0), IMG_ERR_TYPE);
-    EXPECT_EQ(IMGLOW_put_raster(h, row, 0, -4), IMG_ERR_TYPE);
-}
-
-// ---- run-coded images ----
 
 // A 1-bit picture with a known pattern: row r has 0-bits where (x * 7 + r * 3) % 11 < 4.
 void FillPattern(TestDib &dib)
@@ -202,42 +168,35 @@ void FillPattern(TestDib &dib)
     }
 }
 
-bool PixelOf(const uint8_t *row, int32_t x) { return (row[x >> 3] >> (7 - (x & 7))) & 1; }
-
+// Rows read back from the run-coded store and from the plain block it turns
+// back into are the rows it started from (padding bits stay 1).
 TEST_F(CodedStore, DibToRunsAndBack)
 {
     TestDib dib(203, 37, 1);
     FillPattern(dib);
-    std::vector<uint8_t> original(dib.block, dib.block + 48 + (size_t)dib.stride * 37);
+    const size_t stride = (size_t)dib.stride;
+    std::vector<uint8_t> original(dib.block, dib.block + 48 + stride * 37);
     int32_t h = IMG_create_handle_keep(dib.block);
     ASSERT_GE(h, 0);
     ASSERT_EQ(IMG_dib_to_runs(h), 0);
     ImgDescriptor *d = ImgTableGet(h);
     EXPECT_EQ(d->codedRows, 1);
-    EXPECT_NE(d->rowIndex, nullptr);
-    BITMAPINFOHEADER header;
-    std::memcpy(&header, d->dib, 40);
-    EXPECT_EQ(header.biCompression, 99u);
-    EXPECT_EQ(0, std::memcmp(d->dib + 40, original.data() + 40, 8)); // palette kept
+    ASSERT_NE(d->rowIndex, nullptr);
     EXPECT_EQ(d->rowIndex[0], 0u);
-    std::vector<uint8_t> row((size_t)dib.stride);
+    EXPECT_EQ(GetLE32(d->dib + 16), 99u); // biCompression
+    EXPECT_EQ(0, std::memcmp(d->dib + 40, original.data() + 40, 8)); // palette unchanged
+    std::vector<uint8_t> row(stride);
     for (int32_t r = 0; r < 37; r++) {
         ASSERT_EQ(IMGLOW_get_raster(h, row.data(), r, 0), 0);
-        for (int32_t x = 0; x < 203; x++)
-            ASSERT_EQ(PixelOf(row.data(), x), PixelOf(&original[48 + (size_t)(36 - r) * dib.stride], x))
-                << r << "," << x;
+        ASSERT_EQ(0, std::memcmp(row.data(), &original[48 + (size_t)(36 - r) * stride], stride)) << "row " << r;
     }
     ASSERT_EQ(IMG_runs_to_dib(h), 0);
     d = ImgTableGet(h);
     EXPECT_EQ(d->codedRows, 0);
     EXPECT_EQ(d->rowIndex, nullptr);
-    EXPECT_EQ(d->dibSize, 48u + (uint32_t)dib.stride * 37u);
-    std::memcpy(&header, d->dib, 40);
-    EXPECT_EQ(header.biCompression, 0u);
-    for (int32_t r = 0; r < 37; r++)
-        for (int32_t x = 0; x < 203; x++)
-            ASSERT_EQ(PixelOf(d->dib + 48 + (size_t)(36 - r) * dib.stride, x),
-                      PixelOf(&original[48 + (size_t)(36 - r) * dib.stride], x));
+    EXPECT_EQ(d->dibSize, 48u + (uint32_t)stride * 37u);
+    EXPECT_EQ(GetLE32(d->dib + 16), 0u);
+    EXPECT_EQ(0, std::memcmp(d->dib + 48, original.data() + 48, stride * 37));
     EXPECT_EQ(IMG_delete_bitmap_keep(h), 0); // the converted blocks are ours and are freed
 }
 
@@ -279,7 +238,7 @@ TEST_F(CodedStore, PutRasterRecodesOneRow)
     for (int32_t r = 0; r < 5; r++) {
         ASSERT_EQ(IMGLOW_get_raster(h, back.data(), r, 0), 0);
         for (int32_t x = 0; x < 100; x++)
-            ASSERT_EQ(PixelOf(back.data(), x), PixelOf(rows[r].data(), x)) << r << "," << x;
+            ASSERT_EQ(RowPixel(back.data(), x, 1), RowPixel(rows[r].data(), x, 1)) << r << "," << x;
     }
     // The store stays contiguous: each row starts where the previous one ends.
     const ImgDescriptor *d = ImgTableGet(h);

@@ -28,168 +28,79 @@ uint32_t MemoryImageSize()
     return size;
 }
 
-bool WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes)
-{
-    FILE *f = std::fopen(path.c_str(), "wb");
-    if (!f)
-        return false;
-    size_t n = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), f);
-    return std::fclose(f) == 0 && n == bytes.size();
-}
-
-std::vector<uint8_t> ReadFileBytes(const std::string &path)
-{
-    std::vector<uint8_t> bytes;
-    FILE *f = std::fopen(path.c_str(), "rb");
-    if (!f)
-        return bytes;
-    uint8_t chunk[4096];
-    size_t n;
-    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + n);
-    std::fclose(f);
-    return bytes;
-}
-
-bool FileExists(const std::string &path)
-{
-    FILE *f = std::fopen(path.c_str(), "rb");
-    if (!f)
-        return false;
-    std::fclose(f);
-    return true;
-}
-
-// The part of a path up to and including its last separator.
-size_t DirectoryLength(const char *path)
-{
-    const char *slash = std::strrchr(path, '/');
-    const char *back = std::strrchr(path, '\\');
-    const char *last = slash > back ? slash : back;
-    return last ? (size_t)(last - path) + 1 : 0;
-}
-
 } // namespace
 
 /* ---- caller I/O: recording functions of the C convention ---- */
 
-static int g_readCalls, g_writeCalls, g_seekCalls;
-static int32_t g_readHandle, g_readCount, g_writeHandle, g_writeCount;
-static int32_t g_seekHandle, g_seekOffset, g_seekWhence;
-static void *g_readBuffer, *g_writeBuffer;
-static int32_t g_readResult, g_writeResult, g_seekResult;
+// The last call of each kind: handle, buffer (or offset) and count (or whence).
+struct Call {
+    int calls = 0;
+    int32_t handle = -1, count = -1, result = 0;
+    const void *buffer = nullptr;
+    int32_t Record(int32_t h, const void *b, int32_t c)
+    {
+        calls++, handle = h, buffer = b, count = c;
+        return result;
+    }
+};
+static Call g_read, g_write, g_seek;
 
-extern "C" int32_t IMGCDECL RecordRead(int32_t handle, void *buffer, int32_t count)
+extern "C" int32_t IMGCDECL RecordRead(int32_t h, void *b, int32_t n) { return g_read.Record(h, b, n); }
+extern "C" int32_t IMGCDECL RecordWrite(int32_t h, void *b, int32_t n) { return g_write.Record(h, b, n); }
+extern "C" int32_t IMGCDECL RecordSeek(int32_t h, int32_t offset, int32_t whence)
 {
-    g_readCalls++;
-    g_readHandle = handle;
-    g_readBuffer = buffer;
-    g_readCount = count;
-    return g_readResult;
+    return g_seek.Record(h, reinterpret_cast<const void *>((intptr_t)offset), whence);
 }
 
-extern "C" int32_t IMGCDECL RecordWrite(int32_t handle, void *buffer, int32_t count)
-{
-    g_writeCalls++;
-    g_writeHandle = handle;
-    g_writeBuffer = buffer;
-    g_writeCount = count;
-    return g_writeResult;
-}
-
-extern "C" int32_t IMGCDECL RecordSeek(int32_t handle, int32_t offset, int32_t whence)
-{
-    g_seekCalls++;
-    g_seekHandle = handle;
-    g_seekOffset = offset;
-    g_seekWhence = whence;
-    return g_seekResult;
-}
-
-class MemoryImage : public TrnwTest {};
 class CallerIo : public TrnwTest {
   protected:
     void SetUp() override
     {
         TrnwTest::SetUp();
-        g_readCalls = g_writeCalls = g_seekCalls = 0;
-        g_readHandle = g_readCount = g_writeHandle = g_writeCount = -1;
-        g_seekHandle = g_seekOffset = g_seekWhence = -1;
-        g_readBuffer = g_writeBuffer = nullptr;
-        g_readResult = g_writeResult = g_seekResult = 0;
+        g_read = g_write = g_seek = Call();
     }
 };
 class Io : public TrnwTest {};
-class TempFile : public TrnwTest {};
-class Alloc : public TrnwTest {};
-class Tracked : public TrnwTest {};
-class BitmapName : public TrnwTest {};
 
-/* ==== the memory image ==== */
-
-// Edge case: 10 bytes at 95 of a 100-byte block give 5 and leave the position
-// at 100; a further read of 10 returns 10 and copies nothing.
-TEST_F(MemoryImage, ReadAtPosition95Of100ReturnsFiveThenClaimsTen)
+// Reads copy min(count, size - position) bytes and move the position; at or
+// past the end a read claims the whole count and copies nothing.  The size is
+// the allocator's block size, or the size given, even where more memory is
+// readable behind it; a whence-2 seek counts from that end.
+TEST_F(Io, MemoryImageReadsStopAtTheImageSize)
 {
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
     ASSERT_NE(block, nullptr);
-    std::vector<uint8_t> pattern = Pattern(100);
+    std::vector<uint8_t> pattern = Pattern(200);
     std::memcpy(block, pattern.data(), 100);
-    ImgSetMemorySource(block);
-
-    EXPECT_EQ(ImgSeek(kMem, 95, 0), 0);
-    uint8_t out[10];
-    std::memset(out, 0xAA, sizeof out);
-    EXPECT_EQ(ImgRead(kMem, out, 10), 5);
-    for (int i = 0; i < 5; i++)
-        EXPECT_EQ(out[i], (uint8_t)(95 + i)) << "byte " << i;
-    for (int i = 5; i < 10; i++)
-        EXPECT_EQ(out[i], 0xAA) << "byte " << i << " was written past the block";
-    EXPECT_EQ(ImgTell(), 100u);
-
-    std::memset(out, 0x55, sizeof out);
-    EXPECT_EQ(ImgRead(kMem, out, 10), 10);
-    for (int i = 0; i < 10; i++)
-        EXPECT_EQ(out[i], 0x55) << "byte " << i << " was copied at the end";
-    EXPECT_EQ(ImgTell(), 100u) << "nothing moves at or past the end";
+    const struct {
+        bool sized;
+        int32_t offset, whence, count, expected, first;
+        uint32_t end;
+    } cases[] = {
+        {false, 95, 0, 10, 5, 95, 100}, {false, 100, 0, 10, 10, -1, 100}, {false, -4, 2, 10, 4, 96, 100},
+        {true, 45, 0, 10, 5, 45, 50},   {true, 50, 0, 3, 3, -1, 50},      {true, -10, 2, 4, 4, 40, 44},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.offset) + " whence " + std::to_string(c.whence) + (c.sized ? " sized" : ""));
+        if (c.sized)
+            ImgSetMemorySourceSized(pattern.data(), 50);
+        else
+            ImgSetMemorySource(block);
+        EXPECT_EQ(MemoryImageSize(), c.sized ? 50u : 100u);
+        EXPECT_EQ(ImgSeek(kMem, c.offset, c.whence), 0) << "a memory seek returns 0";
+        uint8_t out[12];
+        std::memset(out, 0xAA, sizeof out);
+        EXPECT_EQ(ImgRead(kMem, out, c.count), c.expected);
+        int copied = c.first < 0 ? 0 : c.expected;
+        for (int i = 0; i < 12; i++)
+            EXPECT_EQ(out[i], i < copied ? (uint8_t)(c.first + i) : 0xAA) << "byte " << i;
+        EXPECT_EQ(ImgTell(), c.end);
+    }
     ImgFree(block);
-}
-
-// Edge case: whence 2, offset -4 on a 100-byte block sets the position to 96.
-TEST_F(MemoryImage, SeekFromEndMinusFourIsPosition96)
-{
-    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(100));
-    ASSERT_NE(block, nullptr);
-    std::vector<uint8_t> pattern = Pattern(100);
-    std::memcpy(block, pattern.data(), 100);
-    ImgSetMemorySource(block);
-    EXPECT_EQ(ImgSeek(kMem, -4, 2), 0) << "a memory seek returns 0";
-    EXPECT_EQ(ImgTell(), 96u);
-    uint8_t out[10] = {};
-    EXPECT_EQ(ImgRead(kMem, out, 10), 4);
-    EXPECT_EQ(out[0], 96);
-    EXPECT_EQ(out[3], 99);
-    ImgFree(block);
-}
-
-// A read stops at memorySize even where the memory behind it is readable.
-TEST_F(MemoryImage, SizedImageStopsAtItsSize)
-{
-    std::vector<uint8_t> data = Pattern(200);
-    ImgSetMemorySourceSized(data.data(), 50);
-    EXPECT_EQ(MemoryImageSize(), 50u);
-    EXPECT_EQ(ImgSeek(kMem, 45, 0), 0);
-    uint8_t out[10];
-    std::memset(out, 0xEE, sizeof out);
-    EXPECT_EQ(ImgRead(kMem, out, 10), 5);
-    EXPECT_EQ(out[0], 45);
-    EXPECT_EQ(out[4], 49);
-    EXPECT_EQ(out[5], 0xEE);
-    EXPECT_EQ(ImgTell(), 50u);
 }
 
 // Writes mirror reads: n = min(count, size - position) copied into the block.
-TEST_F(MemoryImage, WriteMirrorsRead)
+TEST_F(Io, MemoryImageWriteMirrorsRead)
 {
     std::vector<uint8_t> backing(200, 0xEE); // bytes 100..199 lie outside the image
     ImgSetMemorySourceSized(backing.data(), 100);
@@ -214,243 +125,174 @@ TEST_F(MemoryImage, WriteMirrorsRead)
         ASSERT_EQ(backing[i], 0xEE) << "byte " << i << " lies past the image";
 }
 
-/* ==== caller I/O ==== */
-
-// The caller's read gets the same three arguments for every handle, and its
-// result comes back unchanged.
-TEST_F(CallerIo, ReadGoesToCallerWithSameArgumentsForEveryHandle)
+// The caller's functions get the same arguments for every handle, the memory
+// image and real files alike, and their results come back unchanged; the
+// memory image and the file are left alone.
+TEST_F(CallerIo, CallsGoToTheCallerWithTheirArgumentsForEveryHandle)
 {
     std::vector<uint8_t> data = Pattern(100);
     ImgSetMemorySourceSized(data.data(), 100);
+    std::string path = TempPath("callerio_file.bin");
+    ASSERT_TRUE(WriteFile(path, Pattern(50)));
+    int file = ImgOpen(path.c_str(), 1);
+    ASSERT_NE(file, -1);
     IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
     uint8_t buf[32];
     std::memset(buf, 0x77, sizeof buf);
-
-    g_readResult = 4242;
-    EXPECT_EQ(ImgRead(kMem, buf, 10), 4242);
-    EXPECT_EQ(g_readCalls, 1);
-    EXPECT_EQ(g_readHandle, 32767);
-    EXPECT_EQ(g_readBuffer, (void *)buf);
-    EXPECT_EQ(g_readCount, 10);
+    int calls = 0;
+    for (int32_t handle : {kMem, 7, (int32_t)file}) {
+        SCOPED_TRACE(handle);
+        calls++;
+        g_read.result = handle == kMem ? 4242 : -3;
+        g_write.result = 5 + handle;
+        g_seek.result = 77 + handle;
+        EXPECT_EQ(ImgRead(handle, buf + calls, 10 + calls), g_read.result);
+        EXPECT_EQ(g_read.calls, calls);
+        EXPECT_EQ(g_read.handle, handle);
+        EXPECT_EQ(g_read.buffer, (const void *)(buf + calls));
+        EXPECT_EQ(g_read.count, 10 + calls);
+        EXPECT_EQ(ImgWrite(handle, buf, 5), 5 + handle);
+        EXPECT_EQ(g_write.handle, handle);
+        EXPECT_EQ(g_write.buffer, (const void *)buf);
+        EXPECT_EQ(g_write.count, 5);
+        EXPECT_EQ(ImgSeek(handle, 20, 1), 77 + handle);
+        EXPECT_EQ(g_seek.handle, handle);
+        EXPECT_EQ(g_seek.buffer, reinterpret_cast<const void *>((intptr_t)20));
+        EXPECT_EQ(g_seek.count, 1);
+    }
+    EXPECT_EQ(buf[0], 0x77) << "nothing was read into the buffer";
     EXPECT_EQ(ImgTell(), 0u) << "the memory image was not read";
-    EXPECT_EQ(buf[0], 0x77);
-
-    g_readResult = -3;
-    EXPECT_EQ(ImgRead(7, buf + 4, 3), -3);
-    EXPECT_EQ(g_readCalls, 2);
-    EXPECT_EQ(g_readHandle, 7);
-    EXPECT_EQ(g_readBuffer, (void *)(buf + 4));
-    EXPECT_EQ(g_readCount, 3);
-    EXPECT_EQ(g_writeCalls, 0);
-    EXPECT_EQ(g_seekCalls, 0);
-}
-
-// A real file handle is served by the caller's functions too: the file stays untouched.
-TEST_F(CallerIo, FileHandleGoesToCallerInsteadOfTheFile)
-{
-    std::string path = TempPath("part1_2_callerio_file.bin");
-    ASSERT_TRUE(WriteFileBytes(path, Pattern(50)));
-    int h = ImgOpen(path.c_str(), 1);
-    ASSERT_NE(h, -1);
-    IMGLOW_set_fileio(RecordRead, RecordWrite, RecordSeek);
-    uint8_t buf[5] = {0xF0, 0xF0, 0xF0, 0xF0, 0xF0};
-    g_readResult = 5;
-    g_writeResult = 5;
-    g_seekResult = 77;
-    EXPECT_EQ(ImgRead(h, buf, 5), 5);
-    EXPECT_EQ(g_readHandle, (int32_t)h);
-    EXPECT_EQ(buf[0], 0xF0) << "the file was not read";
-    EXPECT_EQ(ImgWrite(h, buf, 5), 5);
-    EXPECT_EQ(g_writeHandle, (int32_t)h);
-    EXPECT_EQ(ImgSeek(h, 20, 0), 77);
-    EXPECT_EQ(g_seekHandle, (int32_t)h);
     IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    EXPECT_EQ(ImgSeek(h, 0, 1), 0) << "the file's position did not move";
-    ImgClose(h);
-    EXPECT_EQ(ReadFileBytes(path), Pattern(50)) << "the file was not written";
+    EXPECT_EQ(ImgSeek(file, 0, 1), 0) << "the file's position did not move";
+    ImgClose(file);
+    EXPECT_EQ(ReadFile(path), Pattern(50)) << "the file was not written";
     ImgDelete(path.c_str());
 }
-
-/* ==== files by name ==== */
 
 // Mode 2 creates; the primitives write, seek (returning the new position) and read.
 TEST_F(Io, CreateWriteSeekReadFile)
 {
-    std::string path = TempPath("part1_2_create.bin");
+    std::string path = TempPath("create.bin");
     std::remove(path.c_str());
     std::vector<uint8_t> bytes = Pattern(1234, 3);
     int h = ImgOpen(path.c_str(), 2);
     ASSERT_NE(h, -1);
     EXPECT_EQ(ImgWrite(h, bytes.data(), 1234), 1234);
-    EXPECT_EQ(ImgSeek(h, 0, 1), 1234);
-    EXPECT_EQ(ImgSeek(h, 100, 0), 100);
-    EXPECT_EQ(ImgSeek(h, 50, 1), 150);
-    EXPECT_EQ(ImgSeek(h, -34, 2), 1200);
-    uint8_t out[40];
-    std::memset(out, 0, sizeof out);
+    for (auto [offset, whence, position] : {std::array<int32_t, 3>{0, 1, 1234}, {100, 0, 100}, {50, 1, 150}, {-34, 2, 1200}})
+        EXPECT_EQ(ImgSeek(h, offset, whence), position) << offset << " whence " << whence;
+    uint8_t out[40] = {};
     EXPECT_EQ(ImgRead(h, out, 40), 34) << "only 34 bytes are left in the file";
     EXPECT_EQ(std::memcmp(out, bytes.data() + 1200, 34), 0);
     EXPECT_EQ(ImgRead(h, out, 10), 0) << "nothing is left";
     EXPECT_EQ(ImgClose(h), 0);
-    EXPECT_EQ(ReadFileBytes(path), bytes);
+    EXPECT_EQ(ReadFile(path), bytes);
     EXPECT_EQ(ImgDelete(path.c_str()), 0);
-    EXPECT_FALSE(FileExists(path));
+    EXPECT_EQ(std::fopen(path.c_str(), "rb"), nullptr);
 }
-
-/* ==== the scratch file ==== */
 
 // Mode 0 writes the directory (at most 100 characters) and the "img" name,
 // and creates the file, which ImgWrite can fill.
-TEST_F(TempFile, ModeZeroWritesPathAndCreatesFile)
+TEST_F(Io, TempFileModeZeroWritesPathAndCreatesFile)
 {
     char path[IMG_TEMP_PATH_SIZE];
     std::memset(path, 0, sizeof path);
     int h = ImgOpenTemp(path, 0);
     ASSERT_NE(h, -1);
-    size_t length = std::strlen(path);
-    ASSERT_GT(length, 0u);
-    ASSERT_LT(length, sizeof path);
-    size_t dir = DirectoryLength(path);
-    EXPECT_GT(dir, 0u) << path;
-    EXPECT_LE(dir, 100u) << path;
+    ASSERT_LT(std::strlen(path), sizeof path);
+    size_t dir = std::string(path).find_last_of("/\\") + 1; // the directory with its separator
+    EXPECT_TRUE(dir > 0 && dir <= 100) << path;
     std::string name = path + dir;
-    ASSERT_GE(name.size(), 3u) << path;
     for (char &c : name)
         c = (char)std::tolower((unsigned char)c);
-    EXPECT_EQ(name.substr(0, 3), "img") << path;
+    EXPECT_EQ(name.substr(0, std::min<size_t>(3, name.size())), "img") << path;
     EXPECT_EQ(ImgWrite(h, "scratch data", 12), 12);
     EXPECT_EQ(ImgClose(h), 0);
     EXPECT_NE(ImgOpen(path, 3), -1) << "the file exists";
-    EXPECT_EQ(ReadFileBytes(path).size(), 12u);
+    EXPECT_EQ(ReadFile(path).size(), 12u);
     EXPECT_EQ(ImgDelete(path), 0);
 }
 
-/* ==== memory helpers ==== */
-
 // ImgTestFailAllocations(n): the allocation after n more successful ones fails.
-TEST_F(Alloc, TestHookFailsTheNextAllocation)
+TEST_F(Io, AllocTestHookFailsTheNextAllocation)
 {
-    ImgTestFailAllocations(0);
-    EXPECT_EQ(ImgAlloc(16), nullptr);
-    void *p = ImgAlloc(16);
-    EXPECT_NE(p, nullptr) << "only one allocation fails";
-    ImgFree(p);
-
-    ImgTestFailAllocations(2);
-    void *a = ImgAlloc(8);
-    void *b = ImgAlloc(8);
-    EXPECT_NE(a, nullptr);
-    EXPECT_NE(b, nullptr);
-    EXPECT_EQ(ImgAlloc(8), nullptr);
-    ImgFree(a);
-    ImgFree(b);
-
+    for (int n : {0, 2}) {
+        ImgTestFailAllocations(n);
+        std::vector<void *> blocks;
+        for (int i = 0; i <= n + 1; i++)
+            blocks.push_back(ImgAlloc(16));
+        for (int i = 0; i <= n + 1; i++)
+            EXPECT_EQ(blocks[(size_t)i] == nullptr, i == n) << "allocation " << i << " after " << n;
+        for (void *p : blocks)
+            ImgFree(p);
+    }
     ImgTestFailAllocations(0);
     ImgTestFailAllocations(-1); // switched off again
-    p = ImgAlloc(16);
+    void *p = ImgAlloc(16);
     EXPECT_NE(p, nullptr);
     ImgFree(p);
 }
 
-/* ==== the tracked table ==== */
-
-TEST_F(Tracked, AllocTrackedRecordsAndFreeTrackedClears)
-{
-    EXPECT_EQ(ImgTrackedCount(), 0);
-    uint8_t *a = static_cast<uint8_t *>(ImgAllocTracked(10));
-    uint8_t *b = static_cast<uint8_t *>(ImgAllocTracked(20));
-    uint8_t *c = static_cast<uint8_t *>(ImgAllocTracked(30));
-    ASSERT_NE(a, nullptr);
-    ASSERT_NE(b, nullptr);
-    ASSERT_NE(c, nullptr);
-    std::memset(a, 1, 10);
-    std::memset(b, 2, 20);
-    std::memset(c, 3, 30);
-    EXPECT_EQ(ImgTrackedCount(), 3);
-    ImgSetMemorySource(b);
-    EXPECT_EQ(MemoryImageSize(), 20u) << "a tracked block is an ordinary block";
-
-    ImgFreeTracked(b);
-    EXPECT_EQ(ImgTrackedCount(), 2);
-    ImgFreeTracked(b); // no longer in the table: nothing happens (no double free)
-    EXPECT_EQ(ImgTrackedCount(), 2);
-    EXPECT_EQ(a[9], 1);
-    EXPECT_EQ(c[29], 3);
-    ImgFreeTracked(a);
-    ImgFreeTracked(c);
-    EXPECT_EQ(ImgTrackedCount(), 0);
-}
-
-// 30 slots; a 31st ImgAllocTracked gives NULL instead of overrunning the
-// table, and frees nothing (our hardening, docs/DEVIATIONS.md).
-TEST_F(Tracked, ThirtySlotsAndThe31stReturnsNull)
+// 30 slots of ordinary blocks; a 31st ImgAllocTracked gives NULL instead of
+// overrunning the table and frees nothing (docs/DEVIATIONS.md).  Freeing a
+// block no longer in the table does nothing; a freed slot is used again.
+TEST_F(Io, TrackedThirtySlotsFreedOneByOneOrAll)
 {
     std::vector<uint8_t *> blocks;
     for (int i = 0; i < IMG_TRACKED_SLOTS; i++) {
-        uint8_t *p = static_cast<uint8_t *>(ImgAllocTracked(32));
+        uint8_t *p = static_cast<uint8_t *>(ImgAllocTracked(32 + (size_t)i));
         ASSERT_NE(p, nullptr) << "slot " << i;
-        std::memset(p, i, 32);
+        std::memset(p, i, 32 + (size_t)i);
         blocks.push_back(p);
     }
     EXPECT_EQ(IMG_TRACKED_SLOTS, 30);
     EXPECT_EQ(ImgTrackedCount(), 30);
     EXPECT_EQ(ImgAllocTracked(32), nullptr);
     EXPECT_EQ(ImgTrackedCount(), 30);
-    for (int i = 0; i < 30; i++) {
-        EXPECT_EQ(blocks[(size_t)i][0], (uint8_t)i) << "block " << i;
-        EXPECT_EQ(blocks[(size_t)i][31], (uint8_t)i) << "block " << i;
-        ImgSetMemorySource(blocks[(size_t)i]);
-        EXPECT_EQ(MemoryImageSize(), 32u) << "block " << i << " is still live";
-    }
-    // A freed slot is the first free one and is used again.
     ImgFreeTracked(blocks[10]);
     EXPECT_EQ(ImgTrackedCount(), 29);
-    void *p = ImgAllocTracked(32);
-    EXPECT_NE(p, nullptr);
+    ImgFreeTracked(blocks[10]); // no double free
+    EXPECT_EQ(ImgTrackedCount(), 29);
+    for (int i = 0; i < 30; i++) {
+        if (i == 10)
+            continue;
+        EXPECT_EQ(blocks[(size_t)i][31 + i], (uint8_t)i) << "block " << i;
+        ImgSetMemorySource(blocks[(size_t)i]);
+        EXPECT_EQ(MemoryImageSize(), 32u + (uint32_t)i) << "block " << i << " is still live";
+    }
+    EXPECT_NE(ImgAllocTracked(32), nullptr);
     EXPECT_EQ(ImgTrackedCount(), 30);
     EXPECT_EQ(ImgAllocTracked(32), nullptr);
     ImgFreeAllTracked();
     EXPECT_EQ(ImgTrackedCount(), 0);
 }
 
-/* ==== the bitmap name ==== */
-
 // Our hardening: an over-long text keeps 199 characters plus the terminator,
-// an over-long date 39 (copied with a length check).
-TEST_F(BitmapName, OverLongTextsAreTruncated)
+// an over-long date 39 (copied with a length check); those lengths fit whole.
+TEST_F(Io, BitmapNameOverLongTextsAreTruncated)
 {
-    std::string longText(300, 'x'), longDate(100, 'y');
-    EXPECT_EQ(IMGLOW_set_bitmap_name(longText.c_str(), longDate.c_str()), 0);
-    char text[400], date[400];
-    std::memset(text, 0x7F, sizeof text);
-    std::memset(date, 0x7F, sizeof date);
-    EXPECT_EQ(IMGLOW_get_bitmap_name(text, date), 0);
-    EXPECT_EQ(std::strlen(text), 199u);
-    EXPECT_EQ(std::string(text), std::string(199, 'x'));
-    EXPECT_EQ(text[200], 0x7F) << "nothing is copied past the 200-byte buffer's terminator";
-    EXPECT_EQ(std::strlen(date), 39u);
-    EXPECT_EQ(std::string(date), std::string(39, 'y'));
-    EXPECT_EQ(date[40], 0x7F);
-
-    // Exactly at the limits: 199 and 39 characters fit whole.
-    std::string fitText(199, 't'), fitDate(39, 'd');
-    IMGLOW_set_bitmap_name(fitText.c_str(), fitDate.c_str());
-    EXPECT_EQ(std::string(ImgBitmapNameText()), fitText);
-    EXPECT_EQ(std::string(ImgBitmapNameDate()), fitDate);
+    for (auto [textLength, dateLength] : {std::pair<size_t, size_t>{300, 100}, {199, 39}}) {
+        SCOPED_TRACE(textLength);
+        std::string longText(textLength, 'x'), longDate(dateLength, 'y');
+        EXPECT_EQ(IMGLOW_set_bitmap_name(longText.c_str(), longDate.c_str()), 0);
+        char text[400], date[400];
+        std::memset(text, 0x7F, sizeof text);
+        std::memset(date, 0x7F, sizeof date);
+        EXPECT_EQ(IMGLOW_get_bitmap_name(text, date), 0);
+        EXPECT_EQ(std::string(text), std::string(199, 'x'));
+        EXPECT_EQ(std::string(date), std::string(39, 'y'));
+        EXPECT_EQ(text[200], 0x7F) << "nothing is copied past the 200-byte buffer's terminator";
+        EXPECT_EQ(date[40], 0x7F);
+    }
 }
-
-// ---- read-ahead (ours): the TIFF reader's block of a file's reads ----
-
-class ReadAhead : public TrnwTest {};
 
 // A random walk of seeks and reads gives, through the read-ahead block, the
 // same results and bytes as the same calls on a second, plain handle; the
 // expected bytes are the file's own.
-TEST_F(ReadAhead, ReadsAndSeeksMatchPlainHandle)
+TEST_F(Io, ReadAheadReadsAndSeeksMatchPlainHandle)
 {
-    std::string path = TempPath("part1_2_readahead.bin");
+    std::string path = TempPath("readahead.bin");
     std::vector<uint8_t> bytes = Pattern(300000, 7); // several 64 KB blocks
-    ASSERT_TRUE(WriteFileBytes(path, bytes));
+    ASSERT_TRUE(WriteFile(path, bytes));
     int buffered = ImgOpen(path.c_str(), 0), plain = ImgOpen(path.c_str(), 0);
     ASSERT_GT(buffered, 0);
     ASSERT_GT(plain, 0);

@@ -4,7 +4,7 @@
 #include "support/support.h"
 
 #include <cctype>
-
+#include <tuple>
 
 namespace {
 
@@ -19,34 +19,19 @@ class Registry : public TrnwTest {
     void TearDown() override
     {
         RegistryResetAutoDetect(); // the flags are process-wide
-        for (const std::string &path : created_)
-            ImgDelete(path.c_str());
+        std::remove(TempPath("registry.bin").c_str());
         TrnwTest::TearDown();
     }
 
-    // Writes bytes to a scratch file through the library's file functions.
-    std::string WriteFile(const std::string &name, const Bytes &bytes)
+    static std::string Scratch(const Bytes &bytes)
     {
-        std::string path = TempPath(name);
-        int h = ImgOpen(path.c_str(), 2);
-        EXPECT_GE(h, 0) << path;
-        if (h >= 0) {
-            if (!bytes.empty()) {
-                EXPECT_EQ(ImgWrite(h, bytes.data(), (uint32_t)bytes.size()), (int32_t)bytes.size());
-            }
-            ImgClose(h);
-        }
-        created_.push_back(path);
+        std::string path = TempPath("registry.bin");
+        EXPECT_TRUE(::WriteFile(path, bytes));
         return path;
     }
 
-    // IMGLOW_get_filetype over the bytes written to a file of that name.
-    int32_t FileType(const Bytes &bytes, const std::string &name = "registry.bin")
-    {
-        return IMGLOW_get_filetype(WriteFile(name, bytes).c_str());
-    }
-
-    std::vector<std::string> created_;
+    // IMGLOW_get_filetype over the bytes written to a scratch file.
+    static int32_t FileType(const Bytes &bytes) { return IMGLOW_get_filetype(Scratch(bytes).c_str()); }
 };
 
 // `head`, then kFill up to `total` bytes.
@@ -58,10 +43,11 @@ Bytes Padded(const Bytes &head, size_t total = kLong)
     return b;
 }
 
-// ImgDetect over the bytes as a sized memory image; checks the source is left at 0.
-std::string Detect(const Bytes &bytes)
+// ImgDetect over `head` padded to kLong bytes as a sized memory image; checks
+// the source is left at 0.
+std::string DetectHead(const Bytes &head)
 {
-    Bytes copy(bytes);
+    Bytes copy = Padded(head);
     ImgSetMemorySourceSized(copy.data(), (uint32_t)copy.size());
     char extension[4] = {'x', 'x', 'x', 0};
     int result = ImgDetect(kMem, extension);
@@ -69,9 +55,6 @@ std::string Detect(const Bytes &bytes)
     EXPECT_EQ(ImgTell(), 0u) << "detection leaves the source at absolute 0";
     return extension;
 }
-
-// ImgDetect over `head` padded with kFill to kLong bytes.
-std::string DetectHead(const Bytes &head) { return Detect(Padded(head)); }
 
 int32_t MemType(Bytes bytes) { return IMGLOW_get_filetype_mem_size(bytes.data(), (uint32_t)bytes.size()); }
 
@@ -86,28 +69,13 @@ void Append(Bytes &bytes, const Bytes &more)
     std::copy(more.begin(), more.end(), bytes.begin() + (std::ptrdiff_t)at);
 }
 
-// ---- TIFF building ----
-
 struct Entry {
     uint16_t tag, type;
     uint32_t count, value; // value: in the field (BYTE, SHORT, LONG) or an offset
 };
 
-void Put16(Bytes &b, size_t at, uint16_t v, bool be)
-{
-    if (be)
-        PutBE16(&b[at], v);
-    else
-        PutLE16(&b[at], v);
-}
-
-void Put32(Bytes &b, size_t at, uint32_t v, bool be)
-{
-    if (be)
-        PutBE32(&b[at], v);
-    else
-        PutLE32(&b[at], v);
-}
+void Put16(Bytes &b, size_t at, uint16_t v, bool be) { be ? PutBE16(&b[at], v) : PutLE16(&b[at], v); }
+void Put32(Bytes &b, size_t at, uint32_t v, bool be) { be ? PutBE32(&b[at], v) : PutLE32(&b[at], v); }
 
 // A TIFF header ("MM" or "II", version 42) with its first IFD at `ifdAt`
 // holding `entries`; the file is at least `size` bytes (kFill after the IFD).
@@ -148,8 +116,6 @@ Bytes TiffWithCompression(bool be, uint32_t compression, int t4 = -1)
     return MakeTiff(be, entries, 8, kLong);
 }
 
-// ---- BMP and GIF building ----
-
 Bytes MakeBmp(uint32_t compression)
 {
     Bytes b(kLong, 0);
@@ -182,9 +148,9 @@ Bytes ImageDescriptor(uint8_t flags)
     return {0x2C, 0, 0, 0, 0, 4, 0, 4, 0, flags, 2, 1, 0, 0, 0x3B};
 }
 
-// Edge 3: IMGLOW_unset_auto_detect(7) switches off TIFF altogether (index 0)
-// and returns 1 the first time, 0 the second.
-TEST_F(Registry, UnsetSevenSwitchesOffAllTiff)
+// The TIFF types share one flag (index 0), 12 shares index 1; set and unset
+// return the previous value; a TIFF is not detected while its flag is off.
+TEST_F(Registry, AutoDetectFlags)
 {
     Bytes tiff = TiffWithCompression(true, 4);
     ASSERT_EQ(FileType(tiff), IMG_TYPE_TIFF_G4);
@@ -192,10 +158,21 @@ TEST_F(Registry, UnsetSevenSwitchesOffAllTiff)
     EXPECT_EQ(IMGLOW_unset_auto_detect(7), 0);
     for (int type : {0, 7, 8, 9, 10, 16, 17, 40})
         EXPECT_EQ(IMGLOW_get_auto_detect(type), 0) << "type " << type;
+    EXPECT_EQ(IMGLOW_get_auto_detect(11), 1);
     EXPECT_EQ(FileType(tiff), IMG_ERR_TYPE);
     EXPECT_EQ(FileType(TiffWithCompression(false, 1)), IMG_ERR_TYPE);
     EXPECT_EQ(IMGLOW_set_auto_detect(40), 0);
     EXPECT_EQ(FileType(tiff), IMG_TYPE_TIFF_G4);
+
+    EXPECT_EQ(IMGLOW_unset_auto_detect(12), 1);
+    EXPECT_EQ(IMGLOW_get_auto_detect(1), 0);
+    EXPECT_EQ(IMGLOW_set_auto_detect(38), 0);
+    EXPECT_EQ(IMGLOW_set_auto_detect(38), 1);
+    EXPECT_EQ(IMGLOW_unset_auto_detect(38), 1);
+    EXPECT_EQ(IMGLOW_get_auto_detect(38), 0);
+    EXPECT_EQ(IMGLOW_unset_auto_detect(13), 1);
+    EXPECT_EQ(IMGLOW_get_auto_detect(13), 0);
+    EXPECT_EQ(IMGLOW_set_auto_detect(13), 0);
 }
 
 struct ProbeCase {
@@ -209,40 +186,24 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
     IMGLOW_set_auto_detect(38);
     const std::vector<ProbeCase> cases = {
         {{'G', 'I', 'F', '8', '7', 'a'}, "gif", IMG_ERR_INVALID}, // filler is no GIF block
-        {{0xC5, 0xD0, 0xD3, 0xC6}, "eps", IMG_TYPE_EPS},
-        {{0xB1, 0x68, 0xDE, 0x3A}, "dcx", IMG_TYPE_DCX},
-        {{0xFF, 0xD8, 0xFF, 0xE0}, "jpg", IMG_TYPE_JPG},
-        {{0xFF, 'W', 'P', 'C'}, "wpg", IMG_TYPE_WPG},
-        {Text("srcdocid:"), "cal", IMG_TYPE_CALS},
-        {{0x89, 'P', 'N', 'G', 0x0D, 0x0A}, "png", IMG_TYPE_PNG},
-        {Text(".KF"), "kfx", IMG_TYPE_KFX},
-        {Text("FORM"), "iff", IMG_TYPE_IFF},
-        {Text("GX2"), "gx2", IMG_TYPE_GX2},
-        {{0xDC, 0xDC}, "lsd", IMG_TYPE_LSD},
-        {{0x0A, 0x05, 0x01, 0x08}, "pcx", IMG_TYPE_PCX},
-        {{0, 0, 1, 0, 1, 0, 16}, "ico", IMG_TYPE_ICO},
-        {{0, 0, 1, 0, 1, 0, 32}, "ico", IMG_TYPE_ICO},
-        {{0, 0, 1, 0, 1, 0, 64}, "ico", IMG_TYPE_ICO},
-        {{0, 0, 2}, "tga", IMG_TYPE_TGA},
-        {{0xD7, 0xCD, 0xC6, 0x9A}, "wmf", IMG_TYPE_WMF},
-        {{1}, "wmf", IMG_TYPE_WMF},
-        {{kFill, 2}, "wmf", IMG_TYPE_WMF},
+        {{0xC5, 0xD0, 0xD3, 0xC6}, "eps", IMG_TYPE_EPS}, {{0xB1, 0x68, 0xDE, 0x3A}, "dcx", IMG_TYPE_DCX},
+        {{0xFF, 0xD8, 0xFF, 0xE0}, "jpg", IMG_TYPE_JPG}, {{0xFF, 'W', 'P', 'C'}, "wpg", IMG_TYPE_WPG},
+        {Text("srcdocid:"), "cal", IMG_TYPE_CALS}, {{0x89, 'P', 'N', 'G', 0x0D, 0x0A}, "png", IMG_TYPE_PNG},
+        {Text(".KF"), "kfx", IMG_TYPE_KFX}, {Text("FORM"), "iff", IMG_TYPE_IFF},
+        {Text("GX2"), "gx2", IMG_TYPE_GX2}, {{0xDC, 0xDC}, "lsd", IMG_TYPE_LSD},
+        {{0x0A, 0x05, 0x01, 0x08}, "pcx", IMG_TYPE_PCX}, {{0, 0, 1, 0, 1, 0, 16}, "ico", IMG_TYPE_ICO},
+        {{0, 0, 1, 0, 1, 0, 32}, "ico", IMG_TYPE_ICO}, {{0, 0, 1, 0, 1, 0, 64}, "ico", IMG_TYPE_ICO},
+        {{0, 0, 2}, "tga", IMG_TYPE_TGA}, {{0xD7, 0xCD, 0xC6, 0x9A}, "wmf", IMG_TYPE_WMF},
+        {{1}, "wmf", IMG_TYPE_WMF}, {{kFill, 2}, "wmf", IMG_TYPE_WMF},
         {{kFill, kFill, 0xD3, 0xA6, 0xFB}, "ica", IMG_TYPE_ICA},
-        {{kFill, kFill, 0xD3, 0xA8, 0xA8}, "ica", IMG_TYPE_ICA},
-        {{'p'}, "ica", IMG_TYPE_ICA},
-        {{0xFF, 0xFF, 0xFF, 0xFF}, "pcd", IMG_TYPE_PCD},
-        {{0x50, 0xC3}, "clp", IMG_TYPE_CLP},
-        {{0, 1, 0, 8}, "img", IMG_TYPE_IMG},
-        {{0, 1, 0, 9}, "img", IMG_TYPE_IMG},
-        {{0xBB, kFill, kFill, 1}, "btr", IMG_TYPE_BTR},
-        {Text("LinS"), "msp", IMG_TYPE_MSP},
-        {Text("#define w 8"), "xbm", IMG_TYPE_XBM},
-        {Text("/* XPM */"), "xpm", IMG_TYPE_XPM},
+        {{kFill, kFill, 0xD3, 0xA8, 0xA8}, "ica", IMG_TYPE_ICA}, {{'p'}, "ica", IMG_TYPE_ICA},
+        {{0xFF, 0xFF, 0xFF, 0xFF}, "pcd", IMG_TYPE_PCD}, {{0x50, 0xC3}, "clp", IMG_TYPE_CLP},
+        {{0, 1, 0, 8}, "img", IMG_TYPE_IMG}, {{0, 1, 0, 9}, "img", IMG_TYPE_IMG},
+        {{0xBB, kFill, kFill, 1}, "btr", IMG_TYPE_BTR}, {Text("LinS"), "msp", IMG_TYPE_MSP},
+        {Text("#define w 8"), "xbm", IMG_TYPE_XBM}, {Text("/* XPM */"), "xpm", IMG_TYPE_XPM},
         {{kFill, kFill, kFill, kFill, 0, 0, 0, 7}, "xwd", IMG_TYPE_XWD},
-        {{0x59, 0xA6, 0x6A, 0x95}, "ras", IMG_TYPE_RAS},
-        {{0x10, 0, 0x20, 0, 0, 0}, "cut", IMG_TYPE_CUT},
-        {Text("Some text."), "txt", IMG_TYPE_TXT},
-        {Text("8BPS"), "psd", IMG_TYPE_PSD},
+        {{0x59, 0xA6, 0x6A, 0x95}, "ras", IMG_TYPE_RAS}, {{0x10, 0, 0x20, 0, 0, 0}, "cut", IMG_TYPE_CUT},
+        {Text("Some text."), "txt", IMG_TYPE_TXT}, {Text("8BPS"), "psd", IMG_TYPE_PSD},
         {{'\'', 'C', '1', 0}, "imt", IMG_TYPE_IMT},
     };
     for (const ProbeCase &c : cases) {
@@ -252,44 +213,6 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
         EXPECT_EQ(MemType(Padded(c.head)), c.type);
     }
 }
-
-// ======================================================================
-// Auto-detect flags
-// ======================================================================
-
-TEST_F(Registry, TypeToIndexMapping)
-{
-    for (int type = -3; type <= 60; type++) {
-        int expected;
-        if (type < 7 || type > 40)
-            expected = type;
-        else if (type == 7 || type == 8 || type == 9 || type == 10 || type == 16 || type == 17 ||
-                 type == 40)
-            expected = 0;
-        else if (type == 12)
-            expected = 1;
-        else
-            expected = type;
-        EXPECT_EQ(RegistryAutoDetectIndex(type), expected) << "type " << type;
-    }
-}
-
-TEST_F(Registry, SetAndUnsetReturnThePreviousValue)
-{
-    EXPECT_EQ(IMGLOW_set_auto_detect(38), 0);
-    EXPECT_EQ(IMGLOW_set_auto_detect(38), 1);
-    EXPECT_EQ(IMGLOW_get_auto_detect(38), 1);
-    EXPECT_EQ(IMGLOW_unset_auto_detect(38), 1);
-    EXPECT_EQ(IMGLOW_unset_auto_detect(38), 0);
-    EXPECT_EQ(IMGLOW_get_auto_detect(38), 0);
-    EXPECT_EQ(IMGLOW_unset_auto_detect(13), 1);
-    EXPECT_EQ(IMGLOW_get_auto_detect(13), 0);
-    EXPECT_EQ(IMGLOW_set_auto_detect(13), 0);
-}
-
-// ======================================================================
-// ImgDetect
-// ======================================================================
 
 // Detection reads from the current position and leaves the source at 0.
 TEST_F(Registry, DetectFromCurrentPositionSeeksToZero)
@@ -309,118 +232,84 @@ TEST_F(Registry, DetectFromCurrentPositionSeeksToZero)
     EXPECT_EQ(ImgTell(), 0u);
 }
 
-// A negative read result comes back as it is (caller I/O).
-extern "C" int32_t IMGCDECL FailingRead(int32_t, void *, int32_t) { return -5; }
-extern "C" int32_t IMGCDECL NoSeek(int32_t, int32_t, int32_t) { return 0; }
-
 // _fd detects from the handle's current position, seeks back there for the
-// subtype query, and does not close the handle.
+// subtype query (TIFF offsets, the BMP and GIF headers count from there) and
+// leaves the handle open.
 TEST_F(Registry, FdDetectsFromCurrentPositionAndRefinesThere)
 {
-    Bytes junk = Padded({0x0A, 5, 1}, 100); // a PCX at 0
-    Bytes tiff = TiffWithCompression(true, 3, 1);
-    Bytes file(junk);
-    Append(file, tiff); // offsets relative to 100
-    int h = ImgOpen(WriteFile("fd.bin", file).c_str(), 0);
+    Bytes file = Padded({0x0A, 5, 1}, 100); // a PCX at 0
+    Append(file, TiffWithCompression(true, 3, 1));
+    size_t bmpAt = file.size();
+    Append(file, MakeBmp(1));
+    size_t gifAt = file.size();
+    Append(file, MakeGif(0, ImageDescriptor(0x40)));
+    int h = ImgOpen(Scratch(file).c_str(), 0);
     ASSERT_GE(h, 0);
-    EXPECT_EQ(IMGLOW_get_filetype_fd(h), IMG_TYPE_PCX);
-    EXPECT_EQ(ImgSeek(h, 100, 0), 100);
-    EXPECT_EQ(IMGLOW_get_filetype_fd(h), IMG_TYPE_TIFF_G3_2D);
-    // Still open: it reads.
+    const std::pair<size_t, int32_t> rows[] = {
+        {0, IMG_TYPE_PCX}, {100, IMG_TYPE_TIFF_G3_2D}, {bmpAt, IMG_TYPE_BMP_COMPRESSED}, {gifAt, IMG_TYPE_GIF_INTERLACED}};
+    for (const auto &row : rows) {
+        EXPECT_EQ(ImgSeek(h, (int32_t)row.first, 0), (int32_t)row.first);
+        EXPECT_EQ(IMGLOW_get_filetype_fd(h), row.second) << "at " << row.first;
+    }
     uint8_t two[2];
     EXPECT_EQ(ImgSeek(h, 100, 0), 100);
-    EXPECT_EQ(ImgRead(h, two, 2), 2);
+    EXPECT_EQ(ImgRead(h, two, 2), 2) << "still open";
     EXPECT_EQ(two[0], 'M');
     ImgClose(h);
 }
 
-TEST_F(Registry, FdRefinesBmpAndGifAtTheirStart)
+// Compression (and T4Options bit 0 for compression 3) picks the TIFF type in
+// either byte order; a compression not in the table gives -7.
+TEST_F(Registry, TiffTypeByCompression)
 {
-    Bytes file = Padded({}, 37);
-    Bytes bmp = MakeBmp(1);
-    Bytes gif = MakeGif(0, ImageDescriptor(0x40));
-    Append(file, bmp);
-    size_t gifAt = file.size();
-    Append(file, gif);
-    int h = ImgOpen(WriteFile("fd2.bin", file).c_str(), 0);
-    ASSERT_GE(h, 0);
-    ImgSeek(h, 37, 0);
-    EXPECT_EQ(IMGLOW_get_filetype_fd(h), IMG_TYPE_BMP_COMPRESSED);
-    ImgSeek(h, (int32_t)gifAt, 0);
-    EXPECT_EQ(IMGLOW_get_filetype_fd(h), IMG_TYPE_GIF_INTERLACED);
-    ImgClose(h);
-}
-
-// ======================================================================
-// TIFF subtype query
-// ======================================================================
-
-TEST_F(Registry, TiffEveryCompressionBothByteOrders)
-{
-    const std::vector<std::pair<uint32_t, int32_t>> table = {
-        {1, 0}, {2, 7}, {3, 8}, {5, 9}, {4, 10}, {32773, 16}, {6, 40}, {32010, 46}, {32008, 47},
+    const struct {
+        uint32_t compression;
+        int t4;
+        int32_t type;
+    } table[] = {
+        {1, -1, 0}, {2, -1, 7}, {3, -1, 8}, {5, -1, 9}, {4, -1, 10}, {32773, -1, 16}, {6, -1, 40},
+        {32010, -1, 46}, {32008, -1, 47}, {3, 1, 17}, {3, 5, 17}, {3, 4, 8}, {3, 0, 8}, {4, 1, 10},
+        {2, 1, 7}, {0, -1, IMG_ERR_TYPE}, {7, -1, IMG_ERR_TYPE}, {8, -1, IMG_ERR_TYPE},
+        {45, -1, IMG_ERR_TYPE}, {99, -1, IMG_ERR_TYPE}, {32771, -1, IMG_ERR_TYPE}, {34712, -1, IMG_ERR_TYPE},
     };
     for (bool be : {false, true}) {
         for (const auto &row : table) {
-            SCOPED_TRACE(std::to_string(row.first) + (be ? " MM" : " II"));
-            EXPECT_EQ(FileType(TiffWithCompression(be, row.first)), row.second);
-            EXPECT_EQ(MemType(TiffWithCompression(be, row.first)), row.second);
+            SCOPED_TRACE(std::to_string(row.compression) + " t4 " + std::to_string(row.t4) + (be ? " MM" : " II"));
+            EXPECT_EQ(FileType(TiffWithCompression(be, row.compression, row.t4)), row.type);
+            EXPECT_EQ(MemType(TiffWithCompression(be, row.compression, row.t4)), row.type);
         }
     }
 }
 
-TEST_F(Registry, TiffUnknownCompressionGivesMinus7)
-{
-    for (bool be : {false, true}) {
-        for (uint32_t c : {0u, 7u, 8u, 45u, 99u, 32771u, 34712u}) {
-            EXPECT_EQ(FileType(TiffWithCompression(be, c)), IMG_ERR_TYPE) << c << (be ? " MM" : " II");
-        }
-    }
-}
-
-TEST_F(Registry, TiffT4OptionsBit0MakesType17)
-{
-    for (bool be : {false, true}) {
-        EXPECT_EQ(FileType(TiffWithCompression(be, 3, 1)), IMG_TYPE_TIFF_G3_2D);
-        EXPECT_EQ(FileType(TiffWithCompression(be, 3, 5)), IMG_TYPE_TIFF_G3_2D);
-        EXPECT_EQ(FileType(TiffWithCompression(be, 3, 4)), IMG_TYPE_TIFF_G3) << "bit 0 clear";
-        EXPECT_EQ(FileType(TiffWithCompression(be, 3, 0)), IMG_TYPE_TIFF_G3);
-        EXPECT_EQ(FileType(TiffWithCompression(be, 4, 1)), IMG_TYPE_TIFF_G4) << "only compression 3";
-        EXPECT_EQ(FileType(TiffWithCompression(be, 2, 1)), IMG_TYPE_TIFF_HUFFMAN);
-    }
-}
-
-// Tag values by type.
+// The compression tag's value by field type: in the field when it fits,
+// else at the offset (a RATIONAL's numerator); other types read as 0.
 TEST_F(Registry, TiffCompressionReadByType)
 {
+    const struct {
+        uint16_t type;
+        uint32_t count, field;
+        int size;       // bytes of the value stored at offset 300 (8: a rational)
+        uint32_t value; // what is stored there
+        int32_t expected;
+    } table[] = {
+        {TIFF_LONG, 1, 4, 0, 0, IMG_TYPE_TIFF_G4},          {TIFF_BYTE, 1, 5, 0, 0, IMG_TYPE_TIFF_LZW},
+        {TIFF_SHORT, 2, 2, 0, 0, IMG_TYPE_TIFF_HUFFMAN},    {TIFF_SHORT, 3, 300, 2, 6, IMG_TYPE_TIFF_JPEG},
+        {TIFF_LONG, 2, 300, 4, 32773, IMG_TYPE_TIFF_PACKBITS}, {TIFF_LONG, 0, 300, 4, 2, IMG_TYPE_TIFF_HUFFMAN},
+        {TIFF_BYTE, 5, 300, 1, 4, IMG_TYPE_TIFF_G4},        {TIFF_RATIONAL, 1, 300, 8, 5, IMG_TYPE_TIFF_LZW},
+        {7, 1, 1, 0, 0, IMG_ERR_TYPE},                      {9, 1, 1, 0, 0, IMG_ERR_TYPE},
+    };
     for (bool be : {false, true}) {
-        SCOPED_TRACE(be ? "MM" : "II");
-        EXPECT_EQ(FileType(MakeTiff(be, {{259, TIFF_LONG, 1, 4}}, 8, kLong)), IMG_TYPE_TIFF_G4);
-        EXPECT_EQ(FileType(MakeTiff(be, {{259, TIFF_BYTE, 1, 5}}, 8, kLong)), IMG_TYPE_TIFF_LZW);
-        EXPECT_EQ(FileType(MakeTiff(be, {{259, TIFF_SHORT, 2, 2}}, 8, kLong)), IMG_TYPE_TIFF_HUFFMAN)
-            << "two SHORTs still fit in the field";
-
-        // Values at an offset: SHORT count 3, LONG count 2, BYTE count 5, RATIONAL.
-        Bytes s = MakeTiff(be, {{259, TIFF_SHORT, 3, 300}}, 8, kLong);
-        Put16(s, 300, 6, be);
-        EXPECT_EQ(FileType(s), IMG_TYPE_TIFF_JPEG);
-        Bytes l = MakeTiff(be, {{259, TIFF_LONG, 2, 300}}, 8, kLong);
-        Put32(l, 300, 32773, be);
-        EXPECT_EQ(FileType(l), IMG_TYPE_TIFF_PACKBITS);
-        Bytes l0 = MakeTiff(be, {{259, TIFF_LONG, 0, 300}}, 8, kLong);
-        Put32(l0, 300, 2, be);
-        EXPECT_EQ(FileType(l0), IMG_TYPE_TIFF_HUFFMAN) << "LONG count not 1: at the offset";
-        Bytes by = MakeTiff(be, {{259, TIFF_BYTE, 5, 300}}, 8, kLong);
-        by[300] = 4;
-        EXPECT_EQ(FileType(by), IMG_TYPE_TIFF_G4);
-        Bytes r = MakeTiff(be, {{259, TIFF_RATIONAL, 1, 300}}, 8, kLong);
-        Put32(r, 300, 5, be);
-        Put32(r, 304, 7, be);
-        EXPECT_EQ(FileType(r), IMG_TYPE_TIFF_LZW) << "the numerator";
-
-        // Other types read as 0: compression 0 is not in the table.
-        EXPECT_EQ(FileType(MakeTiff(be, {{259, 7, 1, 1}}, 8, kLong)), IMG_ERR_TYPE);
-        EXPECT_EQ(FileType(MakeTiff(be, {{259, 9, 1, 1}}, 8, kLong)), IMG_ERR_TYPE);
+        for (const auto &row : table) {
+            SCOPED_TRACE(std::to_string(row.type) + " x " + std::to_string(row.count) + (be ? " MM" : " II"));
+            Bytes b = MakeTiff(be, {{259, row.type, row.count, row.field}}, 8, kLong);
+            if (row.size == 1)
+                b[300] = (uint8_t)row.value;
+            else if (row.size == 2)
+                Put16(b, 300, (uint16_t)row.value, be);
+            else if (row.size >= 4)
+                Put32(b, 300, row.value, be), Put32(b, 304, 7, be);
+            EXPECT_EQ(FileType(b), row.expected);
+        }
     }
 }
 
@@ -434,52 +323,40 @@ TEST_F(Registry, TiffHeaderErrors)
     EXPECT_EQ(TiffSubtype(kMem, 0), IMG_ERR_TYPE) << "byte order neither II nor MM";
 }
 
+// A BMP shorter than its two headers (14 + 40 bytes) gives -12.
 TEST_F(Registry, BmpShortHeadersGiveMinus12)
 {
-    Bytes b = MakeBmp(0);
-    b.resize(20);
-    EXPECT_EQ(FileType(b), IMG_ERR_READ);
-    b.resize(12);
-    EXPECT_EQ(FileType(b), IMG_ERR_READ) << "the 14-byte file header";
-    b = MakeBmp(1);
-    b.resize(53);
-    EXPECT_EQ(FileType(b), IMG_ERR_READ);
-    b = MakeBmp(1);
-    b.resize(54);
-    EXPECT_EQ(FileType(b), IMG_TYPE_BMP_COMPRESSED);
+    for (auto [compression, size, expected] : {std::tuple<uint32_t, size_t, int32_t>{0, 20, IMG_ERR_READ},
+                                                {0, 12, IMG_ERR_READ}, {1, 53, IMG_ERR_READ},
+                                                {1, 54, IMG_TYPE_BMP_COMPRESSED}}) {
+        Bytes b = MakeBmp(compression);
+        b.resize(size);
+        EXPECT_EQ(FileType(b), expected) << size;
+    }
 }
 
-TEST_F(Registry, GifGlobalColourTableIsSkipped)
+// The GIF subtype comes from the first image descriptor's interlace flag,
+// after the global colour table (of any size) and the extension blocks.
+TEST_F(Registry, GifTableAndExtensionsAreSkipped)
 {
     for (int size = 0; size < 8; size++) {
         Bytes table(3u << (size + 1), 0x2C); // bytes that would look like a descriptor
-        Append(table, {0x2C, 0, 0, 0, 0, 4, 0, 4, 0, 0x40, 2, 1, 0, 0, 0x3B});
+        Append(table, ImageDescriptor(0x40));
         EXPECT_EQ(FileType(MakeGif((uint8_t)(0x80 | size), table)), IMG_TYPE_GIF_INTERLACED) << size;
     }
-    // Without the table flag the same bytes start at once.
-    Bytes six(6, 0x2C);
+    Bytes six(6, 0x2C); // without the table flag the same bytes start at once
     Append(six, Bytes(10, 0));
     EXPECT_EQ(FileType(MakeGif(0x00, six)), IMG_TYPE_GIF);
-}
 
-TEST_F(Registry, GifExtensionBlocksAreWalked)
-{
-    Bytes body = {0x21, 0xF9, 4, 1, 0, 0, 0x2C, 0}; // graphic control, ends in 0x2C data
+    Bytes body(12, 0x21); // a two-entry table
+    EXPECT_EQ(FileType(MakeGif(0x81, body)), IMG_ERR_INVALID) << "a table of 0x21 and then nothing";
+    Append(body, {0x21, 0xF9, 4, 1, 0, 0, 0x2C, 0});               // graphic control, ends in 0x2C data
     Append(body, {0x21, 0xFE, 3, 'a', 'b', 'c', 2, 'd', 'e', 0}); // comment, 2 sub-blocks
     Append(body, {0x21, 0xFF, 0});                               // empty
-    Bytes image = ImageDescriptor(0x40);
-    Append(body, image);
-    EXPECT_EQ(FileType(MakeGif(0x81, Bytes(12, 0x21))), IMG_ERR_INVALID)
-        << "a table of 0x21 and then nothing";
-    Bytes withTable(12, 0x21);
-    Append(withTable, body);
-    EXPECT_EQ(FileType(MakeGif(0x81, withTable)), IMG_TYPE_GIF_INTERLACED);
-    EXPECT_EQ(MemType(MakeGif(0x81, withTable)), IMG_TYPE_GIF_INTERLACED);
+    Append(body, ImageDescriptor(0x40));
+    EXPECT_EQ(FileType(MakeGif(0x81, body)), IMG_TYPE_GIF_INTERLACED);
+    EXPECT_EQ(MemType(MakeGif(0x81, body)), IMG_TYPE_GIF_INTERLACED);
 }
-
-// ======================================================================
-// The save extension list
-// ======================================================================
 
 TEST_F(Registry, TypeForPathEveryEntry)
 {
@@ -490,16 +367,12 @@ TEST_F(Registry, TypeForPathEveryEntry)
         {"ica", 24}, {"mca", 49},
     };
     for (const auto &e : list) {
-        std::string lower = std::string("dir/picture.") + e.first;
-        std::string upper = lower;
+        std::string lower = std::string("dir/picture.") + e.first, upper = lower, mixed = lower;
         for (char &c : upper)
             c = (char)std::toupper((unsigned char)c);
-        std::string mixed = lower;
-        mixed[mixed.size() - 2] = (char)std::toupper((unsigned char)mixed[mixed.size() - 2]);
-        EXPECT_EQ(RegistryTypeForPath(lower.c_str()), e.second) << lower;
-        EXPECT_EQ(RegistryTypeForPath(upper.c_str()), e.second) << upper;
-        EXPECT_EQ(RegistryTypeForPath(mixed.c_str()), e.second) << mixed;
-        EXPECT_EQ(RegistryTypeForPath(e.first), e.second) << "three characters alone";
+        mixed[mixed.size() - 2] = upper[upper.size() - 2];
+        for (const std::string &path : {lower, upper, mixed, std::string(e.first)})
+            EXPECT_EQ(RegistryTypeForPath(path.c_str()), e.second) << path;
     }
 }
 

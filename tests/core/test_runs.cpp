@@ -8,7 +8,7 @@ namespace {
 
 class RunRecords : public TrnwTest {};
 
-bool Pixel(const std::vector<uint8_t> &row, int x) { return (row[(size_t)x >> 3] >> (7 - (x & 7))) & 1; }
+bool Pixel(const std::vector<uint8_t> &row, int x) { return RowPixel(row.data(), x, 1); }
 
 // The changes of a row of pixels: positions where a pixel differs from the one
 // before, the row starting white (1) as if pixel -1 were white.
@@ -78,45 +78,29 @@ void ExpectPixels(const std::vector<uint8_t> &row, const std::vector<bool> &pixe
         ASSERT_EQ(Pixel(row, (int)x), pixels[x]) << "pixel " << x;
 }
 
-TEST_F(RunRecords, EncodeMatchesNaiveChangesForWidths1To5000)
+// Every width 1..5000, runs of several mean lengths: the record is the length
+// word, the changes, then the width three times (four when the length would
+// equal the 1-bit stride); expanded, it gives the row back with 1-bit padding.
+TEST_F(RunRecords, EncodeMatchesNaiveChangesAndRoundTrips)
 {
     std::mt19937 random(1);
-    for (int width = 1; width <= 5000; width += (width < 80 ? 1 : 37)) {
-        SCOPED_TRACE(width);
-        for (int meanRun : {1, 3, 40, 700}) {
-            std::vector<uint8_t> row = RandomRow(random, width, meanRun);
-            std::vector<uint16_t> record(RunRecordMaxBytes(width) / 2);
-            int bytes = RunEncodeRow(row.data(), width, record.data());
-            std::vector<uint16_t> changes = NaiveChanges(row, width);
-            // Length word, the changes, then the width three times (four when the
-            // length would equal the 1-bit stride).
-            size_t stride = (size_t)((width + 31) / 32) * 4;
-            size_t expected = 2 + 2 * changes.size() + 6;
-            size_t terminators = expected == stride ? 4 : 3;
-            ASSERT_EQ((size_t)bytes, expected + (terminators == 4 ? 2 : 0));
-            ASSERT_EQ(record[0], bytes);
-            ASSERT_TRUE(std::equal(changes.begin(), changes.end(), record.begin() + 1));
-            for (size_t t = 0; t < terminators; t++)
-                ASSERT_EQ(record[1 + changes.size() + t], width);
-            ASSERT_NE((size_t)bytes, stride);
-        }
-    }
-}
-
-TEST_F(RunRecords, StoredFormRoundTripsForWidths1To5000)
-{
-    std::mt19937 random(2);
     for (int width = 1; width <= 5000; width++) {
-        std::vector<uint8_t> row = RandomRow(random, width, 1 + width % 9);
+        const int means[] = {1, 3, 40, 700, 1 + width % 9};
+        std::vector<uint8_t> row = RandomRow(random, width, means[width % 5]);
         std::vector<uint16_t> record(RunRecordMaxBytes(width) / 2);
         int bytes = RunEncodeRow(row.data(), width, record.data());
-        record.resize((size_t)bytes / 2);
+        std::vector<uint16_t> changes = NaiveChanges(row, width);
         size_t stride = (size_t)((width + 31) / 32) * 4;
+        size_t terminators = 2 + 2 * changes.size() + 6 == stride ? 4 : 3;
+        ASSERT_EQ((size_t)bytes, 2 + 2 * changes.size() + 2 * terminators) << "width " << width;
+        ASSERT_EQ(record[0], bytes);
+        ASSERT_TRUE(std::equal(changes.begin(), changes.end(), record.begin() + 1)) << "width " << width;
+        for (size_t t = 0; t < terminators; t++)
+            ASSERT_EQ(record[1 + changes.size() + t], width);
+        record.resize((size_t)bytes / 2);
         std::vector<uint8_t> back = Expand(record, width, stride);
-        for (int x = 0; x < width; x++)
-            ASSERT_EQ(Pixel(back, x), Pixel(row, x)) << "width " << width << " pixel " << x;
-        for (int x = width; x < (int)stride * 8; x++)
-            ASSERT_TRUE(Pixel(back, x)) << "padding is 1-bits";
+        for (int x = 0; x < (int)stride * 8; x++)
+            ASSERT_EQ(Pixel(back, x), x < width ? Pixel(row, x) : true) << "width " << width << " pixel " << x;
     }
 }
 

@@ -156,6 +156,28 @@ Raster ToolRaster(const std::string &command, const std::string &pnmPath)
     return r;
 }
 
+uint32_t RowPixel(const uint8_t *row, int32_t x, int bits)
+{
+    if (bits < 8)
+        return (uint32_t)(row[x * bits / 8] >> (8 - bits - x * bits % 8)) & ((1u << bits) - 1u);
+    uint32_t v = 0;
+    for (int k = 0; k < bits / 8; k++)
+        v |= (uint32_t)row[x * bits / 8 + k] << (8 * k);
+    return v;
+}
+
+void SetRowPixel(uint8_t *row, int32_t x, int bits, uint32_t value)
+{
+    if (bits < 8) {
+        int shift = 8 - bits - x * bits % 8;
+        uint8_t mask = (uint8_t)(((1u << bits) - 1u) << shift);
+        row[x * bits / 8] = (uint8_t)((row[x * bits / 8] & ~mask) | ((value << shift) & mask));
+        return;
+    }
+    for (int k = 0; k < bits / 8; k++)
+        row[x * bits / 8 + k] = (uint8_t)(value >> (8 * k));
+}
+
 Raster Picture::Rgb() const
 {
     Raster r;

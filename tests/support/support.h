@@ -58,6 +58,11 @@ Raster ToolRaster(const std::string &command, const std::string &pnmPath);
 
 /* ---- pictures: an image's palette and packed rows ---- */
 
+// Pixel x of a packed DIB row: most significant bits first below 8 bits per
+// pixel, little-endian bytes from 8 bits up.
+uint32_t RowPixel(const uint8_t *row, int32_t x, int bits);
+void SetRowPixel(uint8_t *row, int32_t x, int bits, uint32_t value);
+
 struct Picture {
     int width = 0, height = 0, bits = 0;
     std::vector<uint8_t> palette;           // RGBQUADs (B,G,R,0), 2^bits of them below 24 bits
