@@ -451,12 +451,10 @@ int32_t IMGAPI IMG_decompress_bitmap_fd(int32_t fileHandle, uint32_t offset, int
 int32_t IMGAPI IMG_decompress_bitmap(const char *path)
 {
     return Guarded([&]() -> int32_t {
-        int file = ImgOpen(path, 0);
-        if (file < 0)
+        ImgFile file(ImgOpen(path, 0));
+        if (!file.ok())
             return IMG_ERR_OPEN;
-        int32_t result = IMG_decompress_bitmap_fd(file, 0, 0);
-        ImgClose(file);
-        return result;
+        return IMG_decompress_bitmap_fd(file.get(), 0, 0);
     });
 }
 
@@ -502,12 +500,10 @@ int32_t IMGAPI IMGLOW_get_pages_fd(int32_t fileHandle)
 int32_t IMGAPI IMGLOW_get_pages(const char *path)
 {
     return Guarded([&]() -> int32_t {
-        int file = ImgOpen(path, 0);
-        if (file < 0)
+        ImgFile file(ImgOpen(path, 0));
+        if (!file.ok())
             return IMG_ERR_OPEN;
-        int32_t result = IMGLOW_get_pages_fd(file);
-        ImgClose(file);
-        return result;
+        return IMGLOW_get_pages_fd(file.get());
     });
 }
 
@@ -535,13 +531,15 @@ static int FileInfoRowSink(const uint8_t *row, void *sinkContext, int rowIndex, 
 int32_t IMGAPI IMGLOW_get_fileinfo(const char *path, void *info)
 {
     return Guarded([&]() -> int32_t {
-        int file = ImgOpen(path, 0);
-        if (file < 0)
-            return IMG_ERR_OPEN;
+        int result;
         FileInfoContext c = {info, 0};
-        int result = IMGLOW_decompress_bitmap(file, 0, 0, (IMG_ROW_SINK)FileInfoRowSink, &c,
+        {
+            ImgFile file(ImgOpen(path, 0));
+            if (!file.ok())
+                return IMG_ERR_OPEN;
+            result = IMGLOW_decompress_bitmap(file.get(), 0, 0, (IMG_ROW_SINK)FileInfoRowSink, &c,
                                               (IMG_HEADER_SINK)FileInfoHeaderSink);
-        ImgClose(file);
+        }
         ImgFreeAllTracked();
         if (result == IMG_ERR_STOPPED)
             return 0;

@@ -191,12 +191,10 @@ bool RegistryMultiPage(int32_t type)
 int32_t IMGAPI IMGLOW_get_filetype(const char *path)
 {
     return Guarded([&]() -> int32_t {
-        int handle = ImgOpen(path, 0);
-        if (handle < 0)
+        ImgFile file(ImgOpen(path, 0));
+        if (!file.ok())
             return IMG_ERR_OPEN;
-        int32_t result = QueryType(handle, 0);
-        ImgClose(handle);
-        return result;
+        return QueryType(file.get(), 0);
     });
 }
 
@@ -226,13 +224,11 @@ int32_t IMGAPI IMGLOW_get_image_orientation(const char *path)
     return Guarded([&]() -> int32_t {
         if (!path)
             return IMG_ERR_OPEN;
-        int handle = ImgOpen(path, 0);
-        if (handle < 0)
+        ImgFile file(ImgOpen(path, 0));
+        if (!file.ok())
             return IMG_ERR_OPEN;
         /* The Photo CD reader's query does not exist yet: other names give -7. */
-        int32_t result = HasTifExtension(path) ? TiffOrientation(handle, 0) : IMG_ERR_TYPE;
-        ImgClose(handle);
-        return result;
+        return HasTifExtension(path) ? TiffOrientation(file.get(), 0) : IMG_ERR_TYPE;
     });
 }
 

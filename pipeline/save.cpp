@@ -234,11 +234,15 @@ int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type)
             return IMG_ERR_CREATE;
         if (type == IMG_TYPE_BY_EXTENSION)
             type = RegistryTypeForPath(path); /* no match leaves -1: the dispatcher gives -7 */
-        int file = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0 ? ImgOpen(path, 1) : ImgOpen(path, 2);
-        if (file < 0)
-            return IMG_ERR_CREATE;
-        int32_t result = IMG_save_bitmap_fd(handle, file, type);
-        ImgClose(file);
+        int32_t result;
+        {
+            /* A multi-page type appends to an existing file: opened for update. */
+            bool append = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0;
+            ImgFile file(ImgOpen(path, append ? 1 : 2));
+            if (!file.ok())
+                return IMG_ERR_CREATE;
+            result = IMG_save_bitmap_fd(handle, file.get(), type);
+        }
         if (result < 0)
             ImgDelete(path); /* an update-opened file goes too */
         return result;
