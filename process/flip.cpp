@@ -63,17 +63,14 @@ static void Mirror4(const uint8_t *source, uint8_t *target, int32_t width)
     target[n - 1] = (uint8_t)(source[0] & 0xF0);
 }
 
-/* 8, 16, 24, 32 bits: whole pixels of `size` bytes reversed. */
-static void MirrorPixels(const uint8_t *source, uint8_t *target, int32_t width, size_t size)
+/* 8, 16, 24, 32 bits: whole pixels of Size bytes reversed; one loop for
+ * every byte depth, each copy of a size the compiler knows. */
+template <size_t Size>
+static void MirrorPixels(const uint8_t *source, uint8_t *target, int32_t width)
 {
-    const uint8_t *from = source + (size_t)(width - 1) * size;
-    if (size == 1) {
-        for (int32_t x = 0; x < width; x++)
-            target[x] = from[-(ptrdiff_t)x];
-        return;
-    }
-    for (int32_t x = 0; x < width; x++, target += size, from -= size)
-        memcpy(target, from, size);
+    const uint8_t *from = source + (size_t)(width - 1) * Size;
+    for (int32_t x = 0; x < width; x++, target += Size, from -= Size)
+        memcpy(target, from, Size);
 }
 
 void FlipMirrorRow(const uint8_t *source, uint8_t *target, int32_t width, int bits)
@@ -83,9 +80,10 @@ void FlipMirrorRow(const uint8_t *source, uint8_t *target, int32_t width, int bi
     switch (bits) {
     case 1: Mirror1(source, target, width); break;
     case 4: Mirror4(source, target, width); break;
-    case 8: case 16: case 24: case 32:
-        MirrorPixels(source, target, width, (size_t)bits / 8);
-        break;
+    case 8: MirrorPixels<1>(source, target, width); break;
+    case 16: MirrorPixels<2>(source, target, width); break;
+    case 24: MirrorPixels<3>(source, target, width); break;
+    case 32: MirrorPixels<4>(source, target, width); break;
     default: break;
     }
 }
