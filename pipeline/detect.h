@@ -3,8 +3,8 @@
  * Detection, decode dispatch, page counting, save dispatch and
  * extension-to-type mapping all read that table.
  */
-#ifndef TRNW_REGISTRY_H
-#define TRNW_REGISTRY_H
+#ifndef TRNW_DETECT_H
+#define TRNW_DETECT_H
 
 #include "core/contracts.h"
 
@@ -53,4 +53,4 @@ void RegistryResetAutoDetect(void);
 ImgReader RegistrySetReaderForTest(const char *extension, ImgReader reader);
 ImgWriter RegistrySetWriterForTest(int32_t type, ImgWriter writer);
 
-#endif /* TRNW_REGISTRY_H */
+#endif /* TRNW_DETECT_H */
