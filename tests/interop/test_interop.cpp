@@ -164,6 +164,9 @@ struct ReadCase {
 const ReadCase kReads[] = {
     {"TiffcpLzw24", 24, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw -r 7 '{out}.plain.tif' '{out}'", "tif"},
     {"TiffcpLzwPredictor24", 24, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw:2 '{out}.plain.tif' '{out}'", "tif"},
+    {"TiffcpLzwPredictorGrey8", 8, true, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw:2 '{out}.plain.tif' '{out}'", "tif"},
+    {"MagickTiffLzwPredictorGrey16", 8, true, "convert", "{convert} '{in}' -depth 16 -define tiff:predictor=2 -compress LZW '{out}'", "tif"},
+    {"MagickTiffLzwPredictorGrey32", 8, true, "convert", "{convert} '{in}' -depth 32 -define tiff:predictor=2 -compress LZW '{out}'", "tif"},
     {"TiffcpLzwBigEndian8", 8, true, "pnmtotiff tiffcp", PLAIN "tiffcp -B -c lzw '{out}.plain.tif' '{out}'", "tif"},
     {"TiffcpLzw1", 1, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw -r 5 '{out}.plain.tif' '{out}'", "tif"},
     {"TiffcpPackBits8", 8, true, "pnmtotiff tiffcp", PLAIN "tiffcp -c packbits -r 3 '{out}.plain.tif' '{out}'", "tif"},
