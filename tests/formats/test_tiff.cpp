@@ -14,6 +14,7 @@ using Rgb = std::array<int, 3>;
 struct Tag { uint16_t tag, type; std::vector<uint32_t> values; };
 struct TiffFileBuilder {
     bool be = false;
+    size_t gap = 0; // junk bytes before each strip, outside its count
     std::vector<uint8_t> f;
     void Put(uint32_t v, int n) { for (int i = 0; i < n; i++) f.push_back((uint8_t)(v >> (8 * (be ? n - 1 - i : i)))); }
     void PutAt(size_t at, uint32_t v) { for (int i = 0; i < 4; i++) f[at + (size_t)i] = (uint8_t)(v >> (8 * (be ? 3 - i : i))); }
@@ -25,6 +26,7 @@ struct TiffFileBuilder {
         Put(42, 2), Put(0, 4);
         Tag offsets{(uint16_t)(tiles ? 324 : 273), offsetType, {}}, counts{(uint16_t)(tiles ? 325 : 279), 4, {}};
         for (auto &s : strips) {
+            f.insert(f.end(), gap, 0x81);
             offsets.values.push_back((uint32_t)f.size());
             counts.values.push_back((uint32_t)s.size());
             f.insert(f.end(), s.begin(), s.end());
@@ -87,6 +89,7 @@ struct ReadCase {
     std::function<void(std::vector<Tag> &, std::vector<std::vector<uint8_t>> &)> layout;
     bool bigEndian = false, tiles = false;
     uint16_t offsetType = 4;
+    size_t gap = 0;
 };
 const int W = 13, H = 6;
 
@@ -107,6 +110,7 @@ TEST_P(TiffRead, PixelsAreTheStoredSamples)
     c.layout(tags, strips);
     TiffFileBuilder b;
     b.be = c.bigEndian;
+    b.gap = c.gap;
     int32_t status = 0;
     int bits = 0;
     int w = c.tiles ? 8 : W, h = c.tiles ? 4 : H; // a tiled page reads as its first tile
@@ -133,6 +137,23 @@ TEST_P(TiffRead, PixelsAreTheStoredSamples)
 
 using Strips = std::vector<std::vector<uint8_t>>;
 auto OneStrip(int bits, int samples) { return [=](std::vector<Tag> &, Strips &s) { s = {PackRows(W, 0, H, bits, samples)}; }; }
+// Per row: a literal of W - 3 samples, then the last sample repeated 3 times;
+// rowsPerStrip rows to a strip.
+auto PackBitsStrips(int rowsPerStrip)
+{
+    return [=](std::vector<Tag> &t, Strips &s) {
+        t.push_back({278, 4, {(uint32_t)rowsPerStrip}});
+        for (int y = 0; y < H; y++) {
+            if (y % rowsPerStrip == 0)
+                s.emplace_back();
+            std::vector<uint8_t> &out = s.back();
+            out.push_back((uint8_t)(W - 4));
+            for (int x = 0; x < W - 3; x++) out.push_back((uint8_t)Sample(x, y, 0, 8));
+            out.push_back((uint8_t)-2);
+            out.push_back((uint8_t)Sample(W - 3, y, 0, 8));
+        }
+    };
+}
 const ReadCase kReadCases[] = {
     {"bilevel black is zero", 1, 1, 1, 1, OneStrip(1, 1)},
     {"bilevel white is zero", 1, 1, 0, 1, OneStrip(1, 1)},
@@ -161,17 +182,9 @@ const ReadCase kReadCases[] = {
              for (int i = W * 3 - 1; i >= 3; i--) rows[(size_t)(y * W * 3 + i)] -= rows[(size_t)(y * W * 3 + i - 3)];
          s = {rows};
      }},
-    {"packbits", 8, 1, 1, 32773,
-     [](std::vector<Tag> &, Strips &s) { // per row: a literal of W - 3, a repeat of the last sample 3 times
-         std::vector<uint8_t> out;
-         for (int y = 0; y < H; y++) {
-             out.push_back((uint8_t)(W - 4));
-             for (int x = 0; x < W - 3; x++) out.push_back((uint8_t)Sample(x, y, 0, 8));
-              out.push_back((uint8_t)-2);
-             out.push_back((uint8_t)Sample(W - 3, y, 0, 8));
-         }
-         s = {out};
-     }},
+    {"packbits", 8, 1, 1, 32773, PackBitsStrips(H)},
+    // Strips apart in the file: each is read from its own offset, nothing carried over.
+    {"packbits strips apart", 8, 1, 1, 32773, PackBitsStrips(2), false, false, 4, 300},
     {"tiles", 8, 1, 1, 1,
      [](std::vector<Tag> &t, Strips &s) {
          t.push_back({322, 4, {8}}), t.push_back({323, 4, {4}});
