@@ -232,7 +232,7 @@ static int ReadRowBlocks(const BmpReadState *s, int bitFields)
     int32_t stored = s->height - 1;
     while (stored >= 0 && result >= 0) {
         uint32_t rows = (uint64_t)stored + 1 < rowsPerBlock ? (uint32_t)stored + 1 : (uint32_t)rowsPerBlock;
-        ImgRead(s->handle, block, (uint32_t)(rows * sourceRow)); /* unchecked, as specified */
+        ImgRead(s->handle, block, (uint32_t)(rows * sourceRow)); /* unchecked: rows past a short file's end keep what the block held */
         for (uint32_t k = 0; k < rows && result >= 0; k++, stored--) {
             uint8_t *row = block + k * sourceRow;
             const uint8_t *out = row;
@@ -351,7 +351,7 @@ static int DecodeRle(const BmpReadState *s, int rle4)
         ImgFreeTracked(row.data);
         return IMG_ERR_MEMORY;
     }
-    /* RLE8 stores below stride + 1000 (as specified); RLE4 (hardening) only
+    /* RLE8 stores below stride + 1000, the slack of its row buffer; RLE4 only
      * inside its buffer of 4 * stride bytes. */
     row.limit = rle4 ? (rowSize * 2 > 0xFFFFFFFFull ? 0xFFFFFFFFu : (uint32_t)(rowSize * 2))
                      : s->stride + 1000;
@@ -384,8 +384,7 @@ static int DecodeRle(const BmpReadState *s, int rle4)
             row.index--;
             in.pos += 2;
         } else if (value == 1) { /* end of bitmap */
-            row.column = (uint32_t)s->width;
-            RleDeliver(s, &row); /* result ignored, as specified */
+            RleDeliver(s, &row); /* the end of the bitmap: the sink's answer no longer matters */
             break;
         } else if (value == 2) { /* delta */
             if (!RleEnsureMore(&in, 4))
