@@ -333,3 +333,35 @@ TEST_F(TrnwTest, ColorGrayWeighsImageMagicksColours)
 }
 
 } // namespace
+
+/* The resolution tags libtiff reads from our TIFFs: the image's own when it
+ * has both, else 200 x 200 for Group 3 and 640/9 x 480/7 for the others. */
+using TiffWriter = TrnwTest;
+
+TEST_F(TiffWriter, ResolutionAsLibtiffReadsIt)
+{
+    SKIP_WITHOUT("tiffinfo");
+    struct Case {
+        int32_t type, x, y;
+        const char *expected;
+    } cases[] = {{IMG_TYPE_TIFF, 0, 0, "Resolution: 71.1111, 68.5714"},
+                 {IMG_TYPE_TIFF_G3, 0, 0, "Resolution: 200, 200"},
+                 {IMG_TYPE_TIFF_G4, 150, 0, "Resolution: 71.1111, 68.5714"},
+                 {IMG_TYPE_TIFF, 150, 75, "Resolution: 150, 75"}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.expected);
+        TestDib dib(16, 4, 1);
+        PutLE32(dib.block + 24, (uint32_t)c.x);
+        PutLE32(dib.block + 28, (uint32_t)c.y);
+        int32_t h = IMG_create_handle_keep(dib.Release());
+        ASSERT_GE(h, 0);
+        std::string file = TempPath("resolution.tif"), text = file + ".txt";
+        RunQuiet("rm -f '" + file + "'");
+        ASSERT_EQ(IMG_save_bitmap(h, file.c_str(), c.type), 0);
+        IMG_delete_bitmap(h);
+        ASSERT_TRUE(RunQuiet("tiffinfo '" + file + "' > '" + text + "' 2>/dev/null"));
+        std::vector<uint8_t> info = ReadFile(text);
+        EXPECT_NE(std::string(info.begin(), info.end()).find(c.expected), std::string::npos);
+        RunQuiet("rm -f '" + file + "' '" + text + "'");
+    }
+}
