@@ -158,6 +158,21 @@ TEST_F(Colour, ColourDithersOnTheSixteenColourPalette)
     }
 }
 
+TEST_F(Colour, ColourDiffusionSpreadsTheErrorRightward)
+{
+    // Grey 150 against the levels 0 and 128: the bottom row, dithered first,
+    // takes no error from another row, so each pixel gets 1/4 of the error of
+    // its left neighbour and 1/8 of the one before: 150, 187, 182, 170, 198, 188, 173, 200 give
+    // black, grey, grey, black, grey, grey, black, grey.
+    int32_t h = Image24(8, 3, [](int, int) { return Rgb{150, 150, 150}; });
+    ASSERT_EQ(IMG_diffusion_color(h), 0);
+    Raster r = ImageRgb(h);
+    const int grey[8] = {0, 128, 128, 0, 128, 128, 0, 128};
+    for (int x = 0; x < 8; x++)
+        EXPECT_EQ(At(r, x, 2), (Rgb{grey[x], grey[x], grey[x]})) << x;
+    IMG_delete_bitmap(h);
+}
+
 TEST_F(Colour, MedianCutMapsToTheFixedCube)
 {
     // The fixed palette is the 3-3-2 cube: entry i = (R 7-5, G 4-2, B 1-0)
