@@ -204,6 +204,7 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
         {Text("#define w 8"), "xbm", IMG_TYPE_XBM}, {Text("/* XPM */"), "xpm", IMG_TYPE_XPM},
         {{kFill, kFill, kFill, kFill, 0, 0, 0, 7}, "xwd", IMG_TYPE_XWD},
         {{0x59, 0xA6, 0x6A, 0x95}, "ras", IMG_TYPE_RAS}, {{0x10, 0, 0x20, 0, 0, 0}, "cut", IMG_TYPE_CUT},
+        {{0x87, 0x13, 0, 0, 0, 0}, "cut", IMG_TYPE_CUT}, // 4999 wide, 0 high
         {Text("Some text."), "txt", IMG_TYPE_TXT}, {Text("8BPS"), "psd", IMG_TYPE_PSD},
         {{'\'', 'C', '1', 0}, "imt", IMG_TYPE_IMT},
     };

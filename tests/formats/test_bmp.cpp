@@ -142,4 +142,29 @@ TEST_F(BmpFormat, WritersReadBack)
             EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), p.Rgb()), 0) << status;
         }
 }
+// The header the reader hands on is normalised: a 40-byte header, one plane,
+// no colour counts, the image size of the padded rows.
+int32_t IMGCDECL KeepHeader(const uint8_t *header, void *context)
+{
+    std::memcpy(context, header, 40);
+    return IMG_ERR_STOPPED;
+}
+int32_t IMGCDECL NoRows(const uint8_t *, void *, int32_t, int32_t) { return IMG_ERR_STOPPED; }
+
+TEST_F(BmpFormat, ReaderHandsOnANormalisedHeader)
+{
+    std::vector<uint8_t> file = Build({3, 2, 8, 0, {1, 2, 3, 0, 4, 5, 6, 0}});
+    PutLE16(&file[26], 7);  // planes
+    PutLE32(&file[34], 0);  // image size
+    PutLE32(&file[46], 5);  // colours used
+    PutLE32(&file[50], 3);  // colours important
+    uint8_t header[40] = {};
+    EXPECT_EQ(IMGLOW_decompress_bitmap_mem(file.data(), 0, NoRows, header, KeepHeader), IMG_ERR_STOPPED);
+    EXPECT_EQ(GetLE32(header), 40u);
+    EXPECT_EQ(GetLE16(header + 12), 1);
+    EXPECT_EQ(GetLE32(header + 20), 8u); // two rows of 4 bytes
+    EXPECT_EQ(GetLE32(header + 32), 0u);
+    EXPECT_EQ(GetLE32(header + 36), 0u);
+}
+
 } // namespace
