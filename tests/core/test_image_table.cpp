@@ -250,3 +250,20 @@ TEST_F(CodedStore, PutRasterRecodesOneRow)
 }
 
 } // namespace
+
+// A failed allocation while a coded row is replaced leaves a -1 and the image
+// as it was, whichever of the two scratch blocks fails.
+TEST_F(Accessors, PutRasterOnCodedRowsSurvivesFailedAllocations)
+{
+    for (int fail = 0; fail < 2; fail++) {
+        SCOPED_TRACE(fail);
+        int32_t h = NewImage(64, 4, 1);
+        ASSERT_EQ(IMG_dib_to_runs(h), 0);
+        uint8_t row[8] = {0x0F, 0xF0};
+        ImgTestFailAllocations(fail);
+        EXPECT_EQ(IMGLOW_put_raster(h, row, 1, 8), IMG_ERR_MEMORY);
+        ImgTestFailAllocations(-1);
+        EXPECT_EQ(IMGLOW_put_raster(h, row, 1, 8), 0);
+        IMG_delete_bitmap(h);
+    }
+}

@@ -283,4 +283,19 @@ TEST_F(TiffWrite, SavingIntoATiffAppendsAPage)
     EXPECT_EQ(RasterDiff(DecodeFile(path), a.Rgb()), 0);
     std::remove(path.c_str());
 }
+// The width is written as a SHORT: 65535 is the widest page.
+TEST_F(TiffWrite, WidthsUpToAShortAreWritten)
+{
+    struct Case { int32_t width, height, result; } cases[] = {{65535, 1, 0}, {65536, 1, IMG_ERR_TYPE}};
+    std::string path = TempPath("short_sizes.tif");
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
+        int32_t h = NewImage(c.width, c.height, 1);
+        ASSERT_GE(h, 0);
+        std::remove(path.c_str());
+        EXPECT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_TIFF_G4), c.result);
+        IMG_delete_bitmap(h);
+    }
+    std::remove(path.c_str());
+}
 } // namespace
