@@ -146,17 +146,6 @@ static_assert(kModes.mode[0x01] == kV0 && kModes.mode[0x04] == kHorizontal && kM
 
 } // namespace
 
-void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
-                    const uint8_t **blackLength, const int32_t **modes, const uint8_t **reversal)
-{
-    *white = kWhite.values;
-    *whiteLength = kWhite.lengths;
-    *black = kBlack.values;
-    *blackLength = kBlack.lengths;
-    *modes = kModes.mode;
-    *reversal = kBitReversal.data();
-}
-
 /* ---- the bit reader ---- */
 
 #if defined(__GNUC__)

@@ -47,9 +47,4 @@ int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
  * as the image's height. */
 int32_t CcittRowsProduced(void);
 
-/* For tests: the code tables (8192 values and lengths per colour), the
- * 256-entry mode table and the bit-reversal table, built on first use. */
-void CcittGetTables(const uint16_t **white, const uint8_t **whiteLength, const uint16_t **black,
-                    const uint8_t **blackLength, const int32_t **modes, const uint8_t **reversal);
-
 #endif /* TRNW_CCITT_DECODE_H */

@@ -429,7 +429,7 @@ TEST_F(Save, SaveMemSizeTooSmallReturnsLessThanOutput)
                   size == twoRows ? (int32_t)twoRows : IMG_ERR_WRITE);
         EXPECT_TRUE(std::equal(caller.begin(), caller.begin() + size, reference.begin()));
         for (size_t i = size; i < caller.size(); i++)
-            ASSERT_EQ(caller[i], 0xEE) << "byte " << i << " beyond the block was written";
+            ASSERT_EQ(caller[i], 0xEE) << "byte " << i << " beyond the block changed";
     }
 }
 
