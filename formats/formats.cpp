@@ -10,6 +10,7 @@
 #include "formats/fax.h"
 #include "formats/gif.h"
 #include "formats/signatures.h"
+#include "formats/tga.h"
 #include "formats/tiff_read.h"
 
 namespace {

@@ -38,17 +38,6 @@ bool ProbeIco(ImgDetectBytes &s)
     return Starts(s.b, "\x00\x00\x01\x00", 4) && (width == 16 || width == 32 || width == 64);
 }
 
-/* b0 = ID length, b1 = colour-map type, b2 = image type (signed bytes). */
-bool ProbeTga(ImgDetectBytes &s)
-{
-    int8_t idLength = (int8_t)s.b[0], mapType = (int8_t)s.b[1], imageType = (int8_t)s.b[2];
-    if ((imageType == 1 || imageType == 9) && mapType == 1)
-        return true;
-    if ((imageType == 2 || imageType == 10 || imageType == 3 || imageType == 11) && mapType == 0)
-        return true;
-    return idLength >= 24 && idLength <= 69 && imageType == (int8_t)0x9C;
-}
-
 bool ProbeWmf(ImgDetectBytes &s)
 {
     return Starts(s.b, "\xD7\xCD\xC6\x9A", 4) || s.b[0] == 1 || s.b[1] == 2;
@@ -131,8 +120,6 @@ constexpr ImgTypeEntry kGx2[] = {{IMG_TYPE_GX2, "GX2", nullptr}};
 constexpr ImgTypeEntry kLsd[] = {{IMG_TYPE_LSD, "LSD", nullptr}};
 constexpr ImgTypeEntry kPcx[] = {{IMG_TYPE_PCX, "PCX", nullptr}};
 constexpr ImgTypeEntry kIco[] = {{IMG_TYPE_ICO, "Windows icon", nullptr}};
-constexpr ImgTypeEntry kTga[] = {{IMG_TYPE_TGA, "Targa", nullptr},
-                                 {IMG_TYPE_TGA2, "Targa, 16-bit", nullptr}};
 constexpr ImgTypeEntry kWmf[] = {{IMG_TYPE_WMF, "Windows metafile", nullptr}};
 constexpr ImgTypeEntry kIca[] = {{IMG_TYPE_ICA, "IOCA", nullptr}};
 constexpr ImgTypeEntry kPcd[] = {{IMG_TYPE_PCD, "Photo CD", nullptr}};
@@ -169,7 +156,6 @@ const ImgFormat kGx2Format = {"gx2", nullptr, 22, ProbeGx2, nullptr, nullptr, nu
 const ImgFormat kLsdFormat = {"lsd", nullptr, 19, ProbeLsd, nullptr, nullptr, nullptr, false, kLsd};
 const ImgFormat kPcxFormat = {"pcx", "pcx", 2, ProbePcx, nullptr, nullptr, nullptr, false, kPcx};
 const ImgFormat kIcoFormat = {"ico", "ico", 25, ProbeIco, nullptr, nullptr, nullptr, false, kIco};
-const ImgFormat kTgaFormat = {"tga", "tga", 3, ProbeTga, nullptr, nullptr, nullptr, false, kTga};
 const ImgFormat kWmfFormat = {"wmf", "wmf", 6, ProbeWmf, nullptr, nullptr, nullptr, false, kWmf};
 const ImgFormat kIcaFormat = {"ica", "ica", 24, ProbeIca, nullptr, nullptr, nullptr, false, kIca};
 const ImgFormat kPcdFormat = {"pcd", nullptr, 39, ProbePcd, nullptr, nullptr, nullptr, false, kPcd};

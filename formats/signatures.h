@@ -9,7 +9,7 @@
 #include "formats/format.h"
 
 extern const ImgFormat kEpsFormat, kDcxFormat, kJpgFormat, kWpgFormat, kCalsFormat, kPngFormat,
-    kKfxFormat, kIffFormat, kGx2Format, kLsdFormat, kPcxFormat, kIcoFormat, kTgaFormat, kWmfFormat,
+    kKfxFormat, kIffFormat, kGx2Format, kLsdFormat, kPcxFormat, kIcoFormat, kWmfFormat,
     kIcaFormat, kPcdFormat, kClpFormat, kImgFormat, kBtrFormat, kMspFormat, kXbmFormat, kXpmFormat,
     kXwdFormat, kRasFormat, kCutFormat, kTxtFormat, kPsdFormat, kImtFormat, kPctFormat, kMacFormat,
     kMcaFormat;
