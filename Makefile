@@ -29,6 +29,7 @@ bench: build
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
 	@./build/bin/bench_dither
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
+	@./build/bin/bench_tga
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)
