@@ -92,18 +92,24 @@ TEST_F(TgaFormat, DamagedFilesGiveErrorCodes)
 
 TEST_F(TgaFormat, WritersReadBack)
 {
+    // A grey palette is written as the indices themselves, whatever the
+    // order of its greys: a reversed ramp reads back inverted.
     struct {
         int type, bits;
         bool grey;
         int32_t result, imageType, depth;
+        bool reversed = false;
     } cases[] = {
         {IMG_TYPE_TGA, 8, false, 0, 1, 8}, {IMG_TYPE_TGA, 8, true, 0, 3, 8}, {IMG_TYPE_TGA, 24, false, 0, 2, 24},
+        {IMG_TYPE_TGA, 8, true, 0, 3, 8, true},
         {IMG_TYPE_TGA, 4, false, IMG_ERR_DEPTH, 0, 0}, {IMG_TYPE_TGA2, 8, false, IMG_ERR_TYPE, 0, 0},
         {IMG_TYPE_TGA2, 24, false, 0, 2, 15},
     };
     for (auto &c : cases) {
         SCOPED_TRACE("type " + std::to_string(c.type) + ", " + std::to_string(c.bits) + " bits");
         Picture p = MakePicture(29, 9, c.bits, (uint32_t)(c.type + c.bits), c.grey);
+        for (int i = 0; c.reversed && i < 256; i++)
+            std::fill_n(p.palette.begin() + 4 * i, 3, (uint8_t)(255 - i));
         int32_t h = ImageOf(p);
         std::vector<uint8_t> file(20000);
         int32_t n = IMG_save_bitmap_mem_size(h, file.data(), (uint32_t)file.size(), c.type);
@@ -124,27 +130,32 @@ TEST_F(TgaFormat, WritersReadBack)
             continue;
         }
         int32_t status = 0;
-        EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), p.Rgb()), 0) << status;
+        Raster expected = p.Rgb();
+        for (uint8_t &v : expected.rgb) v = c.reversed ? (uint8_t)(255 - v) : v;
+        EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), expected), 0) << status;
     }
 }
 
-// A grey palette is written as the indices themselves, whatever the order of
-// its greys: a reversed ramp reads back inverted.
-TEST_F(TgaFormat, ReversedGreyRampReadsBackInverted)
+// Every allocation of the reader and the writer failing in turn: -1, and
+// nothing left behind.
+TEST_F(TgaFormat, AllocationFailuresGiveMinus1)
 {
-    Picture p = MakePicture(16, 4, 8, 3, true);
-    for (int i = 0; i < 256; i++)
-        std::fill_n(p.palette.begin() + 4 * i, 3, (uint8_t)(255 - i));
-    int32_t h = ImageOf(p);
-    std::vector<uint8_t> file(2000);
-    int32_t n = IMG_save_bitmap_mem_size(h, file.data(), (uint32_t)file.size(), IMG_TYPE_TGA);
+    std::vector<uint8_t> file = Build(kReads[6].tga);
+    int32_t h = ImageOf(MakePicture(9, 4, 8, 1));
+    std::vector<uint8_t> out(2000);
+    for (int fail = 0; fail < 9; fail++) { // 9: neither fails
+        ImgTestFailAllocations(fail);
+        int32_t status = 0, saved = IMG_save_bitmap_mem_size(h, out.data(), (uint32_t)out.size(), IMG_TYPE_TGA);
+        ImgTestFailAllocations(fail);
+        DecodeMemory(file, &status);
+        ImgTestFailAllocations(-1);
+        EXPECT_TRUE(saved > 0 || saved == IMG_ERR_MEMORY) << saved;
+        EXPECT_TRUE(status >= 0 || status == IMG_ERR_MEMORY) << status;
+        EXPECT_EQ(ImgTrackedCount(), 0);
+        if (status >= 0)
+            IMG_delete_bitmap(status);
+    }
     IMG_delete_bitmap(h);
-    ASSERT_GT(n, 0);
-    EXPECT_EQ(file[2], 3);
-    file.resize((size_t)n);
-    Raster r = DecodeMemory(file), inverted = p.Rgb();
-    for (uint8_t &v : inverted.rgb) v = (uint8_t)(255 - v);
-    EXPECT_EQ(RasterDiff(r, inverted), 0);
 }
 
 } // namespace
