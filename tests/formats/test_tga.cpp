@@ -143,7 +143,7 @@ TEST_F(TgaFormat, AllocationFailuresGiveMinus1)
     std::vector<uint8_t> file = Build(kReads[6].tga);
     int32_t h = ImageOf(MakePicture(9, 4, 8, 1));
     std::vector<uint8_t> out(2000);
-    for (int fail = 0; fail < 9; fail++) { // 9: neither fails
+    for (int fail = 0; fail < 9; fail++) { // at 8 neither fails
         ImgTestFailAllocations(fail);
         int32_t status = 0, saved = IMG_save_bitmap_mem_size(h, out.data(), (uint32_t)out.size(), IMG_TYPE_TGA);
         ImgTestFailAllocations(fail);
