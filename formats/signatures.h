@@ -8,7 +8,7 @@
 
 #include "formats/format.h"
 
-extern const ImgFormat kEpsFormat, kDcxFormat, kJpgFormat, kWpgFormat, kCalsFormat, kPngFormat,
+extern const ImgFormat kEpsFormat, kDcxFormat, kJpgFormat, kWpgFormat, kPngFormat,
     kKfxFormat, kIffFormat, kGx2Format, kLsdFormat, kPcxFormat, kIcoFormat, kTgaFormat, kWmfFormat,
     kIcaFormat, kPcdFormat, kClpFormat, kImgFormat, kBtrFormat, kMspFormat, kXbmFormat, kXpmFormat,
     kXwdFormat, kRasFormat, kCutFormat, kTxtFormat, kPsdFormat, kImtFormat, kPctFormat, kMacFormat,
