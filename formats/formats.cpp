@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "formats/bmp.h"
+#include "formats/cals.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
 #include "formats/signatures.h"

@@ -24,7 +24,6 @@ bool ProbeEps(ImgDetectBytes &s) { return Starts(s.b, "\xC5\xD0\xD3\xC6", 4); }
 bool ProbeDcx(ImgDetectBytes &s) { return Starts(s.b, "\xB1\x68\xDE\x3A", 4); }
 bool ProbeJpg(ImgDetectBytes &s) { return Starts(s.b, "\xFF\xD8", 2); }
 bool ProbeWpg(ImgDetectBytes &s) { return Starts(s.b + 1, "WPC", 3); }
-bool ProbeCal(ImgDetectBytes &s) { return Starts(s.b, "src", 3); }
 bool ProbePng(ImgDetectBytes &s) { return Starts(s.b + 1, "PNG", 3); }
 bool ProbeKfx(ImgDetectBytes &s) { return Starts(s.b, ".KF", 3); }
 bool ProbeIff(ImgDetectBytes &s) { return Starts(s.b, "FORM", 4); }
@@ -112,7 +111,6 @@ constexpr ImgTypeEntry kEps[] = {{IMG_TYPE_EPS, "Encapsulated PostScript", nullp
 constexpr ImgTypeEntry kDcx[] = {{IMG_TYPE_DCX, "DCX", nullptr}};
 constexpr ImgTypeEntry kJpg[] = {{IMG_TYPE_JPG, "JPEG", nullptr}};
 constexpr ImgTypeEntry kWpg[] = {{IMG_TYPE_WPG, "WordPerfect graphics", nullptr}};
-constexpr ImgTypeEntry kCals[] = {{IMG_TYPE_CALS, "CALS raster", nullptr}};
 constexpr ImgTypeEntry kPng[] = {{IMG_TYPE_PNG, "PNG", nullptr}};
 constexpr ImgTypeEntry kKfx[] = {{IMG_TYPE_KFX, "KFX", nullptr}};
 constexpr ImgTypeEntry kIff[] = {{IMG_TYPE_IFF, "IFF", nullptr}};
@@ -148,7 +146,6 @@ const ImgFormat kEpsFormat = {"eps", "eps", 14, ProbeEps, nullptr, nullptr, null
 const ImgFormat kDcxFormat = {"dcx", "dcx", 11, ProbeDcx, nullptr, nullptr, nullptr, true, kDcx};
 const ImgFormat kJpgFormat = {"jpg", "jpg", 13, ProbeJpg, nullptr, nullptr, nullptr, false, kJpg};
 const ImgFormat kWpgFormat = {"wpg", "wpg", 5, ProbeWpg, nullptr, nullptr, nullptr, false, kWpg};
-const ImgFormat kCalsFormat = {"cal", "cal", 18, ProbeCal, nullptr, nullptr, nullptr, false, kCals};
 const ImgFormat kPngFormat = {"png", "png", 43, ProbePng, nullptr, nullptr, nullptr, false, kPng};
 const ImgFormat kKfxFormat = {"kfx", nullptr, 23, ProbeKfx, nullptr, nullptr, nullptr, false, kKfx};
 const ImgFormat kIffFormat = {"iff", "iff", 26, ProbeIff, nullptr, nullptr, nullptr, false, kIff};

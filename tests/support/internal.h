@@ -23,6 +23,7 @@
 #include "core/progress.h"
 #include "core/runs.h"
 #include "formats/bmp.h"
+#include "formats/cals.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
 #include "formats/tiff_read.h"
