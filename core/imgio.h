@@ -29,7 +29,13 @@ int32_t ImgSeek(int handle, int32_t offset, int whence);
 void ImgReadAheadBegin(int handle);
 void ImgReadAheadEnd(void);
 int32_t ImgFileSize(int handle);
+/* False for a memory image set up without its size (unbounded): there the
+ * end of the data cannot be found by seeking from the end. */
+bool ImgSourceSizeKnown(int handle);
 uint32_t ImgTell(void);
+/* The position of `handle`: the memory image's own, or the file's (0 when
+ * it cannot be told). */
+uint32_t ImgPosition(int handle);
 void ImgSetMemorySource(void *pointer);
 /* Sized set-up for platforms where a block's size cannot be found from its
  * pointer; size 0 means unknown (unbounded). */

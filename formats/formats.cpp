@@ -9,6 +9,7 @@
 #include "formats/bmp.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
+#include "formats/pcx.h"
 #include "formats/signatures.h"
 #include "formats/tiff_read.h"
 
