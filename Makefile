@@ -28,6 +28,7 @@ bench: build
 	@./build/bin/bench_tiff_write
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
 	@./build/bin/bench_dither
+	@./build/bin/bench_pcx
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 
 fuzz: deps

@@ -22,6 +22,9 @@
 /* Byte-level primitives. */
 int32_t ImgRead(int handle, void *buffer, uint32_t count);
 int32_t ImgWrite(int handle, const void *buffer, uint32_t count);
+/* ImgRead that tells where the data ends: for the memory image the bytes it
+ * copies (0 at or past its end) rather than the whole count. */
+int32_t ImgReadSome(int handle, void *buffer, uint32_t count);
 int32_t ImgSeek(int handle, int32_t offset, int whence);
 /* Read-ahead: reads of `handle` served from a 64 KB block until ImgReadAheadEnd
  * (or a write or close of the handle); nothing for the memory image or when

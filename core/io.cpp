@@ -186,6 +186,13 @@ int32_t ImgRead(int handle, void *buffer, uint32_t count)
     return PlatformRead(handle, buffer, count);
 }
 
+int32_t ImgReadSome(int handle, void *buffer, uint32_t count)
+{
+    if (handle == IMG_MEMORY_HANDLE && !userRead && memoryPosition >= memorySize)
+        return 0;
+    return ImgRead(handle, buffer, count);
+}
+
 int32_t ImgWrite(int handle, const void *buffer, uint32_t count)
 {
     if (userWrite)

@@ -76,20 +76,20 @@ int ParseHeader(const uint8_t *h, PcxImage &img)
     img.paletteInfo = GetLE16(h + 68);
 
     uint32_t bitsInPlane = (uint32_t)img.bitsPerPlane; /* pixel bits a plane row holds */
-    switch (img.bitsPerPlane * 16 + img.planes) {
-    case 1 * 16 + 1: img.layout = RowLayout::Mono; img.bits = 1; break;
-    case 1 * 16 + 2:
-    case 1 * 16 + 3:
-    case 1 * 16 + 4: img.layout = RowLayout::BitPlanes; img.bits = 4; break;
-    case 4 * 16 + 4: /* four planes of 4 bits are read as four planes of 1 bit */
+    switch (img.bitsPerPlane << 8 | img.planes) {
+    case 1 << 8 | 1: img.layout = RowLayout::Mono; img.bits = 1; break;
+    case 1 << 8 | 2:
+    case 1 << 8 | 3:
+    case 1 << 8 | 4: img.layout = RowLayout::BitPlanes; img.bits = 4; break;
+    case 4 << 8 | 4: /* four planes of 4 bits are read as four planes of 1 bit */
         img.layout = RowLayout::BitPlanes;
         img.bits = 4;
         bitsInPlane = 1;
         break;
-    case 2 * 16 + 1: img.layout = RowLayout::Packed2; img.bits = 4; break;
-    case 4 * 16 + 1: img.layout = RowLayout::Packed; img.bits = 4; break;
-    case 8 * 16 + 1: img.layout = RowLayout::Packed; img.bits = 8; break;
-    case 8 * 16 + 3: img.layout = RowLayout::Rgb; img.bits = 24; break;
+    case 2 << 8 | 1: img.layout = RowLayout::Packed2; img.bits = 4; break;
+    case 4 << 8 | 1: img.layout = RowLayout::Packed; img.bits = 4; break;
+    case 8 << 8 | 1: img.layout = RowLayout::Packed; img.bits = 8; break;
+    case 8 << 8 | 3: img.layout = RowLayout::Rgb; img.bits = 24; break;
     default: return IMG_ERR_INVALID;
     }
     /* A plane row must hold the pixels of the width. */
@@ -163,7 +163,7 @@ class CodedRows {
         memmove(buffer_, buffer_ + position_, left);
         position_ = 0;
         end_ = left;
-        int32_t got = ImgRead(handle_, buffer_ + left, capacity_ - left);
+        int32_t got = ImgReadSome(handle_, buffer_ + left, capacity_ - left);
         if (got > 0) {
             uint32_t n = (uint32_t)got < capacity_ - left ? (uint32_t)got : capacity_ - left;
             end_ += n;
@@ -261,7 +261,6 @@ int FindPaletteBehindRows(int handle, uint32_t rowsAt, const PcxImage &img, int6
     ImgBuffer chunk(IMG_CHUNK_SIZE), row(img.codedRowBytes);
     if (!chunk || !row)
         return IMG_ERR_MEMORY;
-    memset(chunk.get(), 0, IMG_CHUNK_SIZE);
     ImgSeek(handle, (int32_t)rowsAt, 0);
     CodedRows rows(handle, rowsAt, chunk.get(), IMG_CHUNK_SIZE);
     for (uint32_t y = 0; y < img.height; y++) {
@@ -371,7 +370,6 @@ int ReadImage(uint32_t start, int64_t paletteAt, ImgRowSink rowSink, void *sinkC
     ImgBuffer chunk(IMG_CHUNK_SIZE), planes(img.codedRowBytes), row(img.stride);
     if (!chunk || !planes || !row)
         return IMG_ERR_MEMORY;
-    memset(chunk.get(), 0, IMG_CHUNK_SIZE); /* a memory image claims reads past its end */
     ImgSeek(handle, (int32_t)rowsAt, 0);
     CodedRows rows(handle, rowsAt, chunk.get(), IMG_CHUNK_SIZE);
     for (uint32_t y = 0; y < img.height; y++) {

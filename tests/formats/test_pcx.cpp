@@ -80,17 +80,6 @@ std::vector<ReadCase> ReadCases()
     };
 }
 
-// Decodes through a file: a memory image claims reads past its end, so only
-// a file shows where the data stops.
-Raster DecodeBytes(const std::vector<uint8_t> &bytes, int32_t *status)
-{
-    std::string path = TempPath("read.pcx");
-    WriteFile(path, bytes);
-    Raster r = DecodeFile(path, status);
-    std::remove(path.c_str());
-    return r;
-}
-
 } // namespace
 
 using PcxRead = TrnwTest;
@@ -100,7 +89,7 @@ TEST_F(PcxRead, BuiltFilesDecodeAsTheirBytesSay)
     for (const ReadCase &c : ReadCases()) {
         SCOPED_TRACE(c.name);
         int32_t status = 0;
-        Raster r = DecodeBytes(Build(c.pcx), &status);
+        Raster r = DecodeMemory(Build(c.pcx), &status);
         if (c.status < 0) {
             EXPECT_EQ(status, c.status);
             continue;
@@ -114,7 +103,7 @@ TEST_F(PcxRead, BuiltFilesDecodeAsTheirBytesSay)
     int32_t status = 0;
     std::vector<uint8_t> cut = Build({8, 1, 1, 1, 1, {}});
     cut.resize(127);
-    DecodeBytes(cut, &status);
+    DecodeMemory(cut, &status);
     EXPECT_EQ(status, IMG_ERR_OPEN); // a header shorter than 128 bytes
 }
 
