@@ -29,6 +29,7 @@ bench: build
 	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
 	@./build/bin/bench_dither
 	@./build/bin/bench_cals
+	@./build/bin/bench_pcx
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 	@./build/bin/bench_tga
 

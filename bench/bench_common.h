@@ -15,6 +15,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <stdio.h>
+
+#include "core/imgapi.h"
 
 static inline double BenchNow(void)
 {
@@ -132,6 +135,74 @@ static inline void BenchTextPage(BenchPage *page, uint32_t seed)
             x += 12 + (int)(BenchRandom(&seed) % 8);
         }
     }
+}
+
+
+/* ---- decoders beside ImageMagick ---- */
+
+/* The median time of `runs` (at most 16) decodes of a file through the
+ * public API, or -1 when one fails. */
+static inline double BenchTimeDecode(const char *path, int runs)
+{
+    double times[16];
+    runs = runs < 1 ? 1 : runs > 16 ? 16 : runs;
+    for (int run = 0; run < runs; run++) {
+        double t0 = BenchNow();
+        int32_t handle = IMG_decompress_bitmap(path);
+        times[run] = BenchNow() - t0;
+        if (handle < 0)
+            return -1;
+        IMG_delete_bitmap(handle);
+    }
+    return BenchMedian(times, runs);
+}
+
+/* The median time of `runs` (at most 16) copies of `size` bytes: the floor
+ * of any decode that writes that much. */
+static inline double BenchTimeMemcpy(size_t size, int runs)
+{
+    double times[16];
+    runs = runs < 1 ? 1 : runs > 16 ? 16 : runs;
+    uint8_t *a = (uint8_t *)malloc(size), *b = (uint8_t *)malloc(size);
+    if (!a || !b) {
+        free(a);
+        free(b);
+        return -1;
+    }
+    memset(a, 1, size);
+    memset(b, 2, size);
+    for (int run = 0; run < runs; run++) {
+        double t0 = BenchNow();
+        memcpy(b, a, size);
+        times[run] = BenchNow() - t0;
+        a[run] = b[size - 1 - (size_t)run]; /* keeps the copies */
+    }
+    free(a);
+    free(b);
+    return BenchMedian(times, runs);
+}
+
+#define BENCH_MAGICK "/usr/bin/convert"
+
+/* ImageMagick decoding `path` to ppm:/dev/null, its start-up measured by the
+ * same command on `tiny`; prints both and the ratios to `ours` (seconds).
+ * 0, or -1 when a command fails. */
+static inline int BenchPrintMagickRatio(const char *path, const char *tiny, double ours, int runs)
+{
+    char command[2048];
+    snprintf(command, sizeof command, "%s '%s' ppm:/dev/null >/dev/null 2>&1", BENCH_MAGICK, tiny);
+    double startUp = BenchTimeCommand(command, runs);
+    snprintf(command, sizeof command, "%s '%s' ppm:/dev/null >/dev/null 2>&1", BENCH_MAGICK, path);
+    double theirs = BenchTimeCommand(command, runs);
+    if (startUp < 0 || theirs < 0) {
+        printf("  ImageMagick: a command failed\n");
+        return -1;
+    }
+    printf("  convert (start-up, a 1 x 1 file)  %8.2f ms\n", startUp * 1e3);
+    printf("  convert file ppm:/dev/null        %8.2f ms\n", theirs * 1e3);
+    printf("  ratio ImageMagick/ours: %.2f whole, %.2f less start-up\n", theirs / ours,
+           (theirs - startUp) / ours);
+    return 0;
 }
 
 #endif /* TRNW_BENCH_COMMON_H */

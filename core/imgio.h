@@ -22,6 +22,9 @@
 /* Byte-level primitives. */
 int32_t ImgRead(int handle, void *buffer, uint32_t count);
 int32_t ImgWrite(int handle, const void *buffer, uint32_t count);
+/* ImgRead that tells where the data ends: for the memory image the bytes it
+ * copies (0 at or past its end) rather than the whole count. */
+int32_t ImgReadSome(int handle, void *buffer, uint32_t count);
 int32_t ImgSeek(int handle, int32_t offset, int whence);
 /* Read-ahead: reads of `handle` served from a 64 KB block until ImgReadAheadEnd
  * (or a write or close of the handle); nothing for the memory image or when
@@ -29,7 +32,13 @@ int32_t ImgSeek(int handle, int32_t offset, int whence);
 void ImgReadAheadBegin(int handle);
 void ImgReadAheadEnd(void);
 int32_t ImgFileSize(int handle);
+/* False for a memory image set up without its size (unbounded): there the
+ * end of the data cannot be found by seeking from the end. */
+bool ImgSourceSizeKnown(int handle);
 uint32_t ImgTell(void);
+/* The position of `handle`: the memory image's own, or the file's (0 when
+ * it cannot be told). */
+uint32_t ImgPosition(int handle);
 void ImgSetMemorySource(void *pointer);
 /* Sized set-up for platforms where a block's size cannot be found from its
  * pointer; size 0 means unknown (unbounded). */

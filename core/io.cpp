@@ -186,6 +186,13 @@ int32_t ImgRead(int handle, void *buffer, uint32_t count)
     return PlatformRead(handle, buffer, count);
 }
 
+int32_t ImgReadSome(int handle, void *buffer, uint32_t count)
+{
+    if (handle == IMG_MEMORY_HANDLE && !userRead && memoryPosition >= memorySize)
+        return 0;
+    return ImgRead(handle, buffer, count);
+}
+
 int32_t ImgWrite(int handle, const void *buffer, uint32_t count)
 {
     if (userWrite)
@@ -218,9 +225,22 @@ int32_t ImgFileSize(int handle)
     return end;
 }
 
+bool ImgSourceSizeKnown(int handle)
+{
+    return handle != IMG_MEMORY_HANDLE || userSeek || memorySize != IMG_MEMORY_UNBOUNDED;
+}
+
 uint32_t ImgTell(void)
 {
     return memoryPosition;
+}
+
+uint32_t ImgPosition(int handle)
+{
+    if (handle == IMG_MEMORY_HANDLE)
+        return memoryPosition;
+    int32_t position = ImgSeek(handle, 0, 1);
+    return position < 0 ? 0 : (uint32_t)position;
 }
 
 /* ---- files by name ---- */

@@ -10,6 +10,7 @@
 #include "formats/cals.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
+#include "formats/pcx.h"
 #include "formats/signatures.h"
 #include "formats/tga.h"
 #include "formats/tiff_read.h"

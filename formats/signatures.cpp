@@ -21,7 +21,6 @@ bool Starts(const uint8_t *b, const char *bytes, size_t n)
 }
 
 bool ProbeEps(ImgDetectBytes &s) { return Starts(s.b, "\xC5\xD0\xD3\xC6", 4); }
-bool ProbeDcx(ImgDetectBytes &s) { return Starts(s.b, "\xB1\x68\xDE\x3A", 4); }
 bool ProbeJpg(ImgDetectBytes &s) { return Starts(s.b, "\xFF\xD8", 2); }
 bool ProbeWpg(ImgDetectBytes &s) { return Starts(s.b + 1, "WPC", 3); }
 bool ProbePng(ImgDetectBytes &s) { return Starts(s.b + 1, "PNG", 3); }
@@ -29,7 +28,6 @@ bool ProbeKfx(ImgDetectBytes &s) { return Starts(s.b, ".KF", 3); }
 bool ProbeIff(ImgDetectBytes &s) { return Starts(s.b, "FORM", 4); }
 bool ProbeGx2(ImgDetectBytes &s) { return Starts(s.b, "GX2", 3); }
 bool ProbeLsd(ImgDetectBytes &s) { return Starts(s.b, "\xDC\xDC", 2); }
-bool ProbePcx(ImgDetectBytes &s) { return s.b[0] == 0x0A && s.b[2] == 1; }
 
 bool ProbeIco(ImgDetectBytes &s)
 {
@@ -108,7 +106,6 @@ bool ProbeMac(ImgDetectBytes &s)
 }
 
 constexpr ImgTypeEntry kEps[] = {{IMG_TYPE_EPS, "Encapsulated PostScript", nullptr}};
-constexpr ImgTypeEntry kDcx[] = {{IMG_TYPE_DCX, "DCX", nullptr}};
 constexpr ImgTypeEntry kJpg[] = {{IMG_TYPE_JPG, "JPEG", nullptr}};
 constexpr ImgTypeEntry kWpg[] = {{IMG_TYPE_WPG, "WordPerfect graphics", nullptr}};
 constexpr ImgTypeEntry kPng[] = {{IMG_TYPE_PNG, "PNG", nullptr}};
@@ -116,7 +113,6 @@ constexpr ImgTypeEntry kKfx[] = {{IMG_TYPE_KFX, "KFX", nullptr}};
 constexpr ImgTypeEntry kIff[] = {{IMG_TYPE_IFF, "IFF", nullptr}};
 constexpr ImgTypeEntry kGx2[] = {{IMG_TYPE_GX2, "GX2", nullptr}};
 constexpr ImgTypeEntry kLsd[] = {{IMG_TYPE_LSD, "LSD", nullptr}};
-constexpr ImgTypeEntry kPcx[] = {{IMG_TYPE_PCX, "PCX", nullptr}};
 constexpr ImgTypeEntry kIco[] = {{IMG_TYPE_ICO, "Windows icon", nullptr}};
 constexpr ImgTypeEntry kWmf[] = {{IMG_TYPE_WMF, "Windows metafile", nullptr}};
 constexpr ImgTypeEntry kIca[] = {{IMG_TYPE_ICA, "IOCA", nullptr}};
@@ -143,7 +139,6 @@ constexpr ImgTypeEntry kMca[] = {{IMG_TYPE_MCA, "MCA", nullptr}};
  * reader, page counter, multi-page, types.  ".imt" and ".btr" carry a
  * leading point, so a path's last three characters never select them. */
 const ImgFormat kEpsFormat = {"eps", "eps", 14, ProbeEps, nullptr, nullptr, nullptr, false, kEps};
-const ImgFormat kDcxFormat = {"dcx", "dcx", 11, ProbeDcx, nullptr, nullptr, nullptr, true, kDcx};
 const ImgFormat kJpgFormat = {"jpg", "jpg", 13, ProbeJpg, nullptr, nullptr, nullptr, false, kJpg};
 const ImgFormat kWpgFormat = {"wpg", "wpg", 5, ProbeWpg, nullptr, nullptr, nullptr, false, kWpg};
 const ImgFormat kPngFormat = {"png", "png", 43, ProbePng, nullptr, nullptr, nullptr, false, kPng};
@@ -151,7 +146,6 @@ const ImgFormat kKfxFormat = {"kfx", nullptr, 23, ProbeKfx, nullptr, nullptr, nu
 const ImgFormat kIffFormat = {"iff", "iff", 26, ProbeIff, nullptr, nullptr, nullptr, false, kIff};
 const ImgFormat kGx2Format = {"gx2", nullptr, 22, ProbeGx2, nullptr, nullptr, nullptr, false, kGx2};
 const ImgFormat kLsdFormat = {"lsd", nullptr, 19, ProbeLsd, nullptr, nullptr, nullptr, false, kLsd};
-const ImgFormat kPcxFormat = {"pcx", "pcx", 2, ProbePcx, nullptr, nullptr, nullptr, false, kPcx};
 const ImgFormat kIcoFormat = {"ico", "ico", 25, ProbeIco, nullptr, nullptr, nullptr, false, kIco};
 const ImgFormat kWmfFormat = {"wmf", "wmf", 6, ProbeWmf, nullptr, nullptr, nullptr, false, kWmf};
 const ImgFormat kIcaFormat = {"ica", "ica", 24, ProbeIca, nullptr, nullptr, nullptr, false, kIca};

@@ -8,8 +8,8 @@
 
 #include "formats/format.h"
 
-extern const ImgFormat kEpsFormat, kDcxFormat, kJpgFormat, kWpgFormat, kPngFormat, kKfxFormat,
-    kIffFormat, kGx2Format, kLsdFormat, kPcxFormat, kIcoFormat, kWmfFormat,
+extern const ImgFormat kEpsFormat, kJpgFormat, kWpgFormat, kPngFormat, kKfxFormat, kIffFormat,
+    kGx2Format, kLsdFormat, kIcoFormat, kWmfFormat,
     kIcaFormat, kPcdFormat, kClpFormat, kImgFormat, kBtrFormat, kMspFormat, kXbmFormat, kXpmFormat,
     kXwdFormat, kRasFormat, kCutFormat, kTxtFormat, kPsdFormat, kImtFormat, kPctFormat, kMacFormat,
     kMcaFormat;

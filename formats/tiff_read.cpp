@@ -287,14 +287,6 @@ static void FreeStripOffsets(void)
 }
 
 /* The source's current position: the base of a page asked for by number. */
-static uint32_t CurrentPosition(int handle)
-{
-    if (handle == IMG_MEMORY_HANDLE)
-        return ImgTell();
-    int32_t position = ImgSeek(handle, 0, 1);
-    return position < 0 ? 0 : (uint32_t)position;
-}
-
 /* Tags read into locals: they act once the whole IFD is parsed. */
 typedef struct {
     uint32_t resolutionUnit;
@@ -481,7 +473,7 @@ int TiffCountPages(int handle)
 {
     int count;
     IfdLocals locals;
-    if (OpenChain(handle, CurrentPosition(handle), &count) < 0)
+    if (OpenChain(handle, ImgPosition(handle), &count) < 0)
         return 1;
     ChainGuard guard = {tiffFile.firstIfd, 0, 1};
     uint32_t offset = tiffFile.firstIfd;
@@ -1272,7 +1264,7 @@ int TiffRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSin
     uint32_t base = start & 0x7FFFFFFFu;
     if (start & IMG_PAGE_FLAG) {
         page = (int)(start & 0xFFFF);
-        base = CurrentPosition(handle);
+        base = ImgPosition(handle);
     }
     ImgReadAheadBegin(handle); /* the IFD walk and the strips: many small reads */
     int result = TiffOpenPage(handle, base, page);

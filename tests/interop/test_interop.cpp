@@ -68,6 +68,9 @@ const char *const kTiff2pdf = "tiff2pdf -o '{out}.pdf' '{in}'";
 // marks it BottomLeft: -auto-orient turns it right way up.
 const char *const kMagickTga = "{convert} 'tga:{in}' -auto-orient -depth 8 'ppm:{out}'";
 const char *const kTgaToPpm = "tgatoppm '{in}' > '{out}'";
+const char *const kPcxToPpm = "pcxtoppm '{in}' > '{out}'";
+const char *const kPillow = "/usr/bin/python3 -c \"from PIL import Image; "
+                            "Image.open('{in}').convert('RGB').save('{out}', 'PPM')\"";
 const char *const kFax2tiff = "fax2tiff {opts} -X {w} -o '{out}.tif' '{in}' && tifftopnm '{out}.tif' > '{out}'";
 
 const WriteCase kWrites[] = {
@@ -130,6 +133,17 @@ const WriteCase kWrites[] = {
     {"Tga24Netpbm", IMG_TYPE_TGA, 24, 33, 17, false, "tgatoppm", kTgaToPpm},
     {"Tga15", IMG_TYPE_TGA2, 24, 33, 17, false, "convert", kMagickTga},
     {"Tga15Netpbm", IMG_TYPE_TGA2, 24, 33, 17, false, "tgatoppm", kTgaToPpm},
+    // PCX and DCX (ImageMagick reads every 1-bit PCX with bit 0 white, whatever its palette)
+    {"Pcx1", IMG_TYPE_PCX, 1, 77, 23, false, "pcxtoppm", kPcxToPpm},
+    {"Pcx1Pillow", IMG_TYPE_PCX, 1, 77, 23, false, "python3", kPillow},
+    {"Pcx4", IMG_TYPE_PCX, 4, 31, 9, false, "convert", kMagick},
+    {"Pcx4Netpbm", IMG_TYPE_PCX, 4, 31, 9, false, "pcxtoppm", kPcxToPpm},
+    {"Pcx8", IMG_TYPE_PCX, 8, 30, 11, false, "convert", kMagick},
+    {"Pcx8Pillow", IMG_TYPE_PCX, 8, 30, 11, false, "python3", kPillow},
+    {"Pcx24", IMG_TYPE_PCX, 24, 33, 17, false, "pcxtoppm", kPcxToPpm},
+    {"Pcx24Pillow", IMG_TYPE_PCX, 24, 33, 17, false, "python3", kPillow},
+    {"Dcx8", IMG_TYPE_DCX, 8, 30, 11, false, "convert", kMagick},
+    {"Dcx24Pillow", IMG_TYPE_DCX, 24, 33, 17, false, "python3", kPillow},
 };
 
 class WrittenFile : public TrnwTest, public ::testing::WithParamInterface<WriteCase> {};
@@ -181,6 +195,8 @@ struct ReadCase {
     const char *ext;
 };
 
+// Pillow saves {in} as {out}, the format by the extension, `options` added to save().
+#define PILLOW_SAVE(options) "/usr/bin/python3 -c \"from PIL import Image; Image.open('{in}').save('{out}'" options ")\""
 #define PLAIN "pnmtotiff '{in}' > '{out}.plain.tif' && "
 const ReadCase kReads[] = {
     {"TiffcpLzw24", 24, false, "pnmtotiff tiffcp", PLAIN "tiffcp -c lzw -r 7 '{out}.plain.tif' '{out}'", "tif"},
@@ -226,11 +242,21 @@ const ReadCase kReads[] = {
     {"NetpbmTgaMono", 8, true, "pamtotga", "pamtotga -mono '{in}' > '{out}'", "tga"},
     {"NetpbmTgaRgb", 24, false, "pamtotga", "pamtotga -rgb '{in}' > '{out}'", "tga"},
     {"NetpbmTgaRgbNoRle", 24, false, "pamtotga", "pamtotga -rgb -norle '{in}' > '{out}'", "tga"},
-#define PILLOW_TGA "/usr/bin/python3 -c \"from PIL import Image; Image.open('{in}').save('{out}'"
-    {"PillowTga24", 24, false, "python3", PILLOW_TGA ")\"", "tga"},
-    {"PillowTgaRle24", 24, false, "python3", PILLOW_TGA ", compression='tga_rle')\"", "tga"},
-    {"PillowTgaRleGrey8", 8, true, "python3", PILLOW_TGA ", compression='tga_rle')\"", "tga"},
+    {"PillowTga24", 24, false, "python3", PILLOW_SAVE(""), "tga"},
+    {"PillowTgaRle24", 24, false, "python3", PILLOW_SAVE(", compression='tga_rle'"), "tga"},
+    {"PillowTgaRleGrey8", 8, true, "python3", PILLOW_SAVE(", compression='tga_rle'"), "tga"},
     {"MagickCals", 1, false, "convert", "{convert} '{in}' 'cals:{out}'", "cal"},
+    {"NetpbmPcx1", 1, false, "ppmtopcx", "ppmtopcx '{in}' > '{out}'", "pcx"},
+    {"NetpbmPcx4Planes", 4, false, "ppmtopcx", "ppmtopcx '{in}' > '{out}'", "pcx"},
+    {"NetpbmPcx4Packed", 4, false, "ppmtopcx", "ppmtopcx -packed '{in}' > '{out}'", "pcx"},
+    {"NetpbmPcx8", 8, false, "ppmtopcx", "ppmtopcx -8bit '{in}' > '{out}'", "pcx"},
+    {"NetpbmPcx24", 24, false, "ppmtopcx", "ppmtopcx -24bit '{in}' > '{out}'", "pcx"},
+    {"MagickPcx8", 8, false, "convert", "{convert} '{in}' -type Palette '{out}'", "pcx"},
+    {"MagickPcx24", 24, false, "convert", "{convert} '{in}' -type TrueColor '{out}'", "pcx"},
+    {"MagickDcx24", 24, false, "convert", "{convert} '{in}' '{in}' 'dcx:{out}'", "dcx"},
+    {"PillowPcx1", 1, false, "python3", PILLOW_SAVE(""), "pcx"},
+    {"PillowPcxGrey8", 8, true, "python3", PILLOW_SAVE(""), "pcx"},
+    {"PillowPcx24", 24, false, "python3", PILLOW_SAVE(""), "pcx"},
 };
 
 class ToolFile : public TrnwTest, public ::testing::WithParamInterface<ReadCase> {};
@@ -276,6 +302,53 @@ TEST_F(TrnwTest, NetpbmGroup3StreamDecodesThroughTheFaxEntry)
     }
     std::remove(pbm.c_str());
     std::remove(g3.c_str());
+}
+
+// ppmtopcx codes four colours as two planes of one bit, or packed as two
+// bits a pixel.
+TEST_F(TrnwTest, NetpbmFourColourPcxDecodes)
+{
+    SKIP_WITHOUT("ppmtopcx");
+    Picture p = MakePicture(45, 13, 4, 21);
+    for (auto &row : p.rows)
+        for (uint8_t &b : row)
+            b &= 0x33; // indices 0 to 3
+    Raster expected = p.Rgb();
+    std::string ppm = TempPath("four.ppm"), pcx = TempPath("four.pcx");
+    ASSERT_TRUE(WritePnm(ppm, expected));
+    for (const char *options : {"", "-packed"}) {
+        SCOPED_TRACE(options);
+        ASSERT_TRUE(RunQuiet(std::string("ppmtopcx ") + options + " '" + ppm + "' > '" + pcx + "'"));
+        EXPECT_EQ(RasterDiff(DecodeFile(pcx), expected), 0);
+    }
+    std::remove(ppm.c_str());
+    std::remove(pcx.c_str());
+}
+
+// A DCX built page by page reads back in ImageMagick page by page, each
+// 256-colour page with its own palette.
+TEST_F(TrnwTest, DcxWeBuildReadsBackPageByPageInImageMagick)
+{
+    SKIP_WITHOUT("convert");
+    std::vector<Picture> pages = {MakePicture(40, 9, 8, 5), MakePicture(40, 9, 8, 6, true),
+                                  MakePicture(23, 5, 1, 7), MakePicture(17, 8, 24, 8)};
+    std::string dcx = TempPath("pages.dcx"), ppm = dcx + ".ppm";
+    std::remove(dcx.c_str());
+    for (const Picture &p : pages) {
+        int32_t h = ImageOf(p);
+        ASSERT_EQ(IMG_save_bitmap(h, dcx.c_str(), IMG_TYPE_DCX), 0);
+        IMG_delete_bitmap(h);
+    }
+    for (size_t i = 0; i < pages.size(); i++) {
+        SCOPED_TRACE(i);
+        Raster theirs = ToolRaster(Convert() + " '" + dcx + "[" + std::to_string(i) + "]' -depth 8 'ppm:" + ppm + "'", ppm);
+        if (pages[i].bits == 1) // ImageMagick's bit 0 is white
+            for (uint8_t &v : theirs.rgb)
+                v = (uint8_t)(255 - v);
+        EXPECT_EQ(RasterDiff(theirs, pages[i].Rgb()), 0);
+    }
+    std::remove(dcx.c_str());
+    std::remove(ppm.c_str());
 }
 
 /* ---- processing against ImageMagick ---- */
