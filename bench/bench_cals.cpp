@@ -23,9 +23,8 @@
 #include "core/imgapi.h"
 #include "core/imgio.h"
 
-constexpr int PAGE_W = 2550, PAGE_H = 3300, RUNS = 9, COPIES = 51, MAGICK_RUNS = 5;
+constexpr int PAGE_W = 2550, PAGE_H = 3300, RUNS = 9, MAGICK_RUNS = 5;
 
-static const char magick[] = "/usr/bin/convert";
 
 /* A 1-bit DIB (entry 0 black, entry 1 white) of the text page, or of a
  * white w x h page when `text` is 0; saved as `type` at `path`. */
@@ -67,39 +66,6 @@ static int SavePage(int w, int h, int text, const char *path, int32_t type)
     return result;
 }
 
-static double TimeDecode(const char *path)
-{
-    double times[RUNS];
-    for (int run = 0; run < RUNS; run++) {
-        double t0 = BenchNow();
-        int32_t handle = IMG_decompress_bitmap(path);
-        times[run] = BenchNow() - t0;
-        if (handle < 0) {
-            fprintf(stderr, "bench_cals: our decode of %s failed: %d\n", path, (int)handle);
-            exit(1);
-        }
-        IMG_delete_bitmap(handle);
-    }
-    return BenchMedian(times, RUNS);
-}
-
-static double TimeMemcpy(size_t bytes)
-{
-    uint8_t *from = static_cast<uint8_t *>(malloc(bytes)), *to = static_cast<uint8_t *>(malloc(bytes));
-    memset(from, 0x5A, bytes);
-    memset(to, 0, bytes);
-    double times[COPIES];
-    for (int run = 0; run < COPIES; run++) {
-        double t0 = BenchNow();
-        memcpy(to, from, bytes);
-        times[run] = BenchNow() - t0;
-        from[run % bytes] ^= to[(run * 7) % bytes]; /* keeps the copies */
-    }
-    free(from);
-    free(to);
-    return BenchMedian(times, COPIES);
-}
-
 int main(void)
 {
     const char *tmp = getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp";
@@ -115,31 +81,23 @@ int main(void)
     }
     printf("bench_cals: %d x %d dense text page; ours median of %d, ImageMagick median of %d "
            "(wall clock)\n", PAGE_W, PAGE_H, RUNS, MAGICK_RUNS);
-    double ours = TimeDecode(cal), tiff = TimeDecode(tif);
-    double copy = TimeMemcpy((size_t)(PAGE_W + 7) / 8 * PAGE_H);
+    double ours = BenchTimeDecode(cal, RUNS), tiff = BenchTimeDecode(tif, RUNS);
+    double copy = BenchTimeMemcpy((size_t)(PAGE_W + 7) / 8 * PAGE_H, 16);
+    if (ours < 0 || tiff < 0 || copy < 0) {
+        fprintf(stderr, "bench_cals: a decode failed\n");
+        return 1;
+    }
     printf("  IMG_decompress_bitmap, CALS               %8.2f ms\n", ours * 1e3);
     printf("  IMG_decompress_bitmap, Group 4 TIFF       %8.2f ms\n", tiff * 1e3);
     printf("  memcpy of the packed page (%d bytes) %8.3f ms\n", (PAGE_W + 7) / 8 * PAGE_H,
            copy * 1e3);
     printf("  ratio Group 4 TIFF / CALS: %.2f;  CALS / memcpy: %.1f\n", tiff / ours, ours / copy);
 
-    snprintf(command, sizeof command, "%s -version >/dev/null 2>&1", magick);
-    if (system(command) != 0) {
-        printf("  ImageMagick (%s): not installed\n", magick);
-    } else {
-        snprintf(command, sizeof command, "%s '%s' pbm:/dev/null >/dev/null 2>&1", magick, tiny);
-        double startUp = BenchTimeCommand(command, MAGICK_RUNS);
-        snprintf(command, sizeof command, "%s '%s' pbm:/dev/null >/dev/null 2>&1", magick, cal);
-        double whole = BenchTimeCommand(command, MAGICK_RUNS);
-        if (startUp < 0 || whole < 0) {
-            printf("  ImageMagick: a command failed\n");
-        } else {
-            printf("  convert tiny.cal pbm:/dev/null (start-up) %8.2f ms\n", startUp * 1e3);
-            printf("  convert page.cal pbm:/dev/null            %8.2f ms\n", whole * 1e3);
-            printf("  ratio ImageMagick/ours: %.2f whole, %.2f less start-up\n", whole / ours,
-                   (whole - startUp) / ours);
-        }
-    }
+    snprintf(command, sizeof command, "%s -version >/dev/null 2>&1", BENCH_MAGICK);
+    if (system(command) != 0)
+        printf("  ImageMagick (%s): not installed\n", BENCH_MAGICK);
+    else
+        BenchPrintMagickRatio(cal, tiny, ours, MAGICK_RUNS);
     printf("(targets: ImageMagick less start-up >= 5x ours; CALS at the speed of the Group 4 TIFF "
            "read)\n");
     remove(cal);

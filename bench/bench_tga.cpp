@@ -24,7 +24,6 @@
 
 constexpr int PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 7, MAGICK_RUNS = 3;
 
-static const char magick[] = "/usr/bin/convert";
 
 /* Run-length packets of one row of 3-byte pixels: runs of two or more equal
  * pixels, raw packets between them. */
@@ -83,41 +82,6 @@ static int MakeOwn(const char *path, int width, int height)
     return fclose(f) == 0 && ok ? 0 : -1;
 }
 
-static double TimeOurs(const char *path)
-{
-    double times[RUNS];
-    for (int run = 0; run < RUNS; run++) {
-        double t0 = BenchNow();
-        int32_t handle = IMG_decompress_bitmap(path);
-        times[run] = BenchNow() - t0;
-        if (handle < 0) {
-            fprintf(stderr, "bench_tga: decode failed: %d\n", (int)handle);
-            return -1;
-        }
-        IMG_delete_bitmap(handle);
-    }
-    return BenchMedian(times, RUNS);
-}
-
-static double TimeMemcpy(size_t size)
-{
-    uint8_t *a = static_cast<uint8_t *>(malloc(size)), *b = static_cast<uint8_t *>(malloc(size));
-    if (!a || !b)
-        return -1;
-    memset(a, 1, size);
-    memset(b, 2, size);
-    double times[RUNS];
-    for (int run = 0; run < RUNS; run++) {
-        double t0 = BenchNow();
-        memcpy(b, a, size);
-        times[run] = BenchNow() - t0;
-        a[run] = b[size - 1 - (size_t)run]; /* keeps the copies */
-    }
-    free(a);
-    free(b);
-    return BenchMedian(times, RUNS);
-}
-
 int main(void)
 {
     const char *tmp = getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp";
@@ -125,11 +89,11 @@ int main(void)
     snprintf(in, sizeof in, "%s/bench_tga_photo.tga", tmp);
     snprintf(tiny, sizeof tiny, "%s/bench_tga_1x1.tga", tmp);
 
-    snprintf(command, sizeof command, "%s -version >/dev/null 2>&1", magick);
+    snprintf(command, sizeof command, "%s -version >/dev/null 2>&1", BENCH_MAGICK);
     bool haveMagick = system(command) == 0;
     if (haveMagick) {
         snprintf(command, sizeof command,
-                 "%s -size %dx%d -seed 5 plasma: -compress RLE 'tga:%s' >/dev/null 2>&1", magick,
+                 "%s -size %dx%d -seed 5 plasma: -compress RLE 'tga:%s' >/dev/null 2>&1", BENCH_MAGICK,
                  PHOTO_W, PHOTO_H, in);
         haveMagick = system(command) == 0;
     }
@@ -142,31 +106,20 @@ int main(void)
     printf("bench_tga: %d x %d 24-bit run-length Targa (%s); median of %d, ImageMagick median of "
            "%d (wall clock)\n",
            PHOTO_W, PHOTO_H, haveMagick ? "ImageMagick plasma" : "own picture", RUNS, MAGICK_RUNS);
-    double ours = TimeOurs(in);
-    double copy = TimeMemcpy((size_t)PHOTO_W * PHOTO_H * 3);
+    double ours = BenchTimeDecode(in, RUNS);
+    double copy = BenchTimeMemcpy((size_t)PHOTO_W * PHOTO_H * 3, RUNS);
     if (ours < 0 || copy < 0)
         return 1;
     printf("  IMG_decompress_bitmap            %8.2f ms\n", ours * 1e3);
     printf("  memcpy of the decoded size       %8.2f ms  (ours / memcpy %.2f)\n", copy * 1e3, ours / copy);
     if (!haveMagick) {
-        printf("  ImageMagick (%s): not installed, no comparison\n", magick);
+        printf("  ImageMagick (%s): not installed, no comparison\n", BENCH_MAGICK);
         remove(in);
         remove(tiny);
         return 0;
     }
-    snprintf(command, sizeof command, "%s 'tga:%s' ppm:/dev/null >/dev/null 2>&1", magick, tiny);
-    double startUp = BenchTimeCommand(command, MAGICK_RUNS);
-    snprintf(command, sizeof command, "%s 'tga:%s' ppm:/dev/null >/dev/null 2>&1", magick, in);
-    double theirs = BenchTimeCommand(command, MAGICK_RUNS);
-    if (startUp < 0 || theirs < 0) {
-        printf("  ImageMagick: a command failed\n");
-        return 1;
-    }
-    printf("  convert 1x1.tga ppm:/dev/null (start-up)  %8.2f ms\n", startUp * 1e3);
-    printf("  convert file.tga ppm:/dev/null            %8.2f ms\n", theirs * 1e3);
-    printf("  ratio ImageMagick/ours: %.2f whole, %.2f less start-up\n", theirs / ours,
-           (theirs - startUp) / ours);
+    int result = BenchPrintMagickRatio(in, tiny, ours, MAGICK_RUNS);
     remove(in);
     remove(tiny);
-    return 0;
+    return result < 0 ? 1 : 0;
 }

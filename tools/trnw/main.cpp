@@ -701,9 +701,10 @@ const Command kCommands[] = {
      "                       a TIFF save type; uncompressed by default)\n",
      RunSplit, 2, 2, kTypeOptionOnly},
     {{"merge"},
-     "  merge OUT.tif IN... [--type N]\n"
+     "  merge OUT IN... [--type N]\n"
      "                       every page of every IN (any readable format) appended in\n"
-     "                       order to OUT.tif, which is replaced (type N as for split)\n",
+     "                       order to the multi-page OUT (TIFF or DCX), which is\n"
+     "                       replaced (type N as for split)\n",
      RunMerge, 2, kAnyCount, kTypeOptionOnly},
     {{"runs"},
      "  runs IN.dib [OUT.dib]\n"
