@@ -67,6 +67,9 @@ std::vector<ReadCase> Cases()
         // (an even column sets the whole byte); absolute 1..5; end of bitmap.
         {"RLE4 runs and absolute runs", {6, 3, 4, 2, {5, 0xAB, 0, 0, 0, 3, 0x12, 0x30, 0, 0, 0, 5, 0x12, 0x34, 0x50, 0, 0, 1}},
          {g4({1, 2, 3, 4, 5, 0}), g4({1, 2, 3, 0, 10, 0}), g4({10, 11, 10, 11, 10, 0})}},
+        // RLE4 delta (0, 2) delivers the row once and skips a row: the end of
+        // bitmap then delivers the persisting buffer two rows up.
+        {"RLE4 delta", {2, 4, 4, 2, {2, 0x11, 0, 2, 0, 2, 0, 1}}, {g4({0, 0}), g4({1, 1}), g4({0, 0}), g4({1, 1})}},
         {"core header", {3, 1, 8, 0, {7, 8, 9, 0}, 12}, {{7, 8, 9}}},
     };
 }

@@ -1,0 +1,54 @@
+// Every reader, fed a file our writer of that format makes, fails cleanly at
+// each of its allocations in turn: -1, no image and no tracked block left
+// behind, and once every allocation succeeds the picture itself.
+#include "support/support.h"
+
+namespace {
+
+struct ReaderCase {
+    const char *name;
+    int32_t type;
+    int bits;
+};
+
+const ReaderCase kReaders[] = {
+    {"TiffNone4", IMG_TYPE_TIFF, 4},          {"TiffPackBits1", IMG_TYPE_TIFF_PACKBITS, 1},
+    {"TiffLzw24", IMG_TYPE_TIFF_LZW, 24},      {"TiffG4", IMG_TYPE_TIFF_G4, 1},
+    {"BmpRle8", IMG_TYPE_BMP_COMPRESSED, 8},   {"Pcx4", IMG_TYPE_PCX, 4},
+    {"Dcx24", IMG_TYPE_DCX, 24},               {"Cals", IMG_TYPE_CALS, 1},
+    {"Tga8", IMG_TYPE_TGA, 8},
+};
+
+class EveryReader : public TrnwTest, public ::testing::WithParamInterface<ReaderCase> {};
+
+TEST_P(EveryReader, FailsCleanlyAtEachAllocation)
+{
+    const ReaderCase &c = GetParam();
+    Picture p = MakePicture(37, 11, c.bits, 3);
+    int32_t h = ImageOf(p);
+    std::string path = TempPath(std::string("alloc_") + c.name);
+    std::remove(path.c_str());
+    ASSERT_EQ(IMG_save_bitmap(h, path.c_str(), c.type), 0);
+    IMG_delete_bitmap(h);
+    std::vector<uint8_t> file = ReadFile(path);
+    std::remove(path.c_str());
+    for (int fail = 0; fail < 100; fail++) {
+        SCOPED_TRACE(fail);
+        ImgTestFailAllocations(fail);
+        h = IMG_decompress_bitmap_mem_size(file.data(), (uint32_t)file.size(), 0);
+        ImgTestFailAllocations(-1);
+        EXPECT_EQ(ImgTrackedCount(), 0);
+        if (h >= 0) {
+            EXPECT_EQ(RasterDiff(ImageRgb(h), p.Rgb()), 0);
+            return;
+        }
+        ASSERT_EQ(h, IMG_ERR_MEMORY);
+        ASSERT_EQ(ImgTableCount(), 0);
+    }
+    FAIL() << "no decode succeeded";
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, EveryReader, ::testing::ValuesIn(kReaders),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+} // namespace
