@@ -110,6 +110,29 @@ TEST_F(BmpFormat, DamagedFilesAreRefusedOrBounded)
     }
 }
 
+// An RLE8 file cut short ends the decode where its data ends: the rows above
+// stay index 0 (black).  Read from a file, where a read past the end is empty.
+TEST_F(BmpFormat, CutRle8FileEndsWhereItsDataEnds)
+{
+    std::vector<uint8_t> rle;
+    for (int y = 0; y < 300; y++) {
+        rle.insert(rle.end(), {0, 100});
+        for (int x = 0; x < 100; x++)
+            rle.push_back((uint8_t)(1 + (x * 7 + y) % 250));
+        rle.insert(rle.end(), {0, 0});
+    }
+    std::vector<uint8_t> file = Build({100, 300, 8, 1, rle});
+    file.resize(15000);
+    std::string path = TempPath("cut_rle8.bmp");
+    WriteFile(path, file);
+    int32_t status = 0;
+    Raster r = DecodeFile(path, &status);
+    std::remove(path.c_str());
+    ASSERT_GE(status, 0);
+    EXPECT_EQ(r.rgb[0], 0);                         // the top row: never delivered
+    EXPECT_EQ(r.rgb[r.rgb.size() - 300], 1); // the bottom row (coded first): its first pixel
+}
+
 TEST_F(BmpFormat, WritersReadBack)
 {
     for (int type : {IMG_TYPE_BMP, IMG_TYPE_DIB, IMG_TYPE_BMP_COMPRESSED})

@@ -76,7 +76,21 @@ std::string Name(const ::testing::TestParamInfo<Turn> &i)
     return std::to_string(t.bits) + "bit_" + std::to_string(t.width) + "x" + std::to_string(t.height) + "_" +
            (t.angle < 0 ? "minus" : "") + std::to_string(std::abs(t.angle)) + (t.coded ? "_coded" : "");
 }
-class Rotate : public TrnwTest, public ::testing::WithParamInterface<Turn> {};
+class Rotate : public TrnwTest, public ::testing::WithParamInterface<Turn> {
+  protected:
+    void TearDown() override
+    {
+        IMG_set_statusbar(0, nullptr, 0);
+        TrnwTest::TearDown();
+    }
+};
+
+int32_t progressReports;
+extern "C" int32_t IMGAPI CountProgress(int32_t, int32_t)
+{
+    progressReports++;
+    return 0;
+}
 
 TEST_P(Rotate, PixelsFollowTheReferenceMapping)
 {
@@ -106,7 +120,12 @@ TEST_P(Rotate, PixelsFollowTheReferenceMapping)
         ASSERT_EQ(IMG_rotate_bitmap(h, 0), 0);
         return ExpectPixels(h, p, W, H, [](int x, int y, int &sx, int &sy) { sx = x, sy = y; return 1; }, 0);
     case 9000: // clockwise: the new row y is the old column y, read upwards
+        progressReports = 0;
+        IMG_set_statusbar(1, CountProgress, 1);
         ASSERT_EQ(IMG_rotate_bitmap(h, 9000), 0);
+        // Every row of the turned image is reported once per pass: a coded page
+        // turns in one pass, a plain image is transposed and then mirrored.
+        EXPECT_EQ(progressReports, t.coded ? W : 2 * W);
         return ExpectPixels(h, p, H, W, [&](int x, int y, int &sx, int &sy) { sx = y, sy = H - 1 - x; return 1; }, 0);
     case 18000:
         ASSERT_EQ(IMG_rotate_bitmap(h, 18000), 0);
