@@ -13,14 +13,14 @@ struct Tga {
 };
 std::vector<uint8_t> Build(const Tga &t)
 {
-    std::vector<uint8_t> f(18, 0);
+    std::vector<uint8_t> f(18 + (size_t)t.idLength + t.map.size() + t.pixels.size(), 0);
     f[0] = (uint8_t)t.idLength, f[1] = t.mapLength ? 1 : 0, f[2] = (uint8_t)t.type;
     PutLE16(&f[5], (uint16_t)t.mapLength), f[7] = (uint8_t)t.entryBits;
     PutLE16(&f[12], (uint16_t)t.width), PutLE16(&f[14], (uint16_t)t.height);
     f[16] = (uint8_t)t.depth, f[17] = (uint8_t)t.descriptor;
-    f.insert(f.end(), (size_t)t.idLength, 'x');
-    f.insert(f.end(), t.map.begin(), t.map.end());
-    f.insert(f.end(), t.pixels.begin(), t.pixels.end());
+    auto at = std::fill_n(f.begin() + 18, t.idLength, 'x');
+    at = std::copy(t.map.begin(), t.map.end(), at);
+    std::copy(t.pixels.begin(), t.pixels.end(), at);
     return f;
 }
 std::vector<uint8_t> Map32(int n) // entry i: blue i mod 256, alpha 0x80
