@@ -3,16 +3,16 @@
  * every reader guarantees whatever the bytes:
  *   - the header sink is called at most once, before any row, with a
  *     40-byte header of width and height of at least 1, one plane, a bit
- *     count of 1, 4, 8 or 24 and biSizeImage = stride * height;
- *   - every row index lies in 0 .. height - 1 and every row is one stride
- *     long (or, when runsAllowed, a run record of 2 .. 10000 bytes); every
- *     byte handed over is read, so ASan sees a row reaching outside its buffer;
- *   - there are at most height deliveries;
- *   - the result is 1 (or 0 when zeroIsSuccess) or negative, success only
- *     after the header sink, and no tracked block is left behind.
- * The header sink refuses (-1, as the library's sink would for lack of
- * memory) pictures over 256 KiB or wider than 2^16 pixels, so that runs are
- * not spent on huge declared sizes.
+ *     count of 1, 4, 8 or 24 and biSizeImage = stride * height, under 2 GiB;
+ *   - every row index lies in 0 .. height - 1 and comes at most once, no row
+ *     follows a refused header, and every row is one stride long; every byte
+ *     handed over is read, so ASan sees a row reaching outside its buffer;
+ *   - the result is the success code or negative, success only after the
+ *     header sink accepted the header, and no tracked block is left behind.
+ * A target tightens these for its format with the options at the top of the
+ * struct.  The header sink refuses (-1, as the library's sink would for lack
+ * of memory) a biSizeImage over 256 KiB or a width over 2^16 pixels, so that
+ * runs are not spent on huge declared sizes.
  */
 #ifndef TRNW_FUZZ_READER_SINKS_H
 #define TRNW_FUZZ_READER_SINKS_H
@@ -20,7 +20,6 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <vector>
 
@@ -31,13 +30,27 @@
 
 struct FuzzReaderSinks {
     const char *target;
-    bool runsAllowed = false;
+    int successCode = 1;          /* the reader's result on success */
+    bool requireEveryRow = false; /* success only with every row delivered */
+    bool rowsInOrder = false;     /* row i is the i-th delivery */
+    /* Rows are run records as the Group 4 decoder makes them (even, 4 ..
+     * 5 * width + 400 bytes), never strides; biSizeImage then counts rows of
+     * (width * bits + 7) / 8 bytes and may reach 4 GiB. */
+    bool runRecords = false;
+    /* The format's own header checks, run after the shared ones; each
+     * failure calls Fail. */
+    void (*checkHeader)(const uint8_t *h, const FuzzReaderSinks &s) = nullptr;
+
+    /* What the sinks have seen. */
     int headerCalls = 0;
+    bool refused = false;
     int32_t width = 0, height = 0;
+    int bits = 0;
     uint32_t stride = 0;
     int64_t deliveries = 0;
+    std::vector<bool> seen{}; /* the row indices delivered so far */
     uint32_t checksum = 0;
-    std::vector<uint8_t> image; /* the memory image, kept for calls after Run */
+    std::vector<uint8_t> image{}; /* the memory image, kept for calls after Run */
 
     [[noreturn]] void Fail(const char *what) const
     {
@@ -52,53 +65,63 @@ struct FuzzReaderSinks {
             s->Fail("header sink called twice or after a row");
         s->width = (int32_t)GetLE32(h + 4);
         s->height = (int32_t)GetLE32(h + 8);
-        int bits = GetLE16(h + 14);
+        s->bits = GetLE16(h + 14);
         if (GetLE32(h) != 40 || GetLE16(h + 12) != 1 || s->width < 1 || s->height < 1)
             s->Fail("header not normalised");
-        if (bits != 1 && bits != 4 && bits != 8 && bits != 24)
+        if (s->bits != 1 && s->bits != 4 && s->bits != 8 && s->bits != 24)
             s->Fail("unsupported bit count reached the sink");
-        uint64_t stride = DibStride((uint32_t)s->width, bits);
-        if (stride * (uint64_t)s->height > 0x7FFFFFFFu)
+        uint64_t stride = DibStride((uint32_t)s->width, s->bits);
+        uint64_t rowBytes = s->runRecords ? ((uint64_t)s->width * s->bits + 7) / 8 : stride;
+        if (!s->runRecords && stride * (uint64_t)s->height > 0x7FFFFFFFu)
             s->Fail("pixel block of 2 GiB or more reached the sink");
         s->stride = (uint32_t)stride;
-        if (GetLE32(h + 20) != s->stride * (uint32_t)s->height)
-            s->Fail("biSizeImage is not stride * height");
+        if (GetLE32(h + 20) != rowBytes * (uint64_t)s->height)
+            s->Fail(s->runRecords ? "biSizeImage is not (width * bits + 7) / 8 * height"
+                                  : "biSizeImage is not stride * height");
+        if (s->checkHeader)
+            s->checkHeader(h, *s);
         for (int i = 0; i < IMG_HEADER_BLOCK_SIZE; i++)
             s->checksum += h[i];
-        if (stride * (uint64_t)s->height > (256u << 10) || s->width > (1 << 16))
+        s->refused = GetLE32(h + 20) > (256u << 10) || s->width > (1 << 16);
+        if (s->refused)
             return -1;
+        s->seen.assign((size_t)s->height, false);
         return 1;
     }
 
     static int Row(const uint8_t *row, void *context, int rowIndex, int rowBytes)
     {
         FuzzReaderSinks *s = static_cast<FuzzReaderSinks *>(context);
-        if (s->headerCalls != 1)
-            s->Fail("a row came before the header");
+        if (s->headerCalls != 1 || s->refused)
+            s->Fail("a row came before the header or after its refusal");
         if (rowIndex < 0 || rowIndex >= s->height)
             s->Fail("row index outside the picture");
-        bool record = s->runsAllowed && rowBytes >= 2 && rowBytes <= IMG_CHUNK_SIZE;
-        if ((uint32_t)rowBytes != s->stride && !record)
-            s->Fail("row size neither the stride nor a record");
-        if (++s->deliveries > (int64_t)s->height)
-            s->Fail("more deliveries than rows");
+        if (s->seen[(size_t)rowIndex] || (s->rowsInOrder && rowIndex != s->deliveries))
+            s->Fail("a row delivered twice or out of order");
+        s->seen[(size_t)rowIndex] = true;
+        s->deliveries++;
+        if (s->runRecords) {
+            if ((rowBytes & 1) || rowBytes < 4 || rowBytes > 5 * s->width + 400)
+                s->Fail("row is not a run record");
+        } else if ((uint32_t)rowBytes != s->stride) {
+            s->Fail("row size is not the stride");
+        }
         for (int i = 0; i < rowBytes; i++)
             s->checksum += row[i];
         return 0;
     }
 
     /* Runs `reader` at `start` over a sized memory image of the input. */
-    void Run(ImgReader reader, uint32_t start, const uint8_t *data, size_t size,
-             bool zeroIsSuccess = false)
+    void Run(ImgReader reader, uint32_t start, const uint8_t *data, size_t size)
     {
         image.assign(data, data + size);
         ImgSetMemorySourceSized(image.data(), (uint32_t)size);
         int result = reader(start, Row, this, Header, IMG_MEMORY_HANDLE);
-        bool success = result == 1 || (zeroIsSuccess && result == 0);
-        if (!success && result >= 0)
+        if (result != successCode && result >= 0)
             Fail("result neither success nor negative");
-        if (success && headerCalls != 1)
-            Fail("success without the header sink");
+        if (result == successCode &&
+            (headerCalls != 1 || refused || (requireEveryRow && deliveries != height)))
+            Fail("success without an accepted header or every row");
         if (ImgTrackedCount() != 0)
             Fail("tracked blocks left behind");
         ImgFreeAllTracked();
