@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 2 || size > (1u << 20))
         return 0; /* size 0 would mean an unbounded memory image */
     uint32_t page = data[0] & 3;
-    FuzzReaderSinks sinks{"fuzz_dcx"};
+    FuzzReaderSinks sinks{.target = "fuzz_dcx"};
     sinks.Run(DcxRead, page ? IMG_PAGE_FLAG | page : 0, data + 1, size - 1);
     ImgSeek(IMG_MEMORY_HANDLE, 0, 0);
     if (DcxCountPages(IMG_MEMORY_HANDLE) > 65536)

@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size == 0 || size > (1u << 20))
         return 0; /* size 0 would mean an unbounded memory image */
-    FuzzReaderSinks sinks{"fuzz_pcx"};
+    FuzzReaderSinks sinks{.target = "fuzz_pcx"};
     sinks.Run(PcxRead, 0, data, size);
     return 0;
 }
