@@ -13,6 +13,7 @@ packages=(
   imagemagick python3-pil
   libvips-tools
   libtiff-tools libtiff-dev netpbm
+  libgif-dev giflib-tools ghostscript epstool
 )
 
 missing=()
