@@ -126,6 +126,8 @@ const RoundTrip kRoundTrips[] = {
     {"runs about 63/64", 300, {{{63, 127}, {191, 256}}, {{64, 128}, {192, 255}}, {{62, 126}}}},
     {"runs past 1728 and 2560", 5200, {{{1727, 4288}}, {{1792, 4353}, {4354, 4355}}, {{2560, 5200}}}},
     {"odd width, alternating", 37, {{{1, 2}, {3, 4}, {5, 6}, {35, 36}}, {{0, 37}}, {}, {{2, 3}, {4, 36}}}},
+    // VL3 ends a run before the reference's next black run starts: b1 steps back to it.
+    {"left step back before a short run", 30, {{{10, 12}}, {{8, 9}, {10, 12}}}},
     {"pass and vertical steps", 40, {{{10, 20}}, {{5, 8}, {30, 33}}, {{9, 21}}, {{11, 19}}, {{0, 3}}}},
 };
 

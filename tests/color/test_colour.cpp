@@ -9,16 +9,16 @@
 namespace {
 using Rgb = std::array<int, 3>;
 
-// A 24-bit image whose pixel (x, y) (top row 0) is f(x, y).
-int32_t Image24(int w, int h, const std::function<Rgb(int, int)> &f)
+// A 24-bit (or 32-bit) image whose pixel (x, y) (top row 0) is f(x, y).
+int32_t Image24(int w, int h, const std::function<Rgb(int, int)> &f, int bits = 24)
 {
     Picture p;
-    p.width = w, p.height = h, p.bits = 24;
-    p.rows.assign(h, std::vector<uint8_t>(DibStride((uint32_t)w, 24), 0));
+    p.width = w, p.height = h, p.bits = bits;
+    p.rows.assign(h, std::vector<uint8_t>(DibStride((uint32_t)w, bits), 0));
     for (int y = 0; y < h; y++)
         for (int x = 0; x < w; x++) {
             Rgb c = f(x, y);
-            for (int k = 0; k < 3; k++) p.rows[(size_t)y][(size_t)(3 * x + k)] = (uint8_t)c[(size_t)(2 - k)];
+            for (int k = 0; k < 3; k++) p.rows[(size_t)y][(size_t)(bits / 8 * x + k)] = (uint8_t)c[(size_t)(2 - k)];
         }
     return ImageOf(p);
 }
@@ -198,14 +198,17 @@ TEST_F(Colour, PopularityAndOctreeKeepFewColours)
     // Six colours (none of them white or black): octree at 8 bits and at
     // 4 bits keeps every one exactly; popularity keeps them within its bins.
     std::vector<Rgb> six = {{200, 30, 30}, {30, 200, 30}, {30, 30, 200}, {120, 120, 40}, {40, 120, 120}, {90, 60, 150}};
-    auto make = [&] { return Image24(12, 9, [&](int x, int y) { return six[(size_t)((x / 2 + y) % 6)]; }); };
+    auto make = [&](int bits = 24) {
+        return Image24(12, 9, [&](int x, int y) { return six[(size_t)((x / 2 + y) % 6)]; }, bits);
+    };
     Raster want = ImageRgb(make());
-    for (int bits : {8, 4}) {
-        int32_t h = make();
-        ASSERT_EQ(IMG_octree_color(h, bits, nullptr, 0), 6); // one entry per colour
-        EXPECT_EQ(Bits(h), bits);
-        EXPECT_EQ(RasterDiff(ImageRgb(h), want), 0) << bits;
-    }
+    for (int from : {24, 32})
+        for (int bits : {8, 4}) {
+            int32_t h = make(from);
+            ASSERT_EQ(IMG_octree_color(h, bits, nullptr, 0), 6); // one entry per colour
+            EXPECT_EQ(Bits(h), bits);
+            EXPECT_EQ(RasterDiff(ImageRgb(h), want), 0) << from << " to " << bits;
+        }
     int32_t p = make();
     ASSERT_EQ(IMG_popularity_color(p), 0);
     Raster r = ImageRgb(p);
@@ -217,6 +220,11 @@ TEST_F(Colour, PopularityAndOctreeKeepFewColours)
     EXPECT_GE(made, 1);
     EXPECT_LE(made, 8);
     EXPECT_LE(Colours(ImageRgb(q)).size(), (size_t)made);
+    // A colour halfway between two listed entries maps to the first of them.
+    int32_t mid = Image24(1, 1, [](int, int) { return Rgb{100, 0, 0}; });
+    const uint8_t two[8] = {0, 0, 0, 0, 0, 0, 200, 0};
+    EXPECT_EQ(IMG_octree_color(mid, 8, two, 2), 2);
+    EXPECT_EQ(At(ImageRgb(mid), 0, 0), (Rgb{0, 0, 0}));
     int32_t r8 = make();
     EXPECT_LT(IMG_octree_color(r8, 6, nullptr, 0), 0);
     EXPECT_EQ(IMG_octree_color(-1, 8, nullptr, 0), IMG_ERR_HANDLE);

@@ -123,7 +123,7 @@ TEST_P(TiffRead, PixelsAreTheStoredSamples)
         for (int x = 0; x < w; x++) {
             uint32_t v = Sample(x, y, 0, c.bits);
             Rgb want;
-            if (c.samples == 3) want = {(int)v, (int)Sample(x, y, 1, 8), (int)Sample(x, y, 2, 8)};
+            if (c.samples >= 3) want = {(int)v, (int)Sample(x, y, 1, 8), (int)Sample(x, y, 2, 8)};
             else if (c.photometric == 3) want = {(int)(250 * v) >> 8, (int)(60000 - 200 * v) >> 8, (int)(257 * v) >> 8};
             else if (c.bits == 1) want = v == (uint32_t)c.photometric ? Rgb{255, 255, 255} : Rgb{0, 0, 0};
             else {
@@ -154,6 +154,18 @@ auto PackBitsStrips(int rowsPerStrip)
         }
     };
 }
+// One strip of 8-bit samples coded with the horizontal predictor.
+auto Predicted(int samples)
+{
+    return [=](std::vector<Tag> &t, Strips &s) {
+        t.push_back({317, 3, {2}});
+        std::vector<uint8_t> rows = PackRows(W, 0, H, 8, samples);
+        for (int y = 0; y < H; y++)
+            for (int i = W * samples - 1; i >= samples; i--)
+                rows[(size_t)(y * W * samples + i)] -= rows[(size_t)(y * W * samples + i - samples)];
+        s = {rows};
+    };
+}
 const ReadCase kReadCases[] = {
     {"bilevel black is zero", 1, 1, 1, 1, OneStrip(1, 1)},
     {"bilevel white is zero", 1, 1, 0, 1, OneStrip(1, 1)},
@@ -174,14 +186,9 @@ const ReadCase kReadCases[] = {
          t.push_back({284, 3, {2}});
          for (int p = 0; p < 3; p++) s.push_back(PackRows(W, 0, H, 8, 3, p));
      }},
-    {"rgb horizontal predictor", 8, 3, 2, 1,
-     [](std::vector<Tag> &t, Strips &s) {
-         t.push_back({317, 3, {2}});
-         std::vector<uint8_t> rows = PackRows(W, 0, H, 8, 3);
-         for (int y = 0; y < H; y++)
-             for (int i = W * 3 - 1; i >= 3; i--) rows[(size_t)(y * W * 3 + i)] -= rows[(size_t)(y * W * 3 + i - 3)];
-         s = {rows};
-     }},
+    {"rgb horizontal predictor", 8, 3, 2, 1, Predicted(3)},
+    {"grey horizontal predictor", 8, 1, 1, 1, Predicted(1)},
+    {"rgba chunky", 8, 4, 2, 1, OneStrip(8, 4)},
     {"packbits", 8, 1, 1, 32773, PackBitsStrips(H)},
     // Strips apart in the file: each is read from its own offset, nothing carried over.
     {"packbits strips apart", 8, 1, 1, 32773, PackBitsStrips(2), false, false, 4, 300},
@@ -283,19 +290,62 @@ TEST_F(TiffWrite, SavingIntoATiffAppendsAPage)
     EXPECT_EQ(RasterDiff(DecodeFile(path), a.Rgb()), 0);
     std::remove(path.c_str());
 }
-// The width is written as a SHORT: 65535 is the widest page.
-TEST_F(TiffWrite, WidthsUpToAShortAreWritten)
+// The bitmap name travels as Artist (199 characters at most) and DateTime.
+TEST_F(TiffWrite, BitmapNameTravelsAsArtistAndDate)
 {
-    struct Case { int32_t width, height, result; } cases[] = {{65535, 1, 0}, {65536, 1, IMG_ERR_TYPE}};
+    std::string artist(199, 'a');
+    artist.back() = 'z';
+    const char *date = "2026:11:24 12:34:56";
+    ASSERT_EQ(IMGLOW_set_bitmap_name(artist.c_str(), date), 0);
+    int32_t h = NewImage(8, 2, 1);
+    std::vector<uint8_t> file(4096);
+    int32_t n = IMG_save_bitmap_mem_size(h, file.data(), (uint32_t)file.size(), IMG_TYPE_TIFF_G4);
+    IMG_delete_bitmap(h);
+    ASSERT_GT(n, 0);
+    file.resize((size_t)n);
+    IMGLOW_set_bitmap_name("", "");
+    DecodeMemory(file);
+    char text[200], stamp[40];
+    EXPECT_EQ(IMGLOW_get_bitmap_name(text, stamp), 0);
+    EXPECT_EQ(std::string(text), artist);
+    EXPECT_EQ(std::string(stamp), date);
+    IMGLOW_set_bitmap_name("", "");
+}
+
+// Width and height are written as SHORTs: 65535 is the largest page.
+// IMG_save_bitmap refuses images of more than 32767 rows, so tall pages come
+// through the low-level writer.
+TEST_F(TiffWrite, SizesUpToAShortAreWritten)
+{
     std::string path = TempPath("short_sizes.tif");
-    for (const Case &c : cases) {
-        SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
-        int32_t h = NewImage(c.width, c.height, 1);
+    for (auto [width, result] : {std::pair{65535, 0}, std::pair{65536, IMG_ERR_TYPE}}) {
+        SCOPED_TRACE("width " + std::to_string(width));
+        int32_t h = NewImage(width, 1, 1);
         ASSERT_GE(h, 0);
         std::remove(path.c_str());
-        EXPECT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_TIFF_G4), c.result);
+        EXPECT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_TIFF_G4), result);
         IMG_delete_bitmap(h);
     }
     std::remove(path.c_str());
+    auto whiteRows = [](void *, uint8_t *row, int32_t, int32_t bytes) -> int32_t {
+        std::memset(row, 0xFF, (size_t)bytes);
+        return 0;
+    };
+    uint8_t *memory = static_cast<uint8_t *>(ImgAlloc(1 << 16));
+    for (auto [height, ok] : {std::pair{65535, true}, std::pair{65536, false}}) {
+        SCOPED_TRACE("height " + std::to_string(height));
+        TestDib dib(8, height, 1);
+        int32_t size = IMGLOW_save_bitmap_mem(memory, dib.block, IMG_TYPE_TIFF_G4, whiteRows, nullptr);
+        if (!ok) {
+            EXPECT_EQ(size, IMG_ERR_TYPE);
+            continue;
+        }
+        ASSERT_GT(size, 0);
+        int32_t status = 0;
+        Raster back = DecodeMemory(std::vector<uint8_t>(memory, memory + size), &status);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(back.height, 65535);
+    }
+    ImgFree(memory);
 }
 } // namespace

@@ -187,7 +187,7 @@ Raster Picture::Rgb() const
             int index = bits == 1 ? (row[x / 8] >> (7 - x % 8)) & 1
                         : bits == 4 ? (x % 2 ? row[x / 2] & 15 : row[x / 2] >> 4)
                         : bits == 8 ? row[x] : -1;
-            const uint8_t *c = index < 0 ? &row[3 * x] : &palette[4 * index];
+            const uint8_t *c = index >= 0 ? &palette[4 * index] : &row[(bits / 8) * x];
             r.rgb.insert(r.rgb.end(), {c[2], c[1], c[0]});
         }
     return r;
