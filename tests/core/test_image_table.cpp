@@ -122,21 +122,6 @@ TEST_F(Descriptor, BilevelPaletteRuleRewritesLightEntryZero)
     IMG_delete_bitmap_keep(h);
 }
 
-TEST_F(Accessors, NoPixelBlockGivesMinus1)
-{
-    int32_t h = NewImage(10, 10, 8);
-    uint8_t *dib = ImgTableGet(h)->dib;
-    ImgTableGet(h)->dib = nullptr;
-    uint8_t buffer[1100];
-    int32_t w, ht, b;
-    EXPECT_EQ(IMGLOW_get_palette(h, buffer), IMG_ERR_MEMORY);
-    EXPECT_EQ(IMGLOW_put_palette(h, buffer), IMG_ERR_MEMORY);
-    EXPECT_EQ(IMGLOW_get_raster(h, buffer, 0, 0), IMG_ERR_MEMORY);
-    EXPECT_EQ(IMGLOW_put_raster(h, buffer, 0, 0), IMG_ERR_MEMORY);
-    EXPECT_EQ(IMG_bitmap_info(h, &w, &ht, &b), IMG_ERR_MEMORY);
-    ImgTableGet(h)->dib = dib;
-}
-
 // Row 0 is the top row, stored last; a length of 0 means one stride; rows
 // and lengths outside the image are refused.
 TEST_F(Raster, RowZeroIsTheTopRowStoredLast)
