@@ -51,8 +51,8 @@ std::vector<ReadCase> Cases()
         {"4-bit odd width", {3, 1, 4, 0, {0x1F, 0x70, 0, 0}}, {g4({1, 15, 7})}},
         {"1-bit", {10, 1, 1, 0, {0xA5, 0x40, 0, 0}}, {{255, 0, 255, 0, 0, 255, 0, 255, 0, 255}}},
         {"24-bit B, G, R", {2, 1, 24, 0, {1, 2, 3, 4, 5, 6, 0, 0}}, {}, {{3, 2, 1, 6, 5, 4}}},
-        // 5-5-5 widened by a shift: 0x7FFF is F8 F8 F8, 0x7C00 pure red.
-        {"16-bit 555", {2, 1, 16, 0, {0xFF, 0x7F, 0x00, 0x7C}}, {}, {{0xF8, 0xF8, 0xF8, 0xF8, 0, 0}}},
+        // 5-5-5 widened by a shift: 0x7FFF is F8 F8 F8; 0x1234 is 4, 17, 20 shifted left by 3.
+        {"16-bit 555", {2, 1, 16, 0, {0xFF, 0x7F, 0x34, 0x12}}, {}, {{0xF8, 0xF8, 0xF8, 0x20, 0x88, 0xA0}}},
         // Bit fields are read as 5-6-5 whatever the masks say: 0xF800 red, 0x07E0 green.
         {"bit fields 565", {2, 1, 16, 3, {0x00, 0xF8, 0xE0, 0x07}, 40, {0x7C00, 0x03E0, 0x1F}}, {}, {{0xF8, 0, 0, 0, 0xFC, 0}}},
         // RLE8: run 2 of 5; absolute 1 2 3 (padded); run 1 of 9; end of line;
