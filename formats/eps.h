@@ -12,9 +12,10 @@
 #include "formats/format.h"
 
 /* File type 14: the TIFF preview of the DOS EPS file at `start`, read by the
- * TIFF reader.  1 on success; -3 without the DOS EPS signature, without a
- * preview or with a preview section outside the file; -8 for a preview that
- * is not a TIFF; or the TIFF reader's code. */
+ * TIFF reader.  1 on success; -3 without the DOS EPS signature or a preview,
+ * or for a preview section beyond 2^31 - 1; -12 for a header or section the
+ * file ends in; -8 for a preview that is not a TIFF; or the TIFF reader's
+ * code. */
 int EpsRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink headerSink,
             int handle);
 
