@@ -8,6 +8,7 @@
 
 #include "formats/bmp.h"
 #include "formats/cals.h"
+#include "formats/eps.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
 #include "formats/pcx.h"

@@ -20,7 +20,6 @@ bool Starts(const uint8_t *b, const char *bytes, size_t n)
     return memcmp(b, bytes, n) == 0;
 }
 
-bool ProbeEps(ImgDetectBytes &s) { return Starts(s.b, "\xC5\xD0\xD3\xC6", 4); }
 bool ProbeJpg(ImgDetectBytes &s) { return Starts(s.b, "\xFF\xD8", 2); }
 bool ProbeWpg(ImgDetectBytes &s) { return Starts(s.b + 1, "WPC", 3); }
 bool ProbePng(ImgDetectBytes &s) { return Starts(s.b + 1, "PNG", 3); }
@@ -105,7 +104,6 @@ bool ProbeMac(ImgDetectBytes &s)
            (Starts(s.b, "PNT", 3) || Starts(s.b, "\x00\x00\x00\x00", 4));
 }
 
-constexpr ImgTypeEntry kEps[] = {{IMG_TYPE_EPS, "Encapsulated PostScript", nullptr}};
 constexpr ImgTypeEntry kJpg[] = {{IMG_TYPE_JPG, "JPEG", nullptr}};
 constexpr ImgTypeEntry kWpg[] = {{IMG_TYPE_WPG, "WordPerfect graphics", nullptr}};
 constexpr ImgTypeEntry kPng[] = {{IMG_TYPE_PNG, "PNG", nullptr}};
@@ -138,7 +136,6 @@ constexpr ImgTypeEntry kMca[] = {{IMG_TYPE_MCA, "MCA", nullptr}};
 /* Detection word, save extension, auto-detect flag, probe, subtype query,
  * reader, page counter, multi-page, types.  ".imt" and ".btr" carry a
  * leading point, so a path's last three characters never select them. */
-const ImgFormat kEpsFormat = {"eps", "eps", 14, ProbeEps, nullptr, nullptr, nullptr, false, kEps};
 const ImgFormat kJpgFormat = {"jpg", "jpg", 13, ProbeJpg, nullptr, nullptr, nullptr, false, kJpg};
 const ImgFormat kWpgFormat = {"wpg", "wpg", 5, ProbeWpg, nullptr, nullptr, nullptr, false, kWpg};
 const ImgFormat kPngFormat = {"png", "png", 43, ProbePng, nullptr, nullptr, nullptr, false, kPng};

@@ -1,5 +1,6 @@
-// Every reader, fed a file our writer of that format makes, fails cleanly at
-// each of its allocations in turn: -1, no image and no tracked block left
+// Every reader, fed a file our writer of that format makes (for EPS, a TIFF
+// we write as the preview of a DOS EPS file), fails cleanly at each of its
+// allocations in turn: -1, no image and no tracked block left
 // behind, and once every allocation succeeds the picture itself.
 #include "support/support.h"
 
@@ -9,6 +10,7 @@ struct ReaderCase {
     const char *name;
     int32_t type;
     int bits;
+    bool dosEps = false; // the file wrapped as the TIFF preview of a DOS EPS file
 };
 
 const ReaderCase kReaders[] = {
@@ -16,7 +18,7 @@ const ReaderCase kReaders[] = {
     {"TiffLzw24", IMG_TYPE_TIFF_LZW, 24},      {"TiffG4", IMG_TYPE_TIFF_G4, 1},
     {"BmpRle8", IMG_TYPE_BMP_COMPRESSED, 8},   {"Pcx4", IMG_TYPE_PCX, 4},
     {"Dcx24", IMG_TYPE_DCX, 24},               {"Cals", IMG_TYPE_CALS, 1},
-    {"Tga8", IMG_TYPE_TGA, 8},
+    {"Tga8", IMG_TYPE_TGA, 8},                 {"EpsTiffPreview8", IMG_TYPE_TIFF_LZW, 8, true},
 };
 
 class EveryReader : public TrnwTest, public ::testing::WithParamInterface<ReaderCase> {};
@@ -32,6 +34,8 @@ TEST_P(EveryReader, FailsCleanlyAtEachAllocation)
     IMG_delete_bitmap(h);
     std::vector<uint8_t> file = ReadFile(path);
     std::remove(path.c_str());
+    if (c.dosEps)
+        file = DosEps(file);
     for (int fail = 0; fail < 100; fail++) {
         SCOPED_TRACE(fail);
         ImgTestFailAllocations(fail);

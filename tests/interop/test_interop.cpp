@@ -1,7 +1,7 @@
 /*
  * test_interop.cpp - the library against independent imaging tools:
  * libtiff's tools (tiffcp, tiffinfo, tiff2pdf, fax2tiff), ImageMagick's
- * convert, netpbm and vips.
+ * convert, netpbm, vips, Pillow, Ghostscript and epstool.
  *
  * Writing: a picture built through the public API is saved in each format and
  * depth we write, and a tool decodes the file to the picture's pixels (or,
@@ -72,6 +72,16 @@ const char *const kPcxToPpm = "pcxtoppm '{in}' > '{out}'";
 const char *const kPillow = "/usr/bin/python3 -c \"from PIL import Image; "
                             "Image.open('{in}').convert('RGB').save('{out}', 'PPM')\"";
 const char *const kFax2tiff = "fax2tiff {opts} -X {w} -o '{out}.tif' '{in}' && tifftopnm '{out}.tif' > '{out}'";
+
+// Our EPS on a letter page at 24 dpi: a 48 x 20 image, 8 inches wide, covers
+// 192 x 80 device pixels starting 6 from the left and top edges (a quarter
+// inch), each pixel a 4 x 4 block with its edges on whole device pixels.
+// ImageMagick keeps each block's centre pixel, 2 device pixels from the
+// block's edges, so an edge Ghostscript rounds a pixel either way cannot
+// change it, and the colours compare exactly.
+const char *const kGhostscript48x20 =
+    "gs -q -dSAFER -dBATCH -dNOPAUSE -sDEVICE=ppmraw -sPAPERSIZE=letter -dFIXEDMEDIA -r24 -sOutputFile='{out}.page' "
+    "'{in}' && {convert} 'ppm:{out}.page' -crop 192x80+6+6 +repage -define sample:offset=50 -sample 48x20 -depth 8 'ppm:{out}'";
 
 const WriteCase kWrites[] = {
     // TIFF, each compression we write, each depth it takes
@@ -144,6 +154,10 @@ const WriteCase kWrites[] = {
     {"Pcx24Pillow", IMG_TYPE_PCX, 24, 33, 17, false, "python3", kPillow},
     {"Dcx8", IMG_TYPE_DCX, 8, 30, 11, false, "convert", kMagick},
     {"Dcx24Pillow", IMG_TYPE_DCX, 24, 33, 17, false, "python3", kPillow},
+    {"Eps1", IMG_TYPE_EPS, 1, 48, 20, false, "gs convert", kGhostscript48x20},
+    {"Eps4", IMG_TYPE_EPS, 4, 48, 20, false, "gs convert", kGhostscript48x20},
+    {"Eps8", IMG_TYPE_EPS, 8, 48, 20, false, "gs convert", kGhostscript48x20},
+    {"Eps24", IMG_TYPE_EPS, 24, 48, 20, false, "gs convert", kGhostscript48x20},
 };
 
 class WrittenFile : public TrnwTest, public ::testing::WithParamInterface<WriteCase> {};
@@ -171,7 +185,7 @@ TEST_P(WrittenFile, ToolDecodesThePixelsWeWrote)
             theirs.rgb.resize((size_t)3 * c.width * c.height);
         }
         // A TIFF ColorMap holds 16-bit colours; the tools may scale them back down by 257.
-        int tolerance = c.bits < 24 && c.bits > 1 && !c.grey && c.type != IMG_TYPE_BMP ? 1 : 0;
+        int tolerance = c.bits < 24 && c.bits > 1 && !c.grey && c.type != IMG_TYPE_BMP && c.type != IMG_TYPE_EPS ? 1 : 0;
         Raster ours = p.Rgb();
         if (c.type == IMG_TYPE_TGA2) // 5 bits a channel, however a tool widens them again
             for (Raster *r : {&ours, &theirs})
@@ -257,6 +271,18 @@ const ReadCase kReads[] = {
     {"PillowPcx1", 1, false, "python3", PILLOW_SAVE(""), "pcx"},
     {"PillowPcxGrey8", 8, true, "python3", PILLOW_SAVE(""), "pcx"},
     {"PillowPcx24", 24, false, "python3", PILLOW_SAVE(""), "pcx"},
+    // DOS EPS files whose TIFF preview epstool converts from the PNM (PackBits)
+    // or takes as it is from ImageMagick, behind the PostScript or before it.
+#define EPSTOOL(options, preview)                                                                  \
+    "printf '%%!PS-Adobe-3.0 EPSF-3.0\\n%%%%BoundingBox: 0 0 77 45\\nshowpage\\n' > '{out}.ps' && " \
+    "epstool " options " --add-user-preview " preview " '{out}.ps' '{out}'"
+    {"EpstoolPreview1", 1, false, "epstool", EPSTOOL("", "'{in}'"), "eps"},
+    {"EpstoolPreviewGrey8", 8, true, "epstool", EPSTOOL("", "'{in}'"), "eps"},
+    {"EpstoolPreview24", 24, false, "epstool", EPSTOOL("--doseps-reverse", "'{in}'"), "eps"},
+    {"EpstoolMagickTiffPalette4", 4, false, "convert epstool",
+     "{convert} '{in}' -type Palette -compress None '{out}.tif' && " EPSTOOL("", "'{out}.tif'"), "eps"},
+    {"EpstoolMagickTiffLzwPalette8", 8, false, "convert epstool",
+     "{convert} '{in}' -type Palette -compress LZW '{out}.tif' && " EPSTOOL("--doseps-reverse", "'{out}.tif'"), "eps"},
 };
 
 class ToolFile : public TrnwTest, public ::testing::WithParamInterface<ReadCase> {};

@@ -24,6 +24,7 @@
 #include "core/runs.h"
 #include "formats/bmp.h"
 #include "formats/cals.h"
+#include "formats/eps.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
 #include "formats/tiff_read.h"

@@ -276,6 +276,20 @@ Raster DecodeMemory(std::vector<uint8_t> bytes, int32_t *status, int *bits)
     return Finish(IMG_decompress_bitmap_mem_size(bytes.data(), (uint32_t)bytes.size(), 0), status, bits);
 }
 
+std::vector<uint8_t> DosEps(const std::vector<uint8_t> &preview)
+{
+    const std::string ps = "%!PS-Adobe-3.0 EPSF-3.0\n";
+    std::vector<uint8_t> f(30 + ps.size() + preview.size(), 0);
+    const uint32_t fields[] = {0xC6D3D0C5u, 30, (uint32_t)ps.size(), 0, 0,
+                               (uint32_t)(30 + ps.size()), (uint32_t)preview.size()};
+    for (size_t i = 0; i < 7; i++)
+        PutLE32(&f[4 * i], fields[i]);
+    PutLE16(&f[28], 0xFFFF); // no checksum
+    std::copy(ps.begin(), ps.end(), f.begin() + 30);
+    std::copy(preview.begin(), preview.end(), f.begin() + 30 + (long)ps.size());
+    return f;
+}
+
 void TrnwTest::TearDown()
 {
     for (int32_t h = ImgTableCount() - 1; h >= 0; h--) {

@@ -81,6 +81,9 @@ inline Raster ImageRgb(int32_t handle) { return PictureOf(handle).Rgb(); }
 // `status` gets the handle or error code.
 Raster DecodeFile(const std::string &path, int32_t *status = nullptr, int *bits = nullptr);
 Raster DecodeMemory(std::vector<uint8_t> bytes, int32_t *status = nullptr, int *bits = nullptr);
+// A DOS EPS file: the 30-byte binary header, one line of PostScript, then
+// `preview` (a TIFF), the header's offsets and lengths pointing at both.
+std::vector<uint8_t> DosEps(const std::vector<uint8_t> &preview);
 
 /* ---- the fixture ---- */
 
