@@ -109,4 +109,7 @@ TEST_F(DecodeReduction, EachDepthAgainstItsModel)
                 EXPECT_EQ(Pixel(handle, y, x, c.to), c.pixel(pixels[(size_t)(y * c.w + x)], x, y, c.w)) << x << "," << y;
         IMG_delete_bitmap(handle);
     }
+    for (int bits : {2, 24})
+        EXPECT_EQ(IMGLOW_set_decomp_reduction(bits), IMG_ERR_TYPE) << bits;
+    EXPECT_EQ(IMGLOW_set_decomp_reduction(0), 0);
 }
