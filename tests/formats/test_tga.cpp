@@ -44,6 +44,7 @@ const ReadCase kReads[] = {
     // 0x1234 holds 4, 17, 20: F8-masked 20 88 A0.
     {"16-bit pixels", {2, 16, 2, 1, 0, {0xFF, 0x7F, 0x34, 0x12}}, {0xF8, 0xF8, 0xF8, 0x20, 0x88, 0xA0}},
     {"16-bit run packet", {10, 16, 2, 1, 0, {0x81, 0x34, 0x12}}, {0x20, 0x88, 0xA0, 0x20, 0x88, 0xA0}},
+    {"32-bit run packet", {10, 32, 3, 1, 0, {0x82, 1, 2, 3, 0x40}}, {3, 2, 1, 3, 2, 1, 3, 2, 1}},
     {"32-bit top-left, alpha dropped", {2, 32, 1, 2, 0x28, {1, 2, 3, 0x40, 4, 5, 6, 0x80}}, {3, 2, 1, 6, 5, 4}},
     // A run of 3 fills row 0 and starts row 1; a raw pixel ends it.
     {"run packet across the row end", {10, 24, 2, 2, 0x20, {0x82, 1, 2, 3, 0x00, 4, 5, 6}}, {3, 2, 1, 3, 2, 1, 3, 2, 1, 6, 5, 4}},
