@@ -15,6 +15,8 @@
 #include "formats/signatures.h"
 #include "formats/tga.h"
 #include "formats/tiff_read.h"
+#include "formats/xbm.h"
+#include "formats/xpm.h"
 
 namespace {
 

@@ -56,8 +56,6 @@ bool ProbeImg(ImgDetectBytes &s)
 
 bool ProbeBtr(ImgDetectBytes &s) { return s.b[0] == 0xBB && s.b[3] == 1; }
 bool ProbeMsp(ImgDetectBytes &s) { return Starts(s.b, "Lin", 3); }
-bool ProbeXbm(ImgDetectBytes &s) { return Starts(s.b, "#define", 7); }
-bool ProbeXpm(ImgDetectBytes &s) { return Starts(s.b, "/* XPM */", 9); }
 bool ProbeXwd(ImgDetectBytes &s) { return Starts(s.b + 4, "\x00\x00\x00\x07", 4); }
 bool ProbeRas(ImgDetectBytes &s) { return Starts(s.b, "\x59\xA6\x6A\x95", 4); }
 
@@ -119,8 +117,6 @@ constexpr ImgTypeEntry kClp[] = {{IMG_TYPE_CLP, "Windows clipboard", nullptr}};
 constexpr ImgTypeEntry kImg[] = {{IMG_TYPE_IMG, "GEM image", nullptr}};
 constexpr ImgTypeEntry kBtr[] = {{IMG_TYPE_BTR, "BTR", nullptr}};
 constexpr ImgTypeEntry kMsp[] = {{IMG_TYPE_MSP, "MSP", nullptr}};
-constexpr ImgTypeEntry kXbm[] = {{IMG_TYPE_XBM, "X bitmap", nullptr}};
-constexpr ImgTypeEntry kXpm[] = {{IMG_TYPE_XPM, "X pixmap", nullptr}};
 constexpr ImgTypeEntry kXwd[] = {{IMG_TYPE_XWD, "X window dump", nullptr}};
 constexpr ImgTypeEntry kRas[] = {{IMG_TYPE_RAS, "Sun raster", nullptr}};
 constexpr ImgTypeEntry kCut[] = {{IMG_TYPE_CUT, "CUT", nullptr}};
@@ -151,8 +147,6 @@ const ImgFormat kClpFormat = {"clp", "clp", 27, ProbeClp, nullptr, nullptr, null
 const ImgFormat kImgFormat = {"img", nullptr, 28, ProbeImg, nullptr, nullptr, nullptr, false, kImg};
 const ImgFormat kBtrFormat = {"btr", ".btr", 29, ProbeBtr, nullptr, nullptr, nullptr, false, kBtr};
 const ImgFormat kMspFormat = {"msp", nullptr, 30, ProbeMsp, nullptr, nullptr, nullptr, false, kMsp};
-const ImgFormat kXbmFormat = {"xbm", "xbm", 20, ProbeXbm, nullptr, nullptr, nullptr, false, kXbm};
-const ImgFormat kXpmFormat = {"xpm", "xpm", 35, ProbeXpm, nullptr, nullptr, nullptr, false, kXpm};
 const ImgFormat kXwdFormat = {"xwd", "xwd", 36, ProbeXwd, nullptr, nullptr, nullptr, false, kXwd};
 const ImgFormat kRasFormat = {"ras", "ras", 37, ProbeRas, nullptr, nullptr, nullptr, false, kRas};
 const ImgFormat kCutFormat = {"cut", nullptr, 31, ProbeCut, nullptr, nullptr, nullptr, false, kCut};

@@ -10,7 +10,7 @@
 
 extern const ImgFormat kJpgFormat, kWpgFormat, kPngFormat, kKfxFormat, kIffFormat,
     kGx2Format, kLsdFormat, kIcoFormat, kWmfFormat,
-    kIcaFormat, kPcdFormat, kClpFormat, kImgFormat, kBtrFormat, kMspFormat, kXbmFormat, kXpmFormat,
+    kIcaFormat, kPcdFormat, kClpFormat, kImgFormat, kBtrFormat, kMspFormat,
     kXwdFormat, kRasFormat, kCutFormat, kTxtFormat, kPsdFormat, kImtFormat, kPctFormat, kMacFormat,
     kMcaFormat;
 

@@ -19,6 +19,7 @@ const ReaderCase kReaders[] = {
     {"BmpRle8", IMG_TYPE_BMP_COMPRESSED, 8},   {"Pcx4", IMG_TYPE_PCX, 4},
     {"Dcx24", IMG_TYPE_DCX, 24},               {"Cals", IMG_TYPE_CALS, 1},
     {"Tga8", IMG_TYPE_TGA, 8},                 {"EpsTiffPreview8", IMG_TYPE_TIFF_LZW, 8, true},
+    {"Xbm", IMG_TYPE_XBM, 1},
 };
 
 class EveryReader : public TrnwTest, public ::testing::WithParamInterface<ReaderCase> {};

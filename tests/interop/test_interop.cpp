@@ -71,6 +71,8 @@ const char *const kTgaToPpm = "tgatoppm '{in}' > '{out}'";
 const char *const kPcxToPpm = "pcxtoppm '{in}' > '{out}'";
 const char *const kPillow = "/usr/bin/python3 -c \"from PIL import Image; "
                             "Image.open('{in}').convert('RGB').save('{out}', 'PPM')\"";
+const char *const kMagickXpm = "{convert} 'xpm:{in}' -depth 8 'ppm:{out}'";
+const char *const kXpmToPpm = "xpmtoppm '{in}' > '{out}'";
 const char *const kFax2tiff = "fax2tiff {opts} -X {w} -o '{out}.tif' '{in}' && tifftopnm '{out}.tif' > '{out}'";
 
 // Our EPS on a letter page at 24 dpi: a 48 x 20 image, 8 inches wide, covers
@@ -158,6 +160,15 @@ const WriteCase kWrites[] = {
     {"Eps4", IMG_TYPE_EPS, 4, 48, 20, false, "gs convert", kGhostscript48x20},
     {"Eps8", IMG_TYPE_EPS, 8, 48, 20, false, "gs convert", kGhostscript48x20},
     {"Eps24", IMG_TYPE_EPS, 24, 48, 20, false, "gs convert", kGhostscript48x20},
+    // X bitmap and X pixmap
+    {"Xbm", IMG_TYPE_XBM, 1, 77, 23, false, "convert", "{convert} 'xbm:{in}' -depth 8 'ppm:{out}'"},
+    {"XbmNetpbm", IMG_TYPE_XBM, 1, 77, 23, false, "xbmtopbm", "xbmtopbm '{in}' > '{out}'"},
+    {"Xpm1", IMG_TYPE_XPM, 1, 77, 23, false, "convert", kMagickXpm},
+    {"Xpm1Netpbm", IMG_TYPE_XPM, 1, 77, 23, false, "xpmtoppm", kXpmToPpm},
+    {"Xpm4", IMG_TYPE_XPM, 4, 31, 9, false, "convert", kMagickXpm},
+    {"Xpm4Netpbm", IMG_TYPE_XPM, 4, 31, 9, false, "xpmtoppm", kXpmToPpm},
+    {"Xpm8", IMG_TYPE_XPM, 8, 30, 11, false, "convert", kMagickXpm},
+    {"Xpm8Netpbm", IMG_TYPE_XPM, 8, 30, 11, false, "xpmtoppm", kXpmToPpm},
 };
 
 class WrittenFile : public TrnwTest, public ::testing::WithParamInterface<WriteCase> {};
@@ -283,6 +294,9 @@ const ReadCase kReads[] = {
      "{convert} '{in}' -type Palette -compress None '{out}.tif' && " EPSTOOL("", "'{out}.tif'"), "eps"},
     {"EpstoolMagickTiffLzwPalette8", 8, false, "convert epstool",
      "{convert} '{in}' -type Palette -compress LZW '{out}.tif' && " EPSTOOL("--doseps-reverse", "'{out}.tif'"), "eps"},
+    {"MagickXbm", 1, false, "convert", "{convert} '{in}' '{out}'", "xbm"},
+    {"NetpbmXbm", 1, false, "pbmtoxbm", "pbmtoxbm '{in}' > '{out}'", "xbm"},
+    {"NetpbmXbmX10", 1, false, "pbmtoxbm", "pbmtoxbm -x10 '{in}' > '{out}'", "xbm"}, // 16-bit items
 };
 
 class ToolFile : public TrnwTest, public ::testing::WithParamInterface<ReadCase> {};
