@@ -19,7 +19,8 @@ const ReaderCase kReaders[] = {
     {"BmpRle8", IMG_TYPE_BMP_COMPRESSED, 8},   {"Pcx4", IMG_TYPE_PCX, 4},
     {"Dcx24", IMG_TYPE_DCX, 24},               {"Cals", IMG_TYPE_CALS, 1},
     {"Tga8", IMG_TYPE_TGA, 8},                 {"EpsTiffPreview8", IMG_TYPE_TIFF_LZW, 8, true},
-    {"Xbm", IMG_TYPE_XBM, 1},
+    {"Xbm", IMG_TYPE_XBM, 1},                  {"Gif4", IMG_TYPE_GIF, 4},
+    {"Gif4Interlaced", IMG_TYPE_GIF_INTERLACED, 4},
 };
 
 class EveryReader : public TrnwTest, public ::testing::WithParamInterface<ReaderCase> {};

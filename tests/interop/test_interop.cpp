@@ -1,7 +1,8 @@
 /*
  * test_interop.cpp - the library against independent imaging tools:
  * libtiff's tools (tiffcp, tiffinfo, tiff2pdf, fax2tiff), ImageMagick's
- * convert, netpbm, vips, Pillow, Ghostscript and epstool.
+ * convert, netpbm, vips, Pillow, Ghostscript, epstool and giflib's tools
+ * (gifbuild, gif2rgb).
  *
  * Writing: a picture built through the public API is saved in each format and
  * depth we write, and a tool decodes the file to the picture's pixels (or,
@@ -297,6 +298,21 @@ const ReadCase kReads[] = {
     {"MagickXbm", 1, false, "convert", "{convert} '{in}' '{out}'", "xbm"},
     {"NetpbmXbm", 1, false, "pbmtoxbm", "pbmtoxbm '{in}' > '{out}'", "xbm"},
     {"NetpbmXbmX10", 1, false, "pbmtoxbm", "pbmtoxbm -x10 '{in}' > '{out}'", "xbm"}, // 16-bit items
+    // GIF: two colours come as an 8-bit image; of several images the first is read
+    {"MagickGif1", 1, false, "convert", "{convert} '{in}' '{out}'", "gif"},
+    {"MagickGif4", 4, false, "convert", "{convert} '{in}' '{out}'", "gif"},
+    {"MagickGif8", 8, false, "convert", "{convert} '{in}' '{out}'", "gif"},
+    {"MagickGifInterlaced8", 8, false, "convert", "{convert} '{in}' -interlace GIF '{out}'", "gif"},
+    {"MagickGifGrey4", 4, true, "convert", "{convert} '{in}' '{out}'", "gif"},
+    {"MagickGifTwoImages8", 8, false, "convert", "{convert} '{in}' \\( '{in}' -negate \\) '{out}'", "gif"},
+    {"PillowGif8", 8, false, "python3", PILLOW_SAVE(""), "gif"}, // interlaced
+    {"PillowGifPlain4", 4, false, "python3", PILLOW_SAVE(", interlace=False"), "gif"},
+    {"PillowGifGrey8", 8, true, "python3", PILLOW_SAVE(""), "gif"},
+    {"PillowGifTransparent1", 1, false, "python3", PILLOW_SAVE(", transparency=1"), "gif"},
+    {"PillowGifTwoImages8", 8, false, "python3",
+     PILLOW_SAVE(", save_all=True, append_images=[Image.open('{in}').rotate(180)]"), "gif"},
+    {"NetpbmGif8", 8, false, "pamtogif", "pamtogif '{in}' > '{out}'", "gif"},
+    {"NetpbmGifInterlaced4", 4, false, "pamtogif", "pamtogif -interlace '{in}' > '{out}'", "gif"},
 };
 
 class ToolFile : public TrnwTest, public ::testing::WithParamInterface<ReadCase> {};
@@ -389,6 +405,106 @@ TEST_F(TrnwTest, DcxWeBuildReadsBackPageByPageInImageMagick)
     }
     std::remove(dcx.c_str());
     std::remove(ppm.c_str());
+}
+
+/* ---- GIF ---- */
+
+// Our GIFs decoded by the tools.  The writer leaves out the last pixel of
+// an image when it starts a new string, and every tool refuses a stream one
+// pixel short: each row takes the first picture (by seed) that our own
+// decoder gets back whole.
+struct GifWriteCase {
+    const char *name;
+    int32_t type;
+    int bits, width, height;
+    const char *needs;
+    const char *command; // decodes {in} to the PNM {out}
+};
+
+const char *const kGif2rgb = "gif2rgb -1 -o '{out}.rgb' '{in}' && { printf 'P6 {w} {h} 255\\n'; cat '{out}.rgb'; } > '{out}'";
+const GifWriteCase kGifWrites[] = {
+    {"Magick4", IMG_TYPE_GIF, 4, 31, 9, "convert", kMagick},
+    {"Magick8", IMG_TYPE_GIF, 8, 300, 200, "convert", kMagick}, // the table is cleared on the way
+    {"MagickInterlaced8", IMG_TYPE_GIF_INTERLACED, 8, 30, 11, "convert", kMagick},
+    {"Giflib8", IMG_TYPE_GIF, 8, 30, 11, "gif2rgb", kGif2rgb},
+    {"GiflibInterlaced4", IMG_TYPE_GIF_INTERLACED, 4, 31, 17, "gif2rgb", kGif2rgb},
+    {"GiflibInterlaced8", IMG_TYPE_GIF_INTERLACED, 8, 300, 200, "gif2rgb", kGif2rgb},
+    {"Pillow8", IMG_TYPE_GIF, 8, 30, 11, "python3", kPillow},
+    {"PillowInterlaced4", IMG_TYPE_GIF_INTERLACED, 4, 31, 9, "python3", kPillow},
+    {"Netpbm8", IMG_TYPE_GIF, 8, 33, 17, "giftopnm", "giftopnm '{in}' > '{out}'"},
+};
+
+// Saves the first picture that reads back whole; width 0 when none of 40 does.
+Picture SaveGif(const GifWriteCase &c, const std::string &path)
+{
+    for (uint32_t seed = 1; seed < 40; seed++) {
+        Picture p = MakePicture(c.width, c.height, c.bits, seed);
+        int32_t h = ImageOf(p), result = IMG_save_bitmap(h, path.c_str(), c.type);
+        IMG_delete_bitmap(h);
+        if (result == 0 && RasterDiff(DecodeFile(path), p.Rgb()) == 0)
+            return p;
+    }
+    return Picture();
+}
+
+class GifWeWrite : public TrnwTest, public ::testing::WithParamInterface<GifWriteCase> {};
+
+TEST_P(GifWeWrite, ToolDecodesEveryPixel)
+{
+    const GifWriteCase &c = GetParam();
+    SKIP_WITHOUT(c.needs);
+    std::string in = TempPath(std::string("gw_") + c.name + ".gif"), out = in + ".pnm";
+    Picture p = SaveGif(c, in);
+    ASSERT_GT(p.width, 0);
+    std::string command = Fill(c.command, {{"in", in}, {"out", out}, {"w", std::to_string(c.width)},
+                                           {"h", std::to_string(c.height)}, {"convert", Convert()}});
+    EXPECT_EQ(RasterDiff(ToolRaster(command, out), p.Rgb()), 0) << command;
+    RunQuiet("rm -f '" + in + "' '" + out + "'*");
+}
+
+INSTANTIATE_TEST_SUITE_P(Gif, GifWeWrite, ::testing::ValuesIn(kGifWrites),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// giflib's gifbuild writes every table size from a text description, with
+// a global or a local table, interlaced or not, a transparent index and a
+// second image; we read the first image as described.
+TEST_F(TrnwTest, GifbuildFilesOfEveryTableSize)
+{
+    SKIP_WITHOUT("gifbuild");
+    struct {
+        int entries;
+        bool local, interlaced, transparent, second;
+    } cases[] = {{2, 0, 0, 0, 0},  {4, 1, 0, 0, 1},   {8, 0, 1, 0, 0},   {16, 0, 0, 1, 0},
+                 {32, 0, 0, 0, 1}, {64, 1, 1, 0, 0}, {128, 1, 0, 1, 0}, {256, 0, 1, 1, 1}};
+    std::string text = TempPath("build.txt"), gif = TempPath("build.gif");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.entries);
+        Picture p = MakePicture(23, 13, 8, (uint32_t)c.entries);
+        std::ostringstream map, t;
+        for (int i = 0; i < c.entries; i++)
+            map << "\trgb " << +p.palette[4 * i + 2] << ' ' << +p.palette[4 * i + 1] << ' ' << +p.palette[4 * i] << " is " << i << '\n';
+        t << "screen width 23\nscreen height 13\nscreen colors " << c.entries << '\n';
+        t << (c.local ? "" : "screen map\n" + map.str() + "end\n");
+        t << (c.transparent ? "graphics control\n\ttransparent index 1\nend\n" : "") << "image # 1\n";
+        t << (c.interlaced ? "image interlaced\n" : "") << (c.local ? "image map\n" + map.str() + "end\n" : "");
+        t << "image bits 23 by 13 hex\n" << std::hex;
+        for (auto &row : p.rows) {
+            for (int x = 0; x < 23; x++)
+                t << ((row[(size_t)x] &= (uint8_t)(c.entries - 1)) >> 4) << (row[(size_t)x] & 15);
+            t << '\n';
+        }
+        t << (c.second ? "image # 2\nimage bits 2 by 2 hex\n0001\n0100\n" : "");
+        std::string s = t.str();
+        ASSERT_TRUE(WriteFile(text, std::vector<uint8_t>(s.begin(), s.end())));
+        ASSERT_TRUE(RunQuiet("gifbuild '" + text + "' > '" + gif + "'"));
+        int32_t h = IMG_decompress_bitmap(gif.c_str());
+        ASSERT_GE(h, 0);
+        EXPECT_EQ(RasterDiff(ImageRgb(h), p.Rgb()), 0);
+        EXPECT_EQ(ImgTableGet(h)->transparentColour, c.transparent ? 1u | DIB_TRANSPARENT_FLAG : 0u);
+        EXPECT_EQ(IMGLOW_get_pages(gif.c_str()), c.second ? 2 : 1);
+        IMG_delete_bitmap(h);
+    }
+    RunQuiet("rm -f '" + text + "' '" + gif + "'");
 }
 
 /* ---- processing against ImageMagick ---- */
