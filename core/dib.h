@@ -6,6 +6,7 @@
 #define TRNW_DIB_H
 
 #include <stdint.h>
+#include <string.h>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -72,6 +73,23 @@ static inline uint64_t DibStride(uint32_t width, int bits)
 static inline int DibDepthSupported(int bits)
 {
     return bits == 1 || bits == 4 || bits == 8 || bits == 16 || bits == 24 || bits == 32;
+}
+
+/* Fills a header block (the header and 256 palette entries) for a 1-bit
+ * image: entry 0 black, entry 1 white, resolution 0, the rest 0. */
+static inline void DibBilevelHeader(uint8_t *block, int32_t width, int32_t height, uint32_t imageSize)
+{
+    BITMAPINFOHEADER h;
+    memset(&h, 0, sizeof h);
+    h.biSize = DIB_HEADER_SIZE;
+    h.biWidth = width;
+    h.biHeight = height;
+    h.biPlanes = 1;
+    h.biBitCount = 1;
+    h.biSizeImage = imageSize;
+    memset(block, 0, DIB_HEADER_SIZE + 1024);
+    memcpy(block, &h, sizeof h);
+    memset(block + DIB_HEADER_SIZE + 4, 255, 3);
 }
 
 #endif /* TRNW_DIB_H */

@@ -152,16 +152,9 @@ int CalsRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSin
     /* 5. A 1-bit header, entry 0 black, entry 1 white. */
     ImgSeek(handle, (int32_t)(start + CALS_HEADER_SIZE), 0);
     uint8_t block[IMG_HEADER_BLOCK_SIZE];
-    memset(block, 0, sizeof block);
-    PutLE32(block, DIB_HEADER_SIZE);
-    PutLE32(block + 4, (uint32_t)width);
-    PutLE32(block + 8, (uint32_t)height);
-    PutLE16(block + 12, 1);
-    PutLE16(block + 14, 1);
-    PutLE32(block + 20, (uint32_t)imageSize);
+    DibBilevelHeader(block, (int32_t)width, (int32_t)height, (uint32_t)imageSize);
     PutLE32(block + 24, (uint32_t)density);
     PutLE32(block + 28, (uint32_t)density);
-    memset(block + DIB_HEADER_SIZE + 4, 255, 3);
     int result = headerSink(block, sinkContext);
     if (result < 0)
         return result;

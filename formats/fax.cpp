@@ -42,17 +42,8 @@ int FaxRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink
 {
     (void)start;
     uint8_t block[IMG_HEADER_BLOCK_SIZE];
-    memset(block, 0, sizeof block);
-    BITMAPINFOHEADER h;
-    memset(&h, 0, sizeof h);
-    h.biSize = DIB_HEADER_SIZE;
-    h.biWidth = stream.width;
-    h.biHeight = stream.height;
-    h.biPlanes = 1;
-    h.biBitCount = 1;
-    h.biSizeImage = (uint32_t)(DibStride((uint32_t)stream.width, 1) * (uint64_t)stream.height);
-    memcpy(block, &h, sizeof h);
-    memset(block + DIB_HEADER_SIZE + 4, 255, 3); /* entry 0 black, entry 1 white */
+    DibBilevelHeader(block, stream.width, stream.height,
+                     (uint32_t)(DibStride((uint32_t)stream.width, 1) * (uint64_t)stream.height));
     int result = headerSink(block, sinkContext);
     if (result < 0)
         return result;

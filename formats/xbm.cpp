@@ -236,18 +236,6 @@ int ReadRow(Text &text, int itemBytes, uint32_t rowBytes, uint8_t *row, uint32_t
     return 0;
 }
 
-void BuildHeader(uint32_t width, uint32_t height, uint32_t stride, uint8_t *block)
-{
-    memset(block, 0, IMG_HEADER_BLOCK_SIZE);
-    PutLE32(block, DIB_HEADER_SIZE);
-    PutLE32(block + 4, width);
-    PutLE32(block + 8, height);
-    PutLE16(block + 12, 1);
-    PutLE16(block + 14, 1);
-    PutLE32(block + 20, stride * height);
-    memset(block + DIB_HEADER_SIZE + 4, 255, 3); /* entry 0 black, entry 1 white */
-}
-
 } // namespace
 
 int XbmRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink headerSink,
@@ -276,7 +264,7 @@ int XbmRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink
         return IMG_ERR_INVALID;
 
     uint8_t block[IMG_HEADER_BLOCK_SIZE];
-    BuildHeader((uint32_t)width, (uint32_t)height, (uint32_t)stride, block);
+    DibBilevelHeader(block, (int32_t)width, (int32_t)height, (uint32_t)(stride * height));
     int result = headerSink(block, sinkContext);
     if (result < 0)
         return result;
