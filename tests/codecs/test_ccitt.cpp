@@ -308,6 +308,20 @@ TEST_F(Ccitt, NonReadingModesTakeTheBuffer)
     }
 }
 
+// A raw fax of type 2: EOLs and tag bits on the first two rows only.
+TEST_F(Ccitt, RawFaxTypeTwoThroughThePublicCall)
+{
+    auto data = Pack(kEol + "1" + W(3) + B(2) + W(15) + kEol + "0" + kV0 + kVR1 + kV0 + kVL1 + kVL2 + kV0);
+    int32_t h = IMG_decompress_fax_mem_size(data.data(), (uint32_t)data.size(), 20, 3, 2, 1);
+    ASSERT_GE(h, 0);
+    Raster r = ImageRgb(h);
+    IMG_delete_bitmap(h);
+    std::string black;
+    for (size_t i = 0; i < r.rgb.size(); i += 3)
+        black += r.rgb[i] ? "" : std::to_string(i / 3 / 20) + ":" + std::to_string(i / 3 % 20) + " ";
+    EXPECT_EQ(black, "0:3 0:4 1:3 1:4 1:5 2:2 2:3 ");
+}
+
 TEST_F(Ccitt, NegativeSinkResultStopsEveryDecoder)
 {
     std::string g3 = kEol + "1" + W(20) + kEol + "1" + W(20);

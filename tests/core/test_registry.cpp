@@ -60,6 +60,14 @@ int32_t MemType(Bytes bytes) { return IMGLOW_get_filetype_mem_size(bytes.data(),
 
 Bytes Text(const char *s) { return Bytes(s, s + std::strlen(s)); }
 
+// `bytes` at offset `at` behind kFill.
+Bytes At(size_t at, const Bytes &bytes)
+{
+    Bytes b(at, kFill);
+    b.insert(b.end(), bytes.begin(), bytes.end());
+    return b;
+}
+
 // Appends more to bytes (resize and copy: GCC 12's -Warray-bounds misfires on
 // vector::insert at -O2).
 void Append(Bytes &bytes, const Bytes &more)
@@ -206,7 +214,8 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
         {{0x59, 0xA6, 0x6A, 0x95}, "ras", IMG_TYPE_RAS}, {{0x10, 0, 0x20, 0, 0, 0}, "cut", IMG_TYPE_CUT},
         {{0x87, 0x13, 0, 0, 0, 0}, "cut", IMG_TYPE_CUT}, // 4999 wide, 0 high
         {Text("Some text."), "txt", IMG_TYPE_TXT}, {Text("8BPS"), "psd", IMG_TYPE_PSD},
-        {{'\'', 'C', '1', 0}, "imt", IMG_TYPE_IMT},
+        {{'\'', 'C', '1', 0}, "imt", IMG_TYPE_IMT}, {At(522, {0x11}), "pct", IMG_TYPE_PCT},
+        {At(65, Text("PNTG")), "mac", IMG_TYPE_MAC},
     };
     for (const ProbeCase &c : cases) {
         SCOPED_TRACE(c.extension);
