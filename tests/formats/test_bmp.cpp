@@ -141,16 +141,13 @@ TEST_F(BmpFormat, WritersReadBack)
             Picture p = MakePicture(29, 9, bits, (uint32_t)(type + bits));
             if (bits == 8) // long runs for RLE8 as well as mixed pixels
                 for (int x = 0; x < 20; x++) p.rows[3][(size_t)x] = 7;
-            int32_t h = ImageOf(p);
-            std::vector<uint8_t> file(20000);
-            int32_t n = IMG_save_bitmap_mem_size(h, file.data(), (uint32_t)file.size(), type);
-            IMG_delete_bitmap(h);
+            int32_t n = 0;
+            std::vector<uint8_t> file = Saved(p, type, &n);
             if (type == IMG_TYPE_BMP_COMPRESSED && (bits == 1 || bits == 24)) {
                 EXPECT_EQ(n, IMG_ERR_DEPTH);
                 continue;
             }
             ASSERT_GT(n, 0);
-            file.resize((size_t)n);
             uint32_t palette = bits < 24 ? 4u << bits : 0;
             if (type != IMG_TYPE_DIB) {
                 EXPECT_EQ(std::string(file.begin(), file.begin() + 2), "BM");

@@ -232,16 +232,13 @@ TEST_F(TiffWrite, EverySaveTypeReadsBack)
         for (int bits : {1, 4, 8, 24}) {
             SCOPED_TRACE("type " + std::to_string(t.type) + ", " + std::to_string(bits) + " bits");
             Picture p = MakePicture(37, 11, bits, (uint32_t)(t.type * 31 + bits));
-            int32_t h = ImageOf(p);
-            std::vector<uint8_t> file(200000);
-            int32_t n = IMG_save_bitmap_mem_size(h, file.data(), (uint32_t)file.size(), t.type);
-            IMG_delete_bitmap(h);
+            int32_t n = 0;
+            std::vector<uint8_t> file = Saved(p, t.type, &n);
             if (std::find(t.depths.begin(), t.depths.end(), bits) == t.depths.end()) {
                 EXPECT_EQ(n, IMG_ERR_DEPTH);
                 continue;
             }
             ASSERT_GT(n, 8);
-            file.resize((size_t)n);
             std::map<int, uint32_t> counts, tags = FirstIfd(file, counts);
             EXPECT_EQ((std::vector<uint32_t>{tags[256], tags[257], counts[258]}), (std::vector<uint32_t>{37, 11, bits == 24 ? 3u : 1u}));
             EXPECT_EQ(tags[259], (uint32_t)t.compression);
@@ -261,19 +258,16 @@ TEST_F(TiffWrite, RawFaxTypesReadBack)
     Picture p = MakePicture(203, 17, 1, 5);
     for (auto &t : types) {
         SCOPED_TRACE(t.type);
-        int32_t h = ImageOf(p);
-        std::vector<uint8_t> data(100000);
-        int32_t n = IMG_save_bitmap_mem_size(h, data.data(), (uint32_t)data.size(), t.type);
-        IMG_delete_bitmap(h);
-        ASSERT_GT(n, 0);
-        int32_t back = IMG_decompress_fax_mem_size(data.data(), (uint32_t)n, 203, 17, t.decodeType, t.fillOrder);
+        std::vector<uint8_t> data = Saved(p, t.type);
+        ASSERT_FALSE(data.empty());
+        int32_t back = IMG_decompress_fax_mem_size(data.data(), (uint32_t)data.size(), 203, 17, t.decodeType, t.fillOrder);
         ASSERT_GE(back, 0);
         EXPECT_EQ(RasterDiff(ImageRgb(back), p.Rgb()), 0);
         IMG_delete_bitmap(back);
     }
-    int32_t grey = ImageOf(MakePicture(8, 8, 8, 1));
-    std::vector<uint8_t> data(10000);
-    EXPECT_EQ(IMG_save_bitmap_mem_size(grey, data.data(), (uint32_t)data.size(), IMG_TYPE_FAX_G4), IMG_ERR_DEPTH);
+    int32_t status = 0;
+    Saved(MakePicture(8, 8, 8, 1), IMG_TYPE_FAX_G4, &status);
+    EXPECT_EQ(status, IMG_ERR_DEPTH);
 }
 
 TEST_F(TiffWrite, SavingIntoATiffAppendsAPage)

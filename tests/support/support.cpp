@@ -276,6 +276,24 @@ Raster DecodeMemory(std::vector<uint8_t> bytes, int32_t *status, int *bits)
     return Finish(IMG_decompress_bitmap_mem_size(bytes.data(), (uint32_t)bytes.size(), 0), status, bits);
 }
 
+std::vector<uint8_t> SavedImage(int32_t handle, int32_t type, int32_t *status)
+{
+    std::vector<uint8_t> file(1 << 22);
+    int32_t n = IMG_save_bitmap_mem_size(handle, file.data(), (uint32_t)file.size(), type);
+    if (status)
+        *status = n;
+    file.resize((size_t)std::max(n, 0));
+    return file;
+}
+
+std::vector<uint8_t> Saved(const Picture &p, int32_t type, int32_t *status)
+{
+    int32_t h = ImageOf(p);
+    std::vector<uint8_t> file = SavedImage(h, type, status);
+    IMG_delete_bitmap(h);
+    return file;
+}
+
 std::vector<uint8_t> DosEps(const std::vector<uint8_t> &preview)
 {
     const std::string ps = "%!PS-Adobe-3.0 EPSF-3.0\n";

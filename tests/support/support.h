@@ -81,6 +81,9 @@ inline Raster ImageRgb(int32_t handle) { return PictureOf(handle).Rgb(); }
 // `status` gets the handle or error code.
 Raster DecodeFile(const std::string &path, int32_t *status = nullptr, int *bits = nullptr);
 Raster DecodeMemory(std::vector<uint8_t> bytes, int32_t *status = nullptr, int *bits = nullptr);
+// A save to memory: the file's bytes, or none with the error in `status`.
+std::vector<uint8_t> SavedImage(int32_t handle, int32_t type, int32_t *status = nullptr);
+std::vector<uint8_t> Saved(const Picture &p, int32_t type, int32_t *status = nullptr);
 // A DOS EPS file: the 30-byte binary header, one line of PostScript, then
 // `preview` (a TIFF), the header's offsets and lengths pointing at both.
 std::vector<uint8_t> DosEps(const std::vector<uint8_t> &preview);
