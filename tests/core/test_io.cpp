@@ -4,6 +4,7 @@
 #include "support/support.h"
 
 #include <cctype>
+#include <tuple>
 
 namespace {
 
@@ -146,19 +147,14 @@ TEST_F(CallerIo, CallsGoToTheCallerWithTheirArgumentsForEveryHandle)
         g_read.result = handle == kMem ? 4242 : -3;
         g_write.result = 5 + handle;
         g_seek.result = 77 + handle;
+        using Seen = std::tuple<int, int32_t, const void *, int32_t>; // calls, handle, buffer, count
         EXPECT_EQ(ImgRead(handle, buf + calls, 10 + calls), g_read.result);
-        EXPECT_EQ(g_read.calls, calls);
-        EXPECT_EQ(g_read.handle, handle);
-        EXPECT_EQ(g_read.buffer, (const void *)(buf + calls));
-        EXPECT_EQ(g_read.count, 10 + calls);
+        EXPECT_EQ(Seen(g_read.calls, g_read.handle, g_read.buffer, g_read.count), Seen(calls, handle, buf + calls, 10 + calls));
         EXPECT_EQ(ImgWrite(handle, buf, 5), 5 + handle);
-        EXPECT_EQ(g_write.handle, handle);
-        EXPECT_EQ(g_write.buffer, (const void *)buf);
-        EXPECT_EQ(g_write.count, 5);
+        EXPECT_EQ(Seen(g_write.calls, g_write.handle, g_write.buffer, g_write.count), Seen(calls, handle, buf, 5));
         EXPECT_EQ(ImgSeek(handle, 20, 1), 77 + handle);
-        EXPECT_EQ(g_seek.handle, handle);
-        EXPECT_EQ(g_seek.buffer, reinterpret_cast<const void *>((intptr_t)20));
-        EXPECT_EQ(g_seek.count, 1);
+        EXPECT_EQ(Seen(g_seek.calls, g_seek.handle, g_seek.buffer, g_seek.count),
+                  Seen(calls, handle, reinterpret_cast<const void *>((intptr_t)20), 1));
     }
     EXPECT_EQ(buf[0], 0x77) << "nothing was read into the buffer";
     EXPECT_EQ(ImgTell(), 0u) << "the memory image was not read";
@@ -210,26 +206,6 @@ TEST_F(Io, TempFileModeZeroWritesPathAndCreatesFile)
     EXPECT_NE(ImgOpen(path, 3), -1) << "the file exists";
     EXPECT_EQ(ReadFile(path).size(), 12u);
     EXPECT_EQ(ImgDelete(path), 0);
-}
-
-// ImgTestFailAllocations(n): the allocation after n more successful ones fails.
-TEST_F(Io, AllocTestHookFailsTheNextAllocation)
-{
-    for (int n : {0, 2}) {
-        ImgTestFailAllocations(n);
-        std::vector<void *> blocks;
-        for (int i = 0; i <= n + 1; i++)
-            blocks.push_back(ImgAlloc(16));
-        for (int i = 0; i <= n + 1; i++)
-            EXPECT_EQ(blocks[(size_t)i] == nullptr, i == n) << "allocation " << i << " after " << n;
-        for (void *p : blocks)
-            ImgFree(p);
-    }
-    ImgTestFailAllocations(0);
-    ImgTestFailAllocations(-1); // switched off again
-    void *p = ImgAlloc(16);
-    EXPECT_NE(p, nullptr);
-    ImgFree(p);
 }
 
 // 30 slots of ordinary blocks; a 31st ImgAllocTracked gives NULL instead of

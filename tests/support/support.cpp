@@ -83,7 +83,7 @@ Raster ReadPnm(const std::string &path)
 {
     Raster r;
     std::vector<uint8_t> f = ReadFile(path);
-    size_t at = 0;
+    size_t at = 2;
     auto number = [&]() {
         while (at < f.size() && (std::isspace(f[at]) || f[at] == '#'))
             if (f[at] == '#') { while (at < f.size() && f[at] != '\n') at++; } else at++;
@@ -92,37 +92,24 @@ Raster ReadPnm(const std::string &path)
             v = v * 10 + (f[at++] - '0');
         return v;
     };
-    if (f.size() < 3 || f[0] != 'P' || f[1] < '1' || f[1] > '6')
+    if (f.size() < 3 || f[0] != 'P' || f[1] < '4' || f[1] > '6') // the binary forms the tools write
         return r;
     char kind = (char)f[1];
-    at = 2;
     int w = (int)number(), h = (int)number();
-    long maxval = (kind == '1' || kind == '4') ? 1 : number();
-    at++; // the single whitespace before binary data
-    int channels = (kind == '3' || kind == '6') ? 3 : 1;
-    bool ascii = kind <= '3';
-    for (int y = 0; y < h; y++) {
+    long maxval = kind == '4' ? 1 : number();
+    at++; // the single whitespace before the data
+    int channels = kind == '6' ? 3 : 1;
+    for (int y = 0; y < h; y++)
         for (int x = 0; x < w; x++) {
             uint8_t c[3];
             for (int k = 0; k < channels; k++) {
-                long v;
-                if (kind == '4') {
-                    size_t byte = at + (size_t)y * ((w + 7) / 8) + x / 8;
-                    v = byte < f.size() ? !((f[byte] >> (7 - x % 8)) & 1) : 0;
-                } else if (kind == '1') {
-                    while (at < f.size() && f[at] != '0' && f[at] != '1') at++;
-                    v = at < f.size() ? f[at++] == '0' : 0;
-                } else if (ascii) {
-                    v = number() * 255 / maxval;
-                } else {
-                    v = at < f.size() ? f[at++] * 255 / maxval : 0;
-                }
-                c[k] = (uint8_t)(kind == '1' || kind == '4' ? v * 255 : v);
+                size_t i = kind == '4' ? at + (size_t)y * ((w + 7) / 8) + x / 8 : at++;
+                long v = i >= f.size() ? 0 : kind == '4' ? ((f[i] >> (7 - x % 8)) & 1 ? 0 : 255) : f[i] * 255 / maxval;
+                c[k] = (uint8_t)v;
             }
             for (int k = 0; k < 3; k++)
                 r.rgb.push_back(c[channels == 3 ? k : 0]);
         }
-    }
     r.width = w, r.height = h;
     return r;
 }

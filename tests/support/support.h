@@ -31,13 +31,6 @@ bool WriteFile(const std::string &path, const std::vector<uint8_t> &bytes);
 bool RunQuiet(const std::string &command);
 // The full path of an installed tool, or "" (always "" under Windows).
 std::string FindTool(const std::string &name);
-// Declares `var` as the path of tool `name`, or skips the test without it.
-#define NEED_TOOL(var, name)                                                     \
-    const std::string var = FindTool(name);                                      \
-    if (var.empty()) {                                                           \
-        GTEST_SKIP() << name << " is not installed";                             \
-    }                                                                            \
-    do {} while (0)
 
 /* ---- rasters ---- */
 
@@ -48,7 +41,7 @@ struct Raster {
 };
 // The number of pixels that differ (by more than `tolerance` in a channel); -1 when the geometries differ.
 long RasterDiff(const Raster &a, const Raster &b, int tolerance = 0);
-// A PNM file (P1-P6) as a raster; width 0 when unreadable.
+// A binary PNM file (P4-P6) as a raster; width 0 when unreadable.
 Raster ReadPnm(const std::string &path);
 // Writes P4 (bilevel: black where the pixel is not white), P5 (the red
 // channel) or P6, per `format`.
