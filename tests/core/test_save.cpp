@@ -1,8 +1,7 @@
 /* The save pipeline: the header copy handed to a writer, the brightness and
  * contrast table, the row source (plain and run-coded images, any order, the
  * crop rectangle, progress) and the dispatch of IMG_save_bitmap and its
- * siblings.  Expected pixels come from Pattern(), the hash every test picture
- * holds; saved BMPs are read back through their file header. */
+ * siblings.  Saved BMPs are read back through their file header. */
 #include "support/support.h"
 
 #include <cmath>
@@ -20,45 +19,18 @@ class Save : public TrnwTest {
     }
 };
 
-// The pixel value at (x, y) of every test picture: a hash, so that 1-bit rows
-// have many runs and neighbouring bytes differ.
-uint32_t Pattern(int32_t x, int32_t y, int bits)
+// A library image of a random picture (kept in *picture) at 300 x 200 dots
+// per inch.
+int32_t NewPicture(int32_t w, int32_t h, int bits, Picture *picture = nullptr)
 {
-    uint32_t v = (uint32_t)x * 2654435761u ^ (uint32_t)y * 40503u ^ (uint32_t)(x * y) * 13u;
-    v ^= v >> 13;
-    v *= 0x5bd1e995u;
-    v ^= v >> 15;
-    return bits >= 32 ? v : v & ((1u << bits) - 1u);
-}
-
-// A library-owned image holding Pattern(), black and white at 1 bit, a
-// colour palette at 4 and 8 bits, 300 x 200 dots per inch.
-int32_t NewPicture(int32_t w, int32_t h, int bits)
-{
-    TestDib dib(w, h, bits);
-    for (int32_t y = 0; y < h; y++)
-        for (int32_t x = 0; x < w; x++)
-            SetRowPixel(dib.Row(y), x, bits, Pattern(x, y, bits));
-    if (bits == 4 || bits == 8)
-        for (int i = 0; i < 1 << bits; i++) {
-            uint8_t *e = dib.Palette() + 4 * i;
-            e[0] = (uint8_t)(i * 37 + 11), e[1] = (uint8_t)(i * 91 + 5), e[2] = (uint8_t)(i * 13 + 200);
-        }
-    BITMAPINFOHEADER *hd = reinterpret_cast<BITMAPINFOHEADER *>(dib.block);
-    hd->biXPelsPerMeter = 300; // dots per inch inside the library
-    hd->biYPelsPerMeter = 200;
-    int32_t handle = IMG_create_handle_keep(dib.block);
-    if (handle >= 0) {
-        dib.Release();
-        ImgTableGet(handle)->callerOwnsDib = 0;
-    }
+    Picture p = RandomPicture(w, h, bits, (uint32_t)(w * 31 + bits));
+    int32_t handle = ImageOf(p);
+    auto *header = reinterpret_cast<BITMAPINFOHEADER *>(ImgTableGet(handle)->dib);
+    header->biXPelsPerMeter = 300; // dots per inch inside the library
+    header->biYPelsPerMeter = 200;
+    if (picture)
+        *picture = p;
     return handle;
-}
-
-std::vector<uint8_t> ImagePalette(int32_t handle)
-{
-    ImgDescriptor *d = ImgTableGet(handle);
-    return std::vector<uint8_t>(d->dib + 40, d->dib + 40 + DibPaletteSize(ImgDescriptorBits(d)));
 }
 
 // A saved BMP file read through its headers; rows bottom first in the bytes.
@@ -105,15 +77,16 @@ Bmp SaveToFile(int32_t handle, int32_t *result)
     return bmp;
 }
 
-// Every pixel of a saved crop against Pattern() from image column x0, row y0.
-void ExpectPixels(const Bmp &bmp, int bits, int32_t x0, int32_t y0, int32_t w, int32_t h)
+// Every pixel of a saved crop against the picture from column x0, row y0.
+void ExpectPixels(const Bmp &bmp, const Picture &p, int32_t x0, int32_t y0, int32_t w, int32_t h)
 {
+    const int bits = p.bits;
     ASSERT_EQ(bmp.width, w);
     ASSERT_EQ(bmp.height, h);
     ASSERT_EQ(bmp.bits, bits);
     for (int32_t y = 0; y < h; y++)
         for (int32_t x = 0; x < w; x++)
-            ASSERT_EQ(RowPixel(bmp.Row(y), x, bits), Pattern(x0 + x, y0 + y, bits)) << x << "," << y;
+            ASSERT_EQ(RowPixel(bmp.Row(y), x, bits), RowPixel(p.rows[(size_t)(y0 + y)].data(), x0 + x, bits)) << x << "," << y;
 }
 
 // The brightness and contrast table worked out naively in double precision:
@@ -155,7 +128,8 @@ namespace {
 
 TEST_F(Save, HeaderCopyCarriesCropSizeDepthPaletteResolution)
 {
-    int32_t h = NewPicture(30, 20, 8);
+    Picture p;
+    int32_t h = NewPicture(30, 20, 8, &p);
     ASSERT_EQ(IMG_set_croprect(h, 3, 4, 10, 7), 0);
     ImgWriter previous = RegistrySetWriterForTest(IMG_TYPE_WPG, ProbeWriter);
     std::string path = TempPath("headercopy.wpg");
@@ -172,7 +146,7 @@ TEST_F(Save, HeaderCopyCarriesCropSizeDepthPaletteResolution)
         using H = std::tuple<uint32_t, int32_t, int32_t, uint16_t, int32_t, int32_t, uint32_t>;
         EXPECT_EQ(H(hd.biSize, hd.biWidth, hd.biHeight, hd.biBitCount, hd.biXPelsPerMeter, hd.biYPelsPerMeter, hd.biClrUsed),
                   H(40, 10, 7, 8, 300, 200, 0));
-        EXPECT_EQ(std::vector<uint8_t>(probeHeader.begin() + 40, probeHeader.begin() + 40 + 1024), ImagePalette(h));
+        EXPECT_EQ(std::vector<uint8_t>(probeHeader.begin() + 40, probeHeader.begin() + 40 + 1024), p.palette);
     }
     RegistrySetWriterForTest(IMG_TYPE_WPG, previous);
     std::remove(path.c_str());
@@ -190,7 +164,8 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
     for (const Case &c : cases) {
         for (int file = 0; file < 2; file++) {
             SCOPED_TRACE(std::to_string(c.bits) + " bits, gamma " + std::to_string(c.gamma) + (file ? " file" : " memory"));
-            int32_t h = NewPicture(21, 9, c.bits);
+            Picture p;
+            int32_t h = NewPicture(21, 9, c.bits, &p);
             ASSERT_EQ(IMG_set_lut(h, c.contrast, c.brightness), 0);
             if (c.gamma) {
                 ASSERT_EQ(IMG_set_gamma(h, (uint32_t)c.gamma), 0);
@@ -198,7 +173,7 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
             ASSERT_EQ(IMG_set_croprect(h, 2, 1, 15, 6), 0);
             ImgDescriptor *d = ImgTableGet(h);
             uint8_t *const block = d->dib;
-            const std::vector<uint8_t> dib(d->dib, d->dib + d->dibSize), palette = ImagePalette(h);
+            const std::vector<uint8_t> dib(d->dib, d->dib + d->dibSize), palette = p.palette;
             int32_t result = -99;
             Bmp bmp = file ? SaveToFile(h, &result) : SaveToMemory(h, &result);
             ASSERT_EQ(result, file ? 0 : (int32_t)bmp.b.size());
@@ -210,11 +185,11 @@ TEST_F(Save, BrightnessContrastAdjustPaletteOrRowBytes)
                 ASSERT_EQ(saved.size(), 1024u);
                 for (size_t i = 0; i < 1024; i++)
                     ASSERT_EQ(saved[i], i % 4 == 3 ? palette[i] : table[palette[i]]) << "palette byte " << i;
-                ExpectPixels(bmp, 8, 2, 1, 15, 6);
+                ExpectPixels(bmp, p, 2, 1, 15, 6);
             } else {
                 for (int32_t y = 0; y < 6; y++)
                     for (int32_t x = 0; x < 15 * c.bits / 8; x++)
-                        ASSERT_EQ(bmp.Row(y)[x], table[(Pattern(2 + x / (c.bits / 8), 1 + y, c.bits) >> (8 * (x % (c.bits / 8)))) & 0xFF])
+                        ASSERT_EQ(bmp.Row(y)[x], table[p.rows[(size_t)(1 + y)][(size_t)(2 * c.bits / 8 + x)]])
                             << "byte " << x << " of row " << y;
             }
             d = ImgTableGet(h);
@@ -239,7 +214,8 @@ TEST_F(Save, CropSavesExactlyItsPixels)
         for (int32_t cropX : {0, 2, 3, 5, 7, 8, 11, 14}) {
             SCOPED_TRACE(std::to_string(depth) + " bits, crop x " + std::to_string(cropX));
             const int bits = depth < 0 ? 1 : depth;
-            int32_t h = NewPicture(32, 20, bits);
+            Picture p;
+            int32_t h = NewPicture(32, 20, bits, &p);
             if (depth < 0) {
                 ASSERT_EQ(IMG_dib_to_runs(h), 0);
             }
@@ -248,7 +224,7 @@ TEST_F(Save, CropSavesExactlyItsPixels)
             Bmp bmp = SaveToFile(h, &result);
             ASSERT_EQ(result, 0);
             int32_t first = depth == 1 ? (cropX + 7) / 8 * 8 : depth == 4 ? (cropX + 1) / 2 * 2 : cropX;
-            ExpectPixels(bmp, bits, first, 5, 10, 10);
+            ExpectPixels(bmp, p, first, 5, 10, 10);
             EXPECT_EQ(bmp.xRes, 11811);
             EXPECT_EQ(bmp.yRes, 7874);
             IMG_delete_bitmap(h);
@@ -259,13 +235,14 @@ TEST_F(Save, CropSavesExactlyItsPixels)
 // the stored image height; switched off, none.
 TEST_F(Save, ProgressOncePerRowWithImageHeight)
 {
-    int32_t h = NewPicture(10, 12, 8);
+    Picture p;
+    int32_t h = NewPicture(10, 12, 8, &p);
     ASSERT_EQ(IMG_set_croprect(h, 1, 3, 6, 5), 0);
     progressCalls = 0;
     progressSeen.clear();
     IMG_set_statusbar(77, Progress, 1);
     int32_t result = -99;
-    ExpectPixels(SaveToMemory(h, &result), 8, 1, 3, 6, 5);
+    ExpectPixels(SaveToMemory(h, &result), p, 1, 3, 6, 5);
     const std::vector<std::pair<int32_t, int32_t>> expected(5, {77, 12});
     EXPECT_EQ(progressSeen, expected);
     IMG_set_statusbar(0, nullptr, 0);
@@ -277,10 +254,11 @@ TEST_F(Save, ProgressOncePerRowWithImageHeight)
 
 TEST_F(Save, TypeMinus1ChoosesBmpByExtensionIgnoringCase)
 {
-    int32_t h = NewPicture(7, 5, 8);
+    Picture p;
+    int32_t h = NewPicture(7, 5, 8, &p);
     std::string path = TempPath("ext_mixed.bMp");
     EXPECT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_BY_EXTENSION), 0);
-    ExpectPixels(Bmp(ReadFile(path)), 8, 0, 0, 7, 5);
+    ExpectPixels(Bmp(ReadFile(path)), p, 0, 0, 7, 5);
     std::remove(path.c_str());
 }
 

@@ -7,34 +7,6 @@
 #include <functional>
 
 namespace {
-uint32_t Get(const std::vector<uint8_t> &row, int x, int bits)
-{
-    switch (bits) {
-    case 1: return row[(size_t)x / 8] >> (7 - x % 8) & 1;
-    case 4: return row[(size_t)x / 2] >> (x % 2 ? 0 : 4) & 15;
-    default: {
-        uint32_t v = 0;
-        for (int i = 0; i < bits / 8; i++) v |= (uint32_t)row[(size_t)x * (bits / 8) + i] << (8 * i);
-        return v;
-    }
-    }
-}
-
-// A picture of random pixels (any depth; padding zero) as an image.
-Picture Random(int w, int h, int bits, uint32_t seed)
-{
-    Picture p = MakePicture(w, h, bits == 16 || bits == 32 ? 24 : bits, seed);
-    p.bits = bits;
-    if (bits == 16) p.palette.assign(1024, 0); // no palette; ImageOf passes one below 24 bits
-    for (auto &row : p.rows) {
-        row.assign(DibStride((uint32_t)w, bits), 0);
-        for (int x = 0; x < w * bits / 8 + (bits < 8 && w * bits % 8 ? 1 : 0); x++)
-            row[(size_t)x] = (uint8_t)((seed = seed * 1103515245u + 12345u) >> 16);
-        if (bits < 8 && w * bits % 8) row[(size_t)(w * bits / 8)] &= (uint8_t)(0xFF00 >> (w * bits % 8));
-    }
-    return p;
-}
-
 // out(x, y) = in(map(x, y)); `outside` for pixels the mapping leaves
 // uncovered (map gives 0), not compared where map gives 2.
 using Map = std::function<int(int x, int y, int &sx, int &sy)>;
@@ -48,8 +20,8 @@ void ExpectPixels(int32_t handle, const Picture &in, int w, int h, const Map &ma
         for (int x = 0; x < w; x++) {
             int sx, sy, m = map(x, y, sx, sy);
             if (m == 2) continue;
-            uint32_t want = m ? Get(in.rows[(size_t)sy], sx, in.bits) : outside;
-            if (Get(out.rows[(size_t)y], x, in.bits) != want && bad++ < 3)
+            uint32_t want = m ? RowPixel(in.rows[(size_t)sy].data(), sx, in.bits) : outside;
+            if (RowPixel(out.rows[(size_t)y].data(), x, in.bits) != want && bad++ < 3)
                 ADD_FAILURE() << "pixel " << x << "," << y;
         }
     EXPECT_EQ(bad, 0);
@@ -95,7 +67,7 @@ extern "C" int32_t IMGAPI CountProgress(int32_t, int32_t)
 TEST_P(Rotate, PixelsFollowTheReferenceMapping)
 {
     const Turn t = GetParam();
-    Picture p = Random(t.width, t.height, t.bits, (uint32_t)(t.angle * 7 + t.bits + t.width));
+    Picture p = RandomPicture(t.width, t.height, t.bits, (uint32_t)(t.angle * 7 + t.bits + t.width));
     int32_t h = ImageOf(p);
     ASSERT_GE(h, 0);
     ASSERT_EQ(t.coded ? IMG_dib_to_runs(h) : 0, 0);
@@ -112,7 +84,7 @@ TEST_P(Rotate, PixelsFollowTheReferenceMapping)
             Picture q = PictureOf(h);
             for (int y = 0; y < H; y++)
                 for (int x = 0; x < W; x++)
-                    ASSERT_EQ(Get(q.rows[(size_t)y], x, t.bits) ^ Get(p.rows[(size_t)(H - 1 - y)], W - 1 - x, t.bits),
+                    ASSERT_EQ(RowPixel(q.rows[(size_t)y].data(), x, t.bits) ^ RowPixel(p.rows[(size_t)(H - 1 - y)].data(), W - 1 - x, t.bits),
                               t.bits == 32 ? 0xFFFFFFFFu : (1u << t.bits) - 1) << x << "," << y;
         }
         return;

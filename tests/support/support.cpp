@@ -212,6 +212,22 @@ Picture MakePicture(int w, int h, int bits, uint32_t seed, bool grey)
     return p;
 }
 
+Picture RandomPicture(int w, int h, int bits, uint32_t seed)
+{
+    Picture p = MakePicture(w, h, bits == 16 || bits == 32 ? 24 : bits, seed);
+    p.bits = bits;
+    if (bits == 16)
+        p.palette.assign(1024, 0); // none; ImageOf passes one below 24 bits
+    for (auto &row : p.rows) {
+        row.assign(DibStride((uint32_t)w, bits), 0);
+        for (int x = 0; x < w * bits / 8 + (bits < 8 && w * bits % 8 ? 1 : 0); x++)
+            row[(size_t)x] = (uint8_t)((seed = seed * 1103515245u + 12345u) >> 16);
+        if (bits < 8 && w * bits % 8)
+            row[(size_t)(w * bits / 8)] &= (uint8_t)(0xFF00 >> (w * bits % 8));
+    }
+    return p;
+}
+
 int32_t ImageOf(const Picture &p)
 {
     int32_t handle = NewImage(p.width, p.height, p.bits);

@@ -65,6 +65,9 @@ struct Picture {
 // A picture with a pattern: bilevel runs of both colours with some noise,
 // colour (or grey ramp) palettes with varied indices, 24-bit gradients.
 Picture MakePicture(int width, int height, int bits, uint32_t seed, bool grey = false);
+// Random pixels of any depth (1, 4, 8, 16, 24 or 32 bits; padding zero),
+// with MakePicture's palette below 16 bits.  Rgb() serves 1 to 24 bits.
+Picture RandomPicture(int width, int height, int bits, uint32_t seed);
 // A new library image holding the picture (public API only); -1 on failure.
 int32_t ImageOf(const Picture &p);
 // An image's contents through the public API.
