@@ -35,7 +35,7 @@ TEST_F(EpsWriter, LinesOfEachDepth)
         {1, 600, 300, "0 0 33 16", "1200", "75", "600 300 1 [600 0 0 -300 0 300]" + raw + "image", -1},
         {4, 5, 2, "0 0 33 13", "960", "5", "5 2 8 [5 0 0 -2 0 2] {read8_24} false 3 colorimage", 1},
         {8, 7, 21, "0 0 33 99", "7199", "7", "7 21 8 [7 0 0 -21 0 21] {read8_24} false 3 colorimage", 16},
-        {24, 3, 1, "0 0 33 11", "800", "9", "3 1 8 [3 0 0 -1 0 1]" + raw + "false 3 colorimage", -1},
+        {24, 1, 3, "0 0 33 100", "7200", "3", "1 3 8 [1 0 0 -3 0 3]" + raw + "false 3 colorimage", -1},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.bits);
@@ -112,6 +112,7 @@ TEST_F(TrnwTest, EpsReaderFollowsTheDosHeaderToTheTiffPreview)
         {"offset and length overflow", fields(0xFFFFFFF0u, 0x20), IMG_ERR_INVALID},
         {"preview not a TIFF", [=](std::vector<uint8_t> &f) { f[tiffAt] = 'P'; }, IMG_ERR_GDI},
         {"header cut short", [](std::vector<uint8_t> &f) { f.resize(24); }, IMG_ERR_READ},
+        {"header of the fields alone", [](std::vector<uint8_t> &f) { f.resize(28), PutLE32(&f[24], 7); }, IMG_ERR_INVALID},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
