@@ -157,10 +157,7 @@ TEST_F(Lzw, DecoderFailures)
     // A file that ends inside the strip.
     std::vector<uint8_t> cut = Bits().Put(256, 9).Put(1, 9).Put(2, 9).bytes;
     std::string path = TempPath("lzw_cut.bin");
-    FILE *f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    std::fwrite(cut.data(), 1, cut.size(), f);
-    std::fclose(f);
+    ASSERT_TRUE(WriteFile(path, cut));
     int handle = ImgOpen(path.c_str(), 0);
     ASSERT_GE(handle, 0);
     std::vector<uint8_t> coded(LZW_CODED_BUFFER_SIZE), out(1000);

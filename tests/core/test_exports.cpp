@@ -1,6 +1,5 @@
-/* The products export the public interface and nothing else (Overview,
- * Conventions; ARCHITECTURE.md section 4): the shared library is loaded at
- * run time and called through its exported names. */
+/* The shared library exports the public interface and nothing else: it is
+ * loaded at run time and called through its exported names. */
 #include "support/support.h"
 
 #ifdef _WIN32

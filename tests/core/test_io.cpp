@@ -100,32 +100,6 @@ TEST_F(Io, MemoryImageReadsStopAtTheImageSize)
     ImgFree(block);
 }
 
-// Writes mirror reads: n = min(count, size - position) copied into the block.
-TEST_F(Io, MemoryImageWriteMirrorsRead)
-{
-    std::vector<uint8_t> backing(200, 0xEE); // bytes 100..199 lie outside the image
-    ImgSetMemorySourceSized(backing.data(), 100);
-    std::vector<uint8_t> src = Pattern(10, 1);
-    EXPECT_EQ(ImgWrite(kMem, src.data(), 10), 10);
-    EXPECT_EQ(ImgTell(), 10u);
-    EXPECT_EQ(std::memcmp(backing.data(), src.data(), 10), 0);
-    EXPECT_EQ(backing[10], 0xEE);
-
-    EXPECT_EQ(ImgSeek(kMem, 95, 0), 0);
-    EXPECT_EQ(ImgWrite(kMem, src.data(), 10), 5);
-    EXPECT_EQ(std::memcmp(backing.data() + 95, src.data(), 5), 0);
-    EXPECT_EQ(ImgTell(), 100u);
-    for (size_t i = 100; i < 200; i++)
-        ASSERT_EQ(backing[i], 0xEE) << "byte " << i << " lies past the image";
-
-    EXPECT_EQ(ImgWrite(kMem, src.data(), 10), 10) << "success is claimed at the end";
-    EXPECT_EQ(ImgTell(), 100u);
-    EXPECT_EQ(ImgSeek(kMem, 50, 1), 0);
-    EXPECT_EQ(ImgWrite(kMem, src.data(), 10), 10) << "and past it";
-    for (size_t i = 100; i < 200; i++)
-        ASSERT_EQ(backing[i], 0xEE) << "byte " << i << " lies past the image";
-}
-
 // The caller's functions get the same arguments for every handle, the memory
 // image and real files alike, and their results come back unchanged; the
 // memory image and the file are left alone.

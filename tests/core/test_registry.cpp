@@ -225,24 +225,6 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
     }
 }
 
-// Detection reads from the current position and leaves the source at 0.
-TEST_F(Registry, DetectFromCurrentPositionSeeksToZero)
-{
-    Bytes b = Padded({});
-    b[100] = 0xDC, b[101] = 0xDC;
-    ImgSetMemorySourceSized(b.data(), (uint32_t)b.size());
-    ImgSeek(kMem, 100, 0);
-    char extension[4];
-    EXPECT_EQ(ImgDetect(kMem, extension), 0);
-    EXPECT_STREQ(extension, "lsd");
-    EXPECT_EQ(ImgTell(), 0u);
-
-    ImgSeek(kMem, 300, 0);
-    EXPECT_EQ(ImgDetect(kMem, extension), 0);
-    EXPECT_STREQ(extension, "") << "nothing matched";
-    EXPECT_EQ(ImgTell(), 0u);
-}
-
 // _fd detects from the handle's current position, seeks back there for the
 // subtype query (TIFF offsets, the BMP and GIF headers count from there) and
 // leaves the handle open.
@@ -288,38 +270,6 @@ TEST_F(Registry, TiffTypeByCompression)
             SCOPED_TRACE(std::to_string(row.compression) + " t4 " + std::to_string(row.t4) + (be ? " MM" : " II"));
             EXPECT_EQ(FileType(TiffWithCompression(be, row.compression, row.t4)), row.type);
             EXPECT_EQ(MemType(TiffWithCompression(be, row.compression, row.t4)), row.type);
-        }
-    }
-}
-
-// The compression tag's value by field type: in the field when it fits,
-// else at the offset (a RATIONAL's numerator); other types read as 0.
-TEST_F(Registry, TiffCompressionReadByType)
-{
-    const struct {
-        uint16_t type;
-        uint32_t count, field;
-        int size;       // bytes of the value stored at offset 300 (8: a rational)
-        uint32_t value; // what is stored there
-        int32_t expected;
-    } table[] = {
-        {TIFF_LONG, 1, 4, 0, 0, IMG_TYPE_TIFF_G4},          {TIFF_BYTE, 1, 5, 0, 0, IMG_TYPE_TIFF_LZW},
-        {TIFF_SHORT, 2, 2, 0, 0, IMG_TYPE_TIFF_HUFFMAN},    {TIFF_SHORT, 3, 300, 2, 6, IMG_TYPE_TIFF_JPEG},
-        {TIFF_LONG, 2, 300, 4, 32773, IMG_TYPE_TIFF_PACKBITS}, {TIFF_LONG, 0, 300, 4, 2, IMG_TYPE_TIFF_HUFFMAN},
-        {TIFF_BYTE, 5, 300, 1, 4, IMG_TYPE_TIFF_G4},        {TIFF_RATIONAL, 1, 300, 8, 5, IMG_TYPE_TIFF_LZW},
-        {7, 1, 1, 0, 0, IMG_ERR_TYPE},                      {9, 1, 1, 0, 0, IMG_ERR_TYPE},
-    };
-    for (bool be : {false, true}) {
-        for (const auto &row : table) {
-            SCOPED_TRACE(std::to_string(row.type) + " x " + std::to_string(row.count) + (be ? " MM" : " II"));
-            Bytes b = MakeTiff(be, {{259, row.type, row.count, row.field}}, 8, kLong);
-            if (row.size == 1)
-                b[300] = (uint8_t)row.value;
-            else if (row.size == 2)
-                Put16(b, 300, (uint16_t)row.value, be);
-            else if (row.size >= 4)
-                Put32(b, 300, row.value, be), Put32(b, 304, 7, be);
-            EXPECT_EQ(FileType(b), row.expected);
         }
     }
 }

@@ -133,14 +133,10 @@ TEST_F(PcxWrite, CodesRunsAndFillsTheHeader)
     for (const auto &c : runs) {
         Picture p = MakePicture((int)c.row.size(), 1, 8, 1);
         std::copy(c.row.begin(), c.row.end(), p.rows[0].begin());
-        int32_t h = ImageOf(p);
-        std::string path = TempPath("runs.pcx");
-        ASSERT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_PCX), 0);
-        std::vector<uint8_t> f = ReadFile(path);
+        std::vector<uint8_t> f = Saved(p, IMG_TYPE_PCX);
         ASSERT_EQ(f.size(), 128 + c.coded.size() + 769);
         EXPECT_TRUE(std::equal(c.coded.begin(), c.coded.end(), f.begin() + 128));
         EXPECT_EQ(f[128 + c.coded.size()], 0x0C);
-        IMG_delete_bitmap(h);
     }
     struct {
         int bits, version, bitsPerPlane, planes, bytesPerLine, paletteInfo;
@@ -150,9 +146,8 @@ TEST_F(PcxWrite, CodesRunsAndFillsTheHeader)
         TestDib dib(13, 2, c.bits);
         PutLE32(dib.block + 24, 300), PutLE32(dib.block + 28, 150);
         int32_t h = IMG_create_handle_keep(dib.block);
-        std::string path = TempPath("header.pcx");
-        ASSERT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_PCX), 0);
-        std::vector<uint8_t> f = ReadFile(path);
+        std::vector<uint8_t> f = SavedImage(h, IMG_TYPE_PCX);
+        ASSERT_GT(f.size(), 128u);
         EXPECT_EQ(std::vector<int>({f[0], f[1], f[2], f[3], f[65], GetLE16(&f[66]), GetLE16(&f[68])}),
                   std::vector<int>({10, c.version, 1, c.bitsPerPlane, c.planes, c.bytesPerLine, c.paletteInfo}));
         EXPECT_EQ(std::vector<int>({GetLE16(&f[8]), GetLE16(&f[10]), GetLE16(&f[12]), GetLE16(&f[14])}),

@@ -291,12 +291,8 @@ TEST_F(TiffWrite, BitmapNameTravelsAsArtistAndDate)
     artist.back() = 'z';
     const char *date = "2026:11:24 12:34:56";
     ASSERT_EQ(IMGLOW_set_bitmap_name(artist.c_str(), date), 0);
-    int32_t h = NewImage(8, 2, 1);
-    std::vector<uint8_t> file(4096);
-    int32_t n = IMG_save_bitmap_mem_size(h, file.data(), (uint32_t)file.size(), IMG_TYPE_TIFF_G4);
-    IMG_delete_bitmap(h);
-    ASSERT_GT(n, 0);
-    file.resize((size_t)n);
+    std::vector<uint8_t> file = Saved(MakePicture(8, 2, 1, 1), IMG_TYPE_TIFF_G4);
+    ASSERT_FALSE(file.empty());
     IMGLOW_set_bitmap_name("", "");
     DecodeMemory(file);
     char text[200], stamp[40];
