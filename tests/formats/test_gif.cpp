@@ -1,7 +1,6 @@
-// GIF: the reader over files built here (table sizes, depths, interlace,
-// transparency, pages, code streams written bit by bit, bad files) and the
-// writer's header, codes, sub-blocks and table clearing, worked out from the
-// GIF rules.
+// GIF: the reader over files built here (row order, two tables, code streams
+// written bit by bit, pages, transparency, bad files) and the writer's
+// header, codes, sub-blocks and table clearing, worked out from the GIF rules.
 #include "support/support.h"
 
 #include <optional>
