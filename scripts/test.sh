@@ -26,12 +26,13 @@ bash scripts/check_layers.sh
 mkdir -p build
 quiet build/configure.log 0 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 quiet build/build.log 0 cmake --build build -j"$jobs"
-echo "test.sh: native suite"
+echo "test.sh: native suite (at ${SECONDS} s)"
 quiet build/ctest.log 3 ctest --test-dir build -j"$jobs" --output-on-failure
 
+echo "test.sh: Windows builds (at ${SECONDS} s)"
 bash scripts/windows.sh
 
-echo "test.sh: every fuzz target, replaying its regression inputs and fuzzing briefly"
+echo "test.sh: every fuzz target, replaying its regression inputs and fuzzing briefly (at ${SECONDS} s)"
 mkdir -p build-fuzz
 quiet build-fuzz/fuzz.log 0 bash scripts/fuzz.sh 5
 grep '^fuzz.sh' build-fuzz/fuzz.log || true
@@ -39,6 +40,7 @@ grep '^fuzz.sh' build-fuzz/fuzz.log || true
 mkdir -p build-asan
 quiet build-asan/configure.log 0 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTRNW_SANITIZE=ON
 quiet build-asan/build.log 0 cmake --build build-asan -j"$jobs"
-echo "test.sh: ASan+UBSan suite"
+echo "test.sh: ASan+UBSan suite (at ${SECONDS} s)"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1
 quiet build-asan/ctest.log 3 ctest --test-dir build-asan -j"$jobs" --output-on-failure
+echo "test.sh: done in ${SECONDS} s"
