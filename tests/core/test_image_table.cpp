@@ -91,7 +91,7 @@ TEST_F(Descriptor, KeepSetsDefaults)
 
 TEST_F(Descriptor, KeepRejectsBadGeometryAndKeepsSlot)
 {
-    for (auto geometry : {std::array<int32_t, 3>{0, 5, 8}, {5, 0, 8}, {5, 5, 0}, {-3, 5, 8}}) {
+    for (auto geometry : {std::array<int32_t, 3>{0, 5, 8}, {5, 0, 8}, {5, 5, 0}, {5, 5, 2}, {-3, 5, 8}}) {
         TestDib dib(5, 5, 8);
         BITMAPINFOHEADER header;
         std::memcpy(&header, dib.block, 40);
@@ -105,7 +105,7 @@ TEST_F(Descriptor, KeepRejectsBadGeometryAndKeepsSlot)
         EXPECT_EQ(ImgTableCount(), before + 1);
         EXPECT_NE(ImgTableGet(before), nullptr);
     }
-    EXPECT_EQ(NewImage(4, 4, 8), 4);
+    EXPECT_EQ(NewImage(4, 4, 8), 5);
 }
 
 TEST_F(Descriptor, BilevelPaletteRuleRewritesLightEntryZero)
