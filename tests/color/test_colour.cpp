@@ -230,6 +230,40 @@ TEST_F(Colour, PopularityAndOctreeKeepFewColours)
     EXPECT_EQ(IMG_octree_color(-1, 8, nullptr, 0), IMG_ERR_HANDLE);
 }
 
+// Mapping onto a given palette diffuses each error Floyd-Steinberg fashion,
+// serpentine, every share truncated toward zero, in storage order (bottom
+// row first, left to right, the next row above it right to left): a grey
+// ramp onto black and white against that arithmetic done here.
+TEST_F(Colour, OctreeMappingDiffusesTheErrorSerpentine)
+{
+    const int W = 9, H = 4;
+    auto grey = [](int x, int y) { return 20 + 25 * x + 9 * y; };
+    std::vector<std::vector<int>> v(H + 1, std::vector<int>(W + 2, 0)); // storage rows; a margin column each side
+    std::vector<std::vector<int>> expected(H, std::vector<int>(W));
+    for (int s = 0; s < H; s++)
+        for (int x = 0; x < W; x++)
+            v[(size_t)s][(size_t)x + 1] = grey(x, H - 1 - s);
+    for (int s = 0; s < H; s++) {
+        int step = s % 2 ? -1 : 1;
+        for (int n = 0; n < W; n++) {
+            int x = step > 0 ? n : W - 1 - n, i = x + 1;
+            int c = std::clamp(v[(size_t)s][(size_t)i], 0, 255), error = c - (c >= 128 ? 255 : 0);
+            expected[(size_t)(H - 1 - s)][(size_t)x] = c >= 128 ? 255 : 0;
+            v[(size_t)s][(size_t)(i + step)] += error * 7 / 16;
+            v[(size_t)s + 1][(size_t)(i - step)] += error * 3 / 16;
+            v[(size_t)s + 1][(size_t)i] += error * 5 / 16;
+            v[(size_t)s + 1][(size_t)(i + step)] += error / 16;
+        }
+    }
+    int32_t h = Image24(W, H, [&](int x, int y) { return Rgb{grey(x, y), grey(x, y), grey(x, y)}; });
+    const uint8_t blackWhite[8] = {0, 0, 0, 0, 255, 255, 255, 0};
+    ASSERT_EQ(IMG_octree_color(h, 8, blackWhite, 2), 2);
+    Raster r = ImageRgb(h);
+    for (int y = 0; y < H; y++)
+        for (int x = 0; x < W; x++)
+            EXPECT_EQ(At(r, x, y)[0], expected[(size_t)y][(size_t)x]) << x << "," << y;
+}
+
 TEST_F(Colour, DefaultPalettes)
 {
     // By bit count first, then kind: B, G, R, 0 entries.
