@@ -258,16 +258,12 @@ TEST_F(DecodePipeline, CreateHandleShell)
     int32_t handle = IMG_create_handle_shell(info.data());
     ASSERT_GE(handle, 0);
     const ImgDescriptor *d = ImgTableGet(handle);
-    EXPECT_EQ(d->codedRows, 0); // coding switched off
-    EXPECT_EQ(d->rowIndex, nullptr);
-    EXPECT_EQ(d->width, 33);
-    EXPECT_EQ(d->stride, 8);
+    using T = std::tuple<int32_t, const uint32_t *, int32_t, int32_t>;
+    EXPECT_EQ(T(d->codedRows, d->rowIndex, d->width, d->stride), T(0, nullptr, 33, 8)); // coding switched off
     BITMAPINFOHEADER out;
     std::memcpy(&out, d->dib, 40);
-    EXPECT_EQ(out.biXPelsPerMeter, 299);
-    EXPECT_EQ(out.biYPelsPerMeter, 96);
-    EXPECT_EQ(out.biSizeImage, 56u);
-    EXPECT_EQ(out.biCompression, 0u);
+    using H = std::tuple<int32_t, int32_t, uint32_t, uint32_t>;
+    EXPECT_EQ(H(out.biXPelsPerMeter, out.biYPelsPerMeter, out.biSizeImage, out.biCompression), H(299, 96, 56, 0));
     const uint8_t blackWhite[8] = {0, 0, 0, 0, 255, 255, 255, 0};
     EXPECT_EQ(0, std::memcmp(d->dib + 40, blackWhite, 8));
     std::vector<uint8_t> row(8, 0xA5);

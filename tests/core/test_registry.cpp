@@ -276,12 +276,12 @@ TEST_F(Registry, TiffTypeByCompression)
 
 TEST_F(Registry, TiffHeaderErrors)
 {
-    Bytes shortHeader = {'I', 'I', 42, 0, 8};
-    ImgSetMemorySourceSized(shortHeader.data(), (uint32_t)shortHeader.size());
-    EXPECT_EQ(TiffSubtype(kMem, 0), IMG_ERR_INVALID) << "header shorter than 8 bytes";
-    Bytes order = {'I', 'M', 42, 0, 8, 0, 0, 0, 0, 0};
-    ImgSetMemorySourceSized(order.data(), (uint32_t)order.size());
-    EXPECT_EQ(TiffSubtype(kMem, 0), IMG_ERR_TYPE) << "byte order neither II nor MM";
+    // A header shorter than 8 bytes; a byte order neither II nor MM.
+    for (std::pair<Bytes, int> c : {std::pair<Bytes, int>{{'I', 'I', 42, 0, 8}, IMG_ERR_INVALID},
+                                     {{'I', 'M', 42, 0, 8, 0, 0, 0}, IMG_ERR_TYPE}}) {
+        ImgSetMemorySourceSized(c.first.data(), (uint32_t)c.first.size());
+        EXPECT_EQ(TiffSubtype(kMem, 0), c.second) << c.first.size();
+    }
 }
 
 // A BMP shorter than its two headers (14 + 40 bytes) gives -12.

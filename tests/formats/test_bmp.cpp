@@ -138,7 +138,7 @@ TEST_F(BmpFormat, WritersReadBack)
     for (int type : {IMG_TYPE_BMP, IMG_TYPE_DIB, IMG_TYPE_BMP_COMPRESSED})
         for (int bits : {1, 4, 8, 24}) {
             SCOPED_TRACE("type " + std::to_string(type) + ", " + std::to_string(bits) + " bits");
-            Picture p = MakePicture(29, 9, bits, (uint32_t)(type + bits));
+            Picture p = MakePicture(300, 9, bits, (uint32_t)(type + bits)); // literals of more than 255
             if (bits == 8) // long runs for RLE8 as well as mixed pixels
                 for (int x = 0; x < 20; x++) p.rows[3][(size_t)x] = 7;
             int32_t n = 0;
@@ -155,7 +155,7 @@ TEST_F(BmpFormat, WritersReadBack)
                 EXPECT_EQ(GetLE32(&file[10]), 54 + palette);
                 EXPECT_EQ(GetLE32(&file[30]), type == IMG_TYPE_BMP ? 0u : bits == 8 ? 1u : 2u);
             } else {
-                EXPECT_EQ((uint32_t)n, 40 + palette + DibStride(29, bits) * 9);
+                EXPECT_EQ((uint32_t)n, 40 + palette + DibStride(300, bits) * 9);
                 file.insert(file.begin(), 14, 0); // read back behind a file header of ours
                 file[0] = 'B', file[1] = 'M';
                 PutLE32(&file[2], (uint32_t)file.size());
