@@ -6,7 +6,6 @@
 
 #include <map>
 
-
 namespace {
 // The T.4 codes the streams below use, first transmitted bit first; long
 // runs as make-up (64 k, or extended from 1792) plus terminating code.

@@ -3,7 +3,6 @@
 // round trips over inputs that cross every width switch and the table reset.
 #include "support/support.h"
 
-
 namespace {
 // Codes packed most significant bit first.
 struct Bits {

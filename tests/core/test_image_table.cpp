@@ -7,7 +7,6 @@ namespace {
 
 class ImageTable : public TrnwTest {};
 class Descriptor : public TrnwTest {};
-class Accessors : public TrnwTest {};
 class Raster : public TrnwTest {};
 class CodedStore : public TrnwTest {};
 
@@ -185,7 +184,10 @@ TEST_F(CodedStore, DibToRunsAndBack)
     EXPECT_EQ(IMG_delete_bitmap_keep(h), 0); // the converted blocks are ours and are freed
 }
 
-TEST_F(CodedStore, FailedConversionLeavesImageUnchanged)
+// Failed allocations leave the image as it was: converting to runs (each of
+// its blocks in turn), replacing a coded row (either scratch block) and
+// converting back.
+TEST_F(CodedStore, FailedAllocationsLeaveTheImageAsItWas)
 {
     TestDib dib(64, 8, 1);
     FillPattern(dib);
@@ -198,9 +200,16 @@ TEST_F(CodedStore, FailedConversionLeavesImageUnchanged)
     }
     ImgTestFailAllocations(-1);
     ASSERT_EQ(IMG_dib_to_runs(h), 0);
+    uint8_t row[8] = {0x0F, 0xF0};
+    for (int fail = 0; fail < 2; fail++) {
+        ImgTestFailAllocations(fail);
+        EXPECT_EQ(IMGLOW_put_raster(h, row, 1, 8), IMG_ERR_MEMORY);
+    }
     ImgTestFailAllocations(0);
     EXPECT_EQ(IMG_runs_to_dib(h), IMG_ERR_MEMORY);
+    ImgTestFailAllocations(-1);
     EXPECT_EQ(ImgTableGet(h)->codedRows, 1);
+    EXPECT_EQ(IMGLOW_put_raster(h, row, 1, 8), 0);
     IMG_delete_bitmap_keep(h);
 }
 
@@ -235,20 +244,3 @@ TEST_F(CodedStore, PutRasterRecodesOneRow)
 }
 
 } // namespace
-
-// A failed allocation while a coded row is replaced leaves a -1 and the image
-// as it was, whichever of the two scratch blocks fails.
-TEST_F(Accessors, PutRasterOnCodedRowsSurvivesFailedAllocations)
-{
-    for (int fail = 0; fail < 2; fail++) {
-        SCOPED_TRACE(fail);
-        int32_t h = NewImage(64, 4, 1);
-        ASSERT_EQ(IMG_dib_to_runs(h), 0);
-        uint8_t row[8] = {0x0F, 0xF0};
-        ImgTestFailAllocations(fail);
-        EXPECT_EQ(IMGLOW_put_raster(h, row, 1, 8), IMG_ERR_MEMORY);
-        ImgTestFailAllocations(-1);
-        EXPECT_EQ(IMGLOW_put_raster(h, row, 1, 8), 0);
-        IMG_delete_bitmap(h);
-    }
-}

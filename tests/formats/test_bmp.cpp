@@ -183,11 +183,10 @@ TEST_F(BmpFormat, ReaderHandsOnANormalisedHeader)
     PutLE32(&file[50], 3);  // colours important
     uint8_t header[40] = {};
     EXPECT_EQ(IMGLOW_decompress_bitmap_mem(file.data(), 0, NoRows, header, KeepHeader), IMG_ERR_STOPPED);
-    EXPECT_EQ(GetLE32(header), 40u);
-    EXPECT_EQ(GetLE16(header + 12), 1);
-    EXPECT_EQ(GetLE32(header + 20), 8u); // two rows of 4 bytes
-    EXPECT_EQ(GetLE32(header + 32), 0u);
-    EXPECT_EQ(GetLE32(header + 36), 0u);
+    // Size, planes, image size (two rows of 4 bytes), colours used and important.
+    EXPECT_EQ(std::vector<uint32_t>({GetLE32(header), GetLE16(header + 12), GetLE32(header + 20), GetLE32(header + 32),
+                                     GetLE32(header + 36)}),
+              std::vector<uint32_t>({40, 1, 8, 0, 0}));
 }
 
 } // namespace
