@@ -289,16 +289,4 @@ TEST_F(PackBits, RowsEncodeToTheseBytes)
     }
 }
 
-int32_t IMGCDECL ShortWrite(int32_t, void *, int32_t count) { return count - 1; }
-
-TEST_F(PackBits, Failures)
-{
-    std::vector<uint8_t> row(52, 7);
-    IMGLOW_set_fileio(nullptr, ShortWrite, nullptr);
-    EXPECT_EQ(PackBitsEncodeRow(3, row.data(), 50), -9);
-    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
-    ImgTestFailAllocations(0);
-    EXPECT_EQ(PackBitsEncodeRow(IMG_MEMORY_HANDLE, row.data(), 50), -1);
-    ImgTestFailAllocations(-1);
-}
 } // namespace

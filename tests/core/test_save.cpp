@@ -330,6 +330,65 @@ TEST_F(Save, RefusedSavesWriteNothing)
     EXPECT_EQ(rowsAsked, 0);
 }
 
+// A file held here behind the caller's I/O functions; write number `failing`
+// stores one byte less than asked.
+struct FakeFile { std::vector<uint8_t> bytes; size_t at = 0; int writes = 0, failing = -1; } fake;
+int32_t IMGCDECL FakeRead(int32_t, void *buffer, int32_t count)
+{
+    size_t n = std::min((size_t)count, fake.bytes.size() - std::min(fake.at, fake.bytes.size()));
+    std::memcpy(buffer, fake.bytes.data() + fake.at, n);
+    return fake.at += n, (int32_t)n;
+}
+int32_t IMGCDECL FakeWrite(int32_t, void *buffer, int32_t count)
+{
+    size_t n = (size_t)count - (++fake.writes == fake.failing);
+    fake.bytes.resize(std::max(fake.bytes.size(), fake.at + n));
+    std::memcpy(fake.bytes.data() + fake.at, buffer, n);
+    return fake.at += n, (int32_t)n;
+}
+int32_t IMGCDECL FakeSeek(int32_t, int32_t offset, int32_t whence)
+{
+    fake.at = (size_t)((whence == 0 ? 0 : whence == 1 ? (int64_t)fake.at : (int64_t)fake.bytes.size()) + offset);
+    return (int32_t)fake.at;
+}
+
+// Every writer ends its save with a negative code when any one of its writes
+// stores less than asked (EPS writes the lines before its rows unchecked:
+// tests/formats/test_eps.cpp), and with -1, nothing tracked left behind,
+// when any one of its allocations fails.
+TEST_F(Save, EveryWriterReportsAFailedWriteOrAllocation)
+{
+    const std::pair<int32_t, int> types[] = {
+        {IMG_TYPE_BMP, 8},          {IMG_TYPE_BMP_COMPRESSED, 8}, {IMG_TYPE_BMP_COMPRESSED, 4}, {IMG_TYPE_DIB, 24},
+        {IMG_TYPE_TIFF, 24},        {IMG_TYPE_TIFF_LZW, 8},       {IMG_TYPE_TIFF_G4, 1},        {IMG_TYPE_TIFF_G3, 1},
+        {IMG_TYPE_TIFF_PACKBITS, 1}, {IMG_TYPE_TIFF_HUFFMAN, 1},  {IMG_TYPE_PCX, 4},            {IMG_TYPE_DCX, 8},
+        {IMG_TYPE_TGA, 8},          {IMG_TYPE_TGA2, 24},          {IMG_TYPE_GIF, 8},            {IMG_TYPE_GIF_INTERLACED, 4},
+        {IMG_TYPE_XBM, 1},          {IMG_TYPE_XPM, 8},            {IMG_TYPE_CALS, 1},           {IMG_TYPE_FAX_G3, 1},
+        {IMG_TYPE_FAX_G4_B, 1}};
+    IMGLOW_set_fileio(FakeRead, FakeWrite, FakeSeek);
+    for (auto [type, bits] : types) {
+        SCOPED_TRACE(type);
+        int32_t h = ImageOf(MakePicture(40, 12, bits, 3));
+        fake = FakeFile();
+        ASSERT_EQ(IMG_save_bitmap_fd(h, 7, type), 0);
+        for (int n = 1, writes = fake.writes; n <= writes; n++) {
+            fake = FakeFile();
+            fake.failing = n;
+            EXPECT_LT(IMG_save_bitmap_fd(h, 7, type), 0) << "write " << n << " of " << writes;
+        }
+        for (int n = 0, result = -1; result < 0; n++) {
+            fake = FakeFile();
+            ImgTestFailAllocations(n);
+            result = IMG_save_bitmap_fd(h, 7, type);
+            ImgTestFailAllocations(-1);
+            ASSERT_TRUE(result == 0 || result == IMG_ERR_MEMORY) << "allocation " << n << ": " << result;
+            EXPECT_EQ(ImgTrackedCount(), 0);
+        }
+        IMG_delete_bitmap(h);
+    }
+    IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+}
+
 // A save to memory cannot grow the caller's block: writes starting at its end
 // "succeed" storing nothing, so the result is the block size, below the real
 // output; a write ending past it stores what fits and the BMP writer gives -9.

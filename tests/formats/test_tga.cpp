@@ -136,26 +136,4 @@ TEST_F(TgaFormat, WritersReadBack)
     }
 }
 
-// Every allocation of the reader and the writer failing in turn: -1, and
-// nothing left behind.
-TEST_F(TgaFormat, AllocationFailuresGiveMinus1)
-{
-    std::vector<uint8_t> file = Build(kReads[6].tga);
-    int32_t h = ImageOf(MakePicture(9, 4, 8, 1));
-    std::vector<uint8_t> out(2000);
-    for (int fail = 0; fail < 9; fail++) { // at 8 neither fails
-        ImgTestFailAllocations(fail);
-        int32_t status = 0, saved = IMG_save_bitmap_mem_size(h, out.data(), (uint32_t)out.size(), IMG_TYPE_TGA);
-        ImgTestFailAllocations(fail);
-        DecodeMemory(file, &status);
-        ImgTestFailAllocations(-1);
-        EXPECT_TRUE(saved > 0 || saved == IMG_ERR_MEMORY) << saved;
-        EXPECT_TRUE(status >= 0 || status == IMG_ERR_MEMORY) << status;
-        EXPECT_EQ(ImgTrackedCount(), 0);
-        if (status >= 0)
-            IMG_delete_bitmap(status);
-    }
-    IMG_delete_bitmap(h);
-}
-
 } // namespace
