@@ -275,4 +275,38 @@ TEST_F(DecodePipeline, CreateHandleShell)
     EXPECT_EQ(Row(handle, 6), row);
 }
 
+// The decode limit, judged before the block is allocated: a plain image by
+// its block, 40 + 1024 + 1 MiB at 1024 x 1024 x 8 bits (over 1 MiB, under 2);
+// a run-coded page by its coded rows and row index.  Random 2048 x 1024 1-bit
+// rows change colour every other pixel, some 2 KiB a row coded (2 MiB in all,
+// 256 KiB packed); a white 20000 x 20000 page takes 50 MB packed, 280 KB of
+// coded rows and index.
+TEST_F(DecodePipeline, DecodeLimitCountsTheBlockOrTheCodedRows)
+{
+    EXPECT_EQ(IMGLOW_set_decode_limit(-1), IMG_ERR_TYPE);
+    struct Case {
+        int bits;
+        int32_t w, h, limit, expected; // 0: decoded
+        bool rows;
+    } cases[] = {{8, 1024, 1024, 1, IMG_ERR_MEMORY, false}, {8, 1024, 1024, 2, 0, false},
+                 {1, 2048, 1024, 1, IMG_ERR_MEMORY, true}, {1, 2048, 1024, 3, 0, true},
+                 {1, 20000, 20000, 1, 0, false}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.w) + " x " + std::to_string(c.bits) + " bits, limit " + std::to_string(c.limit));
+        IMGLOW_set_decode_limit(c.limit);
+        script = {Header(c.w, c.h, c.bits), c.rows ? Feed(Source(c.w, c.h, c.bits), c.w) : nullptr};
+        int32_t h = Decode();
+        EXPECT_EQ(std::min(h, 0), c.expected);
+        IMG_delete_bitmap(h);
+    }
+    EXPECT_EQ(IMGLOW_set_decode_limit(1), 1);
+    // Over the limit, nothing is allocated: a failure armed before the header
+    // sink is still pending after it.
+    ImgDecodeContext c{};
+    c.handle = ImgTableAllocate();
+    ImgTestFailAllocations(0);
+    EXPECT_EQ(ImgLibraryHeaderSink(Header(1024, 1024, 8).data(), &c), IMG_ERR_MEMORY);
+    EXPECT_EQ(ImgAlloc(1), nullptr);
+}
+
 } // namespace
