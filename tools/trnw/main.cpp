@@ -23,7 +23,6 @@
 #include <io.h>
 #define isatty _isatty
 #define WIN32_LEAN_AND_MEAN
-#define NOMINMAX
 #include <windows.h>
 #else
 #include <unistd.h>
