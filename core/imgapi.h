@@ -227,6 +227,12 @@ IMGEXPORT int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32
                                                 int32_t height);
 IMGEXPORT int32_t IMGAPI IMG_set_statusbar(int32_t value, IMG_STATUS_FUNC callback, int32_t enable);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_dispfunc(void *callback, int32_t value);
+/* extension: a decode fails with IMG_ERR_MEMORY, before allocating it, when
+ * its image would take more than `megabytes` MiB (header, palette and rows;
+ * a run-coded 1-bit image counts its coded rows, as they grow, and its row
+ * index); 0 = no limit, the setting at start; a negative value gives
+ * IMG_ERR_TYPE.  Returns the previous limit. */
+IMGEXPORT int32_t IMGAPI IMGLOW_set_decode_limit(int32_t megabytes);
 
 /* ---- Saving ---- */
 IMGEXPORT int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type);
@@ -240,6 +246,12 @@ IMGEXPORT int32_t IMGAPI IMGLOW_save_bitmap(int32_t fileHandle, uint8_t *header,
 IMGEXPORT int32_t IMGAPI IMGLOW_save_bitmap_mem(void *memory, uint8_t *header, int32_t type,
                                                 IMG_ROW_SOURCE rowSource, void *sourceContext);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality);
+/* extension: on (non-zero), a save to a path writes a new file in the
+ * target's folder, a copy of the target first when the type appends pages,
+ * and renames it over the target only once the save has succeeded: a failed
+ * save leaves an existing file byte for byte as it was.  Off at start (a
+ * failed save then deletes its output).  Returns the previous setting, 0 or 1. */
+IMGEXPORT int32_t IMGAPI IMGLOW_set_safe_save(int32_t on);
 
 /* ---- Rotate, flip and invert ---- */
 IMGEXPORT int32_t IMGAPI IMG_rotate_bitmap(int32_t handle, int32_t angle);

@@ -49,6 +49,17 @@ int ImgOpen(const char *path, int mode);
 int ImgClose(int handle);
 int ImgDelete(const char *path);
 int ImgOpenTemp(char *pathBuffer, int mode);
+/* Replacing a file only once its successor is complete: a new file in the
+ * folder of `target` (its path into `path`, `size` bytes of room; -1 on
+ * failure), the whole of an open file copied into it, its data written
+ * through to the disk, and the rename over the target.  These use the
+ * system's file calls, never the caller I/O functions. */
+int ImgCreateBeside(const char *target, char *path, size_t size);
+/* Copies `from` from its start to `to` and leaves `to` at its start:
+ * 0, IMG_ERR_READ, IMG_ERR_WRITE or IMG_ERR_MEMORY. */
+int ImgCopyFile(int from, int to);
+int ImgFlush(int handle);
+int ImgReplace(const char *from, const char *to);
 
 /* Memory helpers. */
 void *ImgAlloc(size_t size);

@@ -262,6 +262,42 @@ int ImgDelete(const char *path)
     return PlatformDelete(path);
 }
 
+int ImgCreateBeside(const char *target, char *path, size_t size)
+{
+    return PlatformCreateBeside(target, path, size);
+}
+
+int ImgCopyFile(int from, int to)
+{
+    ImgBuffer buffer(IMG_CHUNK_SIZE);
+    if (!buffer)
+        return IMG_ERR_MEMORY;
+    /* A read error looks like the end of the file: the length tells them apart. */
+    int32_t length = PlatformSeek(from, 0, 2);
+    if (length < 0 || PlatformSeek(from, 0, 0) < 0)
+        return IMG_ERR_READ;
+    int64_t copied = 0;
+    int32_t got;
+    while ((got = PlatformRead(from, buffer.get(), IMG_CHUNK_SIZE)) > 0) {
+        if (PlatformWrite(to, buffer.get(), (uint32_t)got) != got)
+            return IMG_ERR_WRITE;
+        copied += got;
+    }
+    if (copied != length)
+        return IMG_ERR_READ;
+    return PlatformSeek(to, 0, 0) < 0 ? IMG_ERR_WRITE : 0;
+}
+
+int ImgFlush(int handle)
+{
+    return PlatformFlush(handle);
+}
+
+int ImgReplace(const char *from, const char *to)
+{
+    return PlatformReplace(from, to);
+}
+
 int ImgOpenTemp(char *pathBuffer, int mode)
 {
     if (!pathBuffer)

@@ -166,10 +166,15 @@ int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, in
 
 /* ---- the row store ---- */
 
-uint32_t *RunStoreAllocateIndex(int32_t width, int32_t height)
+size_t RunStoreIndexBytes(int32_t width, int32_t height)
 {
     size_t n = (size_t)(width > height ? width : height);
-    size_t size = (n + n / 2) * 4 + 800;
+    return (n + n / 2) * 4 + 800;
+}
+
+uint32_t *RunStoreAllocateIndex(int32_t width, int32_t height)
+{
+    size_t size = RunStoreIndexBytes(width, height);
     uint32_t *index = static_cast<uint32_t *>(ImgAlloc(size));
     if (index)
         memset(index, 0, size);
@@ -189,15 +194,19 @@ const uint16_t *RunStoreRow(const ImgDescriptor *d, int32_t row, uint32_t *bytes
     return (const uint16_t *)(d->dib + base + start);
 }
 
-int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored)
+int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored, uint64_t ceiling)
 {
     if (end <= d->dibSize)
         return 0;
+    if (ceiling && end > ceiling)
+        return IMG_ERR_MEMORY;
     /* Extrapolate from the rows stored so far; never less than what is needed. */
     double grown = (double)d->height / (rowsStored >= 1 ? rowsStored : 1) * (double)d->dibSize;
     uint64_t size = grown < 4e9 ? (uint64_t)grown + 32768 : 0;
     if (size < end)
         size = end + 32768;
+    if (ceiling && size > ceiling)
+        size = ceiling;
     if (size > 0x7FFFFFFFu - 200)
         return IMG_ERR_MEMORY;
     uint8_t *block = static_cast<uint8_t *>(ImgRealloc(d->dib, (size_t)size + 200));
@@ -209,11 +218,11 @@ int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored)
 }
 
 int RunStoreAppend(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
-                   double rowsStored)
+                   double rowsStored, uint64_t ceiling)
 {
     uint32_t base = ImgDescriptorBitsOffset(d);
     uint32_t start = d->rowIndex[row];
-    int result = RunStoreReserve(d, (uint64_t)base + start + bytes, rowsStored);
+    int result = RunStoreReserve(d, (uint64_t)base + start + bytes, rowsStored, ceiling);
     if (result < 0)
         return result;
     memcpy(d->dib + base + start, record, bytes);
@@ -248,7 +257,8 @@ int RunStoreReverseRows(ImgDescriptor *d)
     return 0;
 }
 
-int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes)
+int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
+                       uint64_t ceiling)
 {
     uint32_t oldBytes;
     if (!RunStoreRow(d, row, &oldBytes))
@@ -261,7 +271,7 @@ int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, ui
         return IMG_ERR_INVALID; /* the store is not complete */
     int64_t delta = (int64_t)bytes - (int64_t)oldBytes;
     /* Extrapolating from all rows grows by one step of 32768 bytes. */
-    int result = RunStoreReserve(d, (uint64_t)((int64_t)(base + storeEnd) + delta), d->height);
+    int result = RunStoreReserve(d, (uint64_t)((int64_t)(base + storeEnd) + delta), d->height, ceiling);
     if (result < 0)
         return result;
     uint8_t *store = d->dib + base;

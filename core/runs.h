@@ -57,8 +57,10 @@ int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, in
 
 /* ---- the row store of a codedRows image ---- */
 
-/* Allocates the zeroed row index of (n + n/2) * 4 + 800 bytes, n the larger
- * of width and height.  NULL on failure. */
+/* The row index's size: (n + n/2) * 4 + 800 bytes, n the larger of width
+ * and height. */
+size_t RunStoreIndexBytes(int32_t width, int32_t height);
+/* Allocates the zeroed row index.  NULL on failure. */
 uint32_t *RunStoreAllocateIndex(int32_t width, int32_t height);
 /* The record of row `row`, or NULL when the index does not describe one
  * inside the store.  *bytes receives its length (0 for a row never stored). */
@@ -68,16 +70,17 @@ const uint16_t *RunStoreRow(const ImgDescriptor *d, int32_t row, uint32_t *bytes
  * trunc(height / rowsStored * dibSize) + 32768 (an extrapolation from the rows so far;
  * rowsStored is row + 10, or the row index in the sub-rectangle path), never
  * less than `end` needs, and the block is reallocated to dibSize + 200 bytes.
- * 0 or -1. */
-int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored);
+ * A non-zero `ceiling` caps dibSize: -1 when `end` passes it.  0 or -1. */
+int RunStoreReserve(ImgDescriptor *d, uint64_t end, double rowsStored, uint64_t ceiling = 0);
 /* Appends `record` as row `row` at rowIndex[row] and sets rowIndex[row + 1]. */
 int RunStoreAppend(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
-                   double rowsStored);
+                   double rowsStored, uint64_t ceiling = 0);
 /* Reverses the order of the rows of a complete store (top becomes bottom). */
 int RunStoreReverseRows(ImgDescriptor *d);
 /* Stores `record` as row `row` in place of what the row held, moving the
  * rows behind it.  0 or -1. */
-int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes);
+int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
+                       uint64_t ceiling = 0);
 
 /* ---- record transforms (flip left-right, invert) ----
  * Both read at most recordBytes bytes of `record`, write only the length

@@ -28,6 +28,37 @@ static int32_t fixedWidth, fixedHeight;
 static int32_t rectLeft, rectTop, rectWidth, rectHeight;
 static void *displayCallback;
 static int32_t displayValue;
+static int32_t decodeLimit; /* MiB, 0 = none */
+
+/* ---- the decode limit ---- */
+
+static bool OverDecodeLimit(uint64_t bytes)
+{
+    return decodeLimit && bytes > ((uint64_t)decodeLimit << 20);
+}
+
+/* Holds a decode to the limit before its block is allocated.  A plain image
+ * counts its whole block.  A coded image counts its row index and its store,
+ * whose first block is cut to what the index leaves of the limit and which
+ * may grow up to that ceiling as rows arrive, so that a page is judged by
+ * what its coded rows really occupy. */
+static int ApplyDecodeLimit(ImgDecodeContext *c, int coded, int32_t width, int32_t height,
+                            uint64_t *total)
+{
+    c->storeCeiling = 0;
+    if (!decodeLimit)
+        return 0;
+    if (!coded)
+        return OverDecodeLimit(*total) ? IMG_ERR_MEMORY : 0;
+    uint64_t limit = (uint64_t)decodeLimit << 20;
+    uint64_t index = RunStoreIndexBytes(width, height);
+    if (index >= limit)
+        return IMG_ERR_MEMORY;
+    c->storeCeiling = limit - index;
+    if (*total > c->storeCeiling)
+        *total = c->storeCeiling;
+    return 0;
+}
 
 /* ---- the header sink ---- */
 
@@ -106,6 +137,9 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
         return IMG_ERR_MEMORY;
     if (coded)
         total = width >= 10000 ? total / 50 : total / 8;
+    int limited = ApplyDecodeLimit(c, coded, width, height, &total);
+    if (limited < 0)
+        return limited;
 
     /* Scratch: a packed source row, an output row, a run record, the
      * reduced row and the dither routines' scratch. */
@@ -175,7 +209,8 @@ static int CompleteStore(ImgDecodeContext *c, ImgDescriptor *d)
     uint16_t white[5];
     int bytes = RunWhiteRecord(d->width, white);
     for (; c->rowsStored < d->height; c->rowsStored++) {
-        int result = RunStoreAppend(d, c->rowsStored, white, (uint32_t)bytes, c->rowsStored + 10);
+        int result = RunStoreAppend(d, c->rowsStored, white, (uint32_t)bytes, c->rowsStored + 10,
+                                    c->storeCeiling);
         if (result < 0)
             return result;
     }
@@ -189,7 +224,7 @@ static int StoreRecord(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, cons
                        uint32_t bytes, double rowsStored)
 {
     if (!c->storeComplete && dest == c->rowsStored) {
-        int result = RunStoreAppend(d, dest, record, bytes, rowsStored);
+        int result = RunStoreAppend(d, dest, record, bytes, rowsStored, c->storeCeiling);
         if (result == 0)
             c->rowsStored++;
         return result;
@@ -199,7 +234,7 @@ static int StoreRecord(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, cons
         if (result < 0)
             return result;
     }
-    return RunStoreReplaceRow(d, dest, record, bytes);
+    return RunStoreReplaceRow(d, dest, record, bytes, c->storeCeiling);
 }
 
 /* Stores a packed row of the output width, or a run record. */
@@ -598,7 +633,9 @@ int32_t IMGAPI IMG_create_handle_shell(const void *bitmapinfo)
             /* Coding is switched off: a plain block of height * stride + 2000 bytes. */
             uint32_t offset = ImgDescriptorBitsOffset(d);
             size_t size = (size_t)d->height * (size_t)d->stride + 2000;
-            uint8_t *plain = static_cast<uint8_t *>(ImgRealloc(d->dib, size));
+            uint8_t *plain = OverDecodeLimit(offset + (uint64_t)d->height * (uint64_t)d->stride)
+                                 ? NULL
+                                 : static_cast<uint8_t *>(ImgRealloc(d->dib, size));
             if (!plain) {
                 result = IMG_ERR_MEMORY;
             } else {
@@ -648,6 +685,17 @@ int32_t IMGAPI IMGLOW_set_decomp_rect(int32_t left, int32_t top, int32_t width, 
         rectWidth = width;
         rectHeight = height;
         return 0;
+    });
+}
+
+int32_t IMGAPI IMGLOW_set_decode_limit(int32_t megabytes)
+{
+    return Guarded([&]() -> int32_t {
+        if (megabytes < 0)
+            return IMG_ERR_TYPE;
+        int32_t previous = decodeLimit;
+        decodeLimit = megabytes;
+        return previous;
     });
 }
 

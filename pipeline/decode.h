@@ -35,6 +35,7 @@ typedef struct ImgDecodeContext {
     uint8_t *reduced;      /* depth reduction: the reduced row (inside work) */
     uint8_t *ditherScratch; /* depth reduction: the dither routines' scratch (inside work) */
     uint8_t *palette;      /* depth reduction: the file's palette (inside work) */
+    uint64_t storeCeiling; /* the decode limit: the most a coded store may grow to, 0 = none */
 } ImgDecodeContext;
 
 /* The library's sinks. */

@@ -20,6 +20,7 @@
 #include "core/runs.h"
 
 static int32_t compressionQuality = 75;
+static int32_t safeSave; /* IMGLOW_set_safe_save: off at start */
 
 int32_t ImgCompressionQuality(void)
 {
@@ -225,6 +226,62 @@ int32_t IMGAPI IMG_save_bitmap_mem_size(int32_t handle, void *memory, uint32_t s
     });
 }
 
+/* ---- saves to a path ---- */
+
+/* Writes into the file itself: a multi-page type appends to an existing
+ * file, opened for update; on failure the file is deleted, an update-opened
+ * one too. */
+static int SaveInPlace(int32_t handle, const char *path, int32_t type)
+{
+    int result;
+    {
+        bool append = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0;
+        ImgFile file(ImgOpen(path, append ? 1 : 2));
+        if (!file.ok())
+            return IMG_ERR_CREATE;
+        result = IMG_save_bitmap_fd(handle, file.get(), type);
+    }
+    if (result < 0)
+        ImgDelete(path);
+    return result;
+}
+
+/* Copies the existing file at `path` into the open file `to`. */
+static int CopyExisting(const char *path, int to)
+{
+    ImgFile from(ImgOpen(path, 0));
+    return from.ok() ? ImgCopyFile(from.get(), to) : IMG_ERR_CREATE;
+}
+
+/* Writes into a new file beside the target (starting as a copy of the
+ * target when the type appends pages), which replaces the target once the
+ * save has succeeded; a failed save deletes only the new file, so the
+ * target stays byte for byte as it was. */
+static int SaveBeside(int32_t handle, const char *path, int32_t type)
+{
+    size_t room = strlen(path) + 64;
+    ImgBlock<char> temp(room);
+    if (!temp)
+        return IMG_ERR_MEMORY;
+    int result;
+    {
+        ImgFile file(ImgCreateBeside(path, temp.get(), room));
+        if (!file.ok())
+            return IMG_ERR_CREATE;
+        bool append = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0;
+        result = append ? CopyExisting(path, file.get()) : 0;
+        if (result >= 0)
+            result = IMG_save_bitmap_fd(handle, file.get(), type);
+        if (result >= 0 && ImgFlush(file.get()) < 0)
+            result = IMG_ERR_WRITE;
+    }
+    if (result >= 0 && ImgReplace(temp.get(), path) < 0)
+        result = IMG_ERR_CREATE;
+    if (result < 0)
+        ImgDelete(temp.get());
+    return result;
+}
+
 int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type)
 {
     return Guarded([&]() -> int32_t {
@@ -234,18 +291,16 @@ int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type)
             return IMG_ERR_CREATE;
         if (type == IMG_TYPE_BY_EXTENSION)
             type = RegistryTypeForPath(path); /* no match leaves -1: the dispatcher gives -7 */
-        int32_t result;
-        {
-            /* A multi-page type appends to an existing file: opened for update. */
-            bool append = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0;
-            ImgFile file(ImgOpen(path, append ? 1 : 2));
-            if (!file.ok())
-                return IMG_ERR_CREATE;
-            result = IMG_save_bitmap_fd(handle, file.get(), type);
-        }
-        if (result < 0)
-            ImgDelete(path); /* an update-opened file goes too */
-        return result;
+        return safeSave ? SaveBeside(handle, path, type) : SaveInPlace(handle, path, type);
+    });
+}
+
+int32_t IMGAPI IMGLOW_set_safe_save(int32_t on)
+{
+    return Guarded([&]() -> int32_t {
+        int32_t previous = safeSave;
+        safeSave = on != 0;
+        return previous;
     });
 }
 

@@ -30,6 +30,16 @@ int32_t PlatformWrite(int file, const void *buffer, uint32_t count);
 int32_t PlatformSeek(int file, int32_t offset, int whence);
 int PlatformClose(int file);
 int PlatformDelete(const char *path);
+/* Creates a file that did not exist, open for reading and writing, in the
+ * folder of `target`, and writes its path into `path` (`size` bytes of room).
+ * Where files have permission bits, it takes those of an existing target.
+ * Returns its handle, or -1. */
+int PlatformCreateBeside(const char *target, char *path, size_t size);
+/* Writes what the system holds of the file through to the disk.  0 or -1. */
+int PlatformFlush(int file);
+/* Renames `from` to `to` in one step, replacing a file that has that name.
+ * 0 or -1. */
+int PlatformReplace(const char *from, const char *to);
 
 /* Writes the temporary directory (at most 100 characters, with its trailing
  * separator) followed by the fixed scratch name for prefix "img" and unique

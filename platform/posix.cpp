@@ -12,10 +12,12 @@
 #define _POSIX_C_SOURCE 200809L
 #include "platform/platform.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #ifndef O_NOFOLLOW
@@ -214,6 +216,40 @@ int PlatformClose(int file)
 int PlatformDelete(const char *path)
 {
     return unlink(path);
+}
+
+int PlatformCreateBeside(const char *target, char *path, size_t size)
+{
+    static unsigned serial;
+    if (!target || !path)
+        return -1;
+    const char *slash = strrchr(target, '/');
+    int folder = slash ? (int)(slash - target) + 1 : 0;
+    for (int attempt = 0; attempt < 100; attempt++) {
+        int n = snprintf(path, size, "%.*s.trnw-%ld-%u.tmp", folder, target, (long)getpid(), ++serial);
+        if (n < 0 || (size_t)n >= size)
+            return -1;
+        int fd = open(path, O_RDWR | O_CREAT | O_EXCL, 0644);
+        if (fd < 0 && errno == EEXIST)
+            continue; /* a name left by another process: the next one */
+        if (fd < 0)
+            return -1;
+        struct stat existing;
+        if (stat(target, &existing) == 0)
+            fchmod(fd, existing.st_mode & 07777);
+        return fd;
+    }
+    return -1;
+}
+
+int PlatformFlush(int file)
+{
+    return fsync(file) == 0 ? 0 : -1;
+}
+
+int PlatformReplace(const char *from, const char *to)
+{
+    return rename(from, to) == 0 ? 0 : -1;
 }
 
 int PlatformTempName(char *buffer)

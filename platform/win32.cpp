@@ -7,6 +7,7 @@
 
 #include "platform/platform.h"
 
+#include <stdio.h>
 #include <string.h>
 #include <windows.h>
 
@@ -127,6 +128,41 @@ int PlatformClose(int file)
 int PlatformDelete(const char *path)
 {
     return DeleteFileA(path) ? 0 : -1;
+}
+
+int PlatformCreateBeside(const char *target, char *path, size_t size)
+{
+    static unsigned serial;
+    if (!target || !path)
+        return -1;
+    int folder = 0;
+    for (int i = 0; target[i]; i++)
+        if (target[i] == '\\' || target[i] == '/' || target[i] == ':')
+            folder = i + 1;
+    for (int attempt = 0; attempt < 100; attempt++) {
+        int n = snprintf(path, size, "%.*strnw%lu-%u.tmp", folder, target,
+                         (unsigned long)GetCurrentProcessId(), ++serial);
+        if (n < 0 || (size_t)n >= size)
+            return -1;
+        /* A handle of CreateFileA serves the _l calls, as in PlatformOpen. */
+        HANDLE file = CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  NULL, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, NULL);
+        if (file != INVALID_HANDLE_VALUE)
+            return (int)(intptr_t)file;
+        if (GetLastError() != ERROR_FILE_EXISTS)
+            return -1;
+    }
+    return -1;
+}
+
+int PlatformFlush(int file)
+{
+    return FlushFileBuffers((HANDLE)(intptr_t)file) ? 0 : -1;
+}
+
+int PlatformReplace(const char *from, const char *to)
+{
+    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) ? 0 : -1;
 }
 
 int PlatformTempName(char *buffer)

@@ -157,8 +157,7 @@ TEST_F(DecodePipeline, PlainImageTakesTheReadersGeometryAndPalette)
     const ImgDescriptor *d = ImgTableGet(h);
     using T = std::tuple<int32_t, int32_t, int32_t, int32_t, int32_t>;
     EXPECT_EQ(T(d->stride, d->codedRows, d->lastReducedRow, d->cropWidth, d->cropHeight), T(12, 0, -1, 10, 4));
-    EXPECT_EQ(d->gamma, 150u);
-    EXPECT_EQ(d->rasterOp, 0x00CC0020u);
+    EXPECT_EQ(std::make_tuple(d->gamma, d->rasterOp), std::make_tuple(150u, 0x00CC0020u));
     // total = stride * H rounded up to 4 + palette + 40 = 12 * 4 + 1024 + 40.
     EXPECT_EQ(d->dibSize, 48u + 1024u + 40u);
     EXPECT_EQ(0, std::memcmp(d->dib + 40, script.header.data() + 40, 1024));
@@ -178,9 +177,7 @@ TEST_F(DecodePipeline, BilevelImageIsRunCoded)
     int32_t h = Decode();
     ASSERT_GE(h, 0);
     const ImgDescriptor *d = ImgTableGet(h);
-    EXPECT_EQ(d->codedRows, 1);
-    EXPECT_NE(d->rowIndex, nullptr);
-    EXPECT_EQ(GetLE32(d->dib + 16), 99u); // biCompression
+    EXPECT_EQ(std::make_tuple(d->codedRows, d->rowIndex != nullptr, GetLE32(d->dib + 16)), std::make_tuple(1, true, 99u)); // biCompression 99
     EXPECT_GE(d->dibSize, 110u); // 110, or more after the white rows were stored
     EXPECT_EQ(Row(h, 49), std::vector<uint8_t>(16, 0xFF)); // rows never delivered are white
 }
@@ -269,6 +266,32 @@ TEST_F(DecodePipeline, CreateHandleShell)
     std::vector<uint8_t> row(8, 0xA5);
     EXPECT_EQ(IMGLOW_put_raster(handle, row.data(), 6, 0), 0); // a plain bitmap
     EXPECT_EQ(Row(handle, 6), row);
+}
+
+// The decode limit, judged before the block is allocated: a plain image by its block (40 + 1024 + 1 MiB
+// at 1024 x 1024 x 8 bits), a run-coded page by its coded rows and index: random 2048 x 1024 1-bit rows
+// (256 KiB packed) change colour every other pixel, 2 MiB coded; a white 20000 x 20000 page, 280 KB.
+TEST_F(DecodePipeline, DecodeLimitCountsTheBlockOrTheCodedRows)
+{
+    EXPECT_EQ(IMGLOW_set_decode_limit(-1), IMG_ERR_TYPE);
+    struct Case { int bits; int32_t w, h, limit, expected; bool rows; } cases[] = { // expected 0: decoded
+        {8, 1024, 1024, 1, IMG_ERR_MEMORY, false}, {8, 1024, 1024, 2, 0, false}, {1, 2048, 1024, 1, IMG_ERR_MEMORY, true},
+        {1, 2048, 1024, 3, 0, true}, {1, 20000, 20000, 1, 0, false}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::to_string(c.w) + " x " + std::to_string(c.bits) + " bits, limit " + std::to_string(c.limit));
+        IMGLOW_set_decode_limit(c.limit);
+        script = {Header(c.w, c.h, c.bits), c.rows ? Feed(Source(c.w, c.h, c.bits), c.w) : nullptr};
+        int32_t h = Decode();
+        EXPECT_EQ(std::min(h, 0), c.expected);
+        IMG_delete_bitmap(h);
+    }
+    EXPECT_EQ(IMGLOW_set_decode_limit(1), 1);
+    // Nothing is allocated: a failure armed before the header sink is still pending after it.
+    ImgDecodeContext c{};
+    c.handle = ImgTableAllocate();
+    ImgTestFailAllocations(0);
+    EXPECT_EQ(ImgLibraryHeaderSink(Header(1024, 1024, 8).data(), &c), IMG_ERR_MEMORY);
+    EXPECT_EQ(ImgAlloc(1), nullptr);
 }
 
 } // namespace

@@ -1,10 +1,11 @@
 /* The save pipeline: the header copy handed to a writer, the brightness and
  * contrast table, the row source (plain and run-coded images, any order, the
- * crop rectangle, progress) and the dispatch of IMG_save_bitmap and its
- * siblings.  Saved BMPs are read back through their file header. */
+ * crop rectangle, progress), the dispatch of IMG_save_bitmap and its
+ * siblings, safe saves.  Saved BMPs are read back through their file header. */
 #include "support/support.h"
 
 #include <cmath>
+#include <filesystem>
 #include <functional>
 #include <tuple>
 
@@ -408,6 +409,55 @@ TEST_F(Save, SaveMemSizeTooSmallReturnsLessThanOutput)
         for (size_t i = size; i < caller.size(); i++)
             ASSERT_EQ(caller[i], 0xEE) << "byte " << i << " beyond the block changed";
     }
+}
+
+int32_t writeBudget; // the bytes the caller's write function still passes on
+int32_t IMGCDECL WriteWithinBudget(int32_t file, void *buffer, int32_t count)
+{
+    int32_t n = std::clamp(writeBudget, 0, count);
+    writeBudget -= n;
+    return PlatformWrite(file, buffer, (uint32_t)n);
+}
+
+// A page appended to a two-page TIFF and DCX.  A failed save (the writer
+// refusing the depth, or the caller's write function failing after 64 bytes)
+// leaves the file as it was with safe save on and deletes it with safe save
+// off; a successful one writes the same bytes either way.  No other file stays.
+TEST_F(Save, SafeSaveReplacesTheFileOnlyOnceTheSaveSucceeded)
+{
+    namespace fs = std::filesystem;
+    const fs::path folder = TempPath("safe_save");
+    fs::remove_all(folder);
+    ASSERT_TRUE(fs::create_directory(folder));
+    auto filesInFolder = [&] { return std::distance(fs::directory_iterator(folder), fs::directory_iterator()); };
+    for (auto [name, type, bits, refusedBits] : {std::tuple{"pages.tif", IMG_TYPE_TIFF_G4, 1, 24}, {"pages.dcx", IMG_TYPE_DCX, 8, 16}}) {
+        const std::string path = (folder / name).string();
+        const int32_t good = NewPicture(40, 30, bits), refused = NewPicture(40, 30, refusedBits);
+        ASSERT_EQ(IMG_save_bitmap(good, path.c_str(), type), 0);
+        ASSERT_EQ(IMG_save_bitmap(good, path.c_str(), type), 0);
+        const std::vector<uint8_t> twoPages = ReadFile(path);
+        std::vector<uint8_t> threePages[2];
+        for (int32_t safe : {1, 0}) {
+            EXPECT_EQ(IMGLOW_set_safe_save(safe), 1 - safe);
+            for (auto [image, budget, expected] : {std::tuple{refused, INT32_MAX, IMG_ERR_DEPTH}, {good, 64, IMG_ERR_WRITE}, {good, INT32_MAX, 0}}) {
+                SCOPED_TRACE(std::string(name) + (safe ? " safe, " : " in place, ") + std::to_string(budget));
+                ASSERT_TRUE(WriteFile(path, twoPages));
+                writeBudget = budget;
+                IMGLOW_set_fileio(nullptr, WriteWithinBudget, nullptr);
+                EXPECT_EQ(IMG_save_bitmap(image, path.c_str(), type), expected);
+                IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+                EXPECT_EQ(filesInFolder(), safe || expected == 0);
+                if (expected < 0) {
+                    EXPECT_EQ(ReadFile(path), safe ? twoPages : std::vector<uint8_t>());
+                }
+            }
+            threePages[safe] = ReadFile(path);
+        }
+        EXPECT_EQ(IMGLOW_get_pages(path.c_str()), 3);
+        EXPECT_EQ(threePages[1], threePages[0]);
+        fs::remove(path);
+    }
+    fs::remove(folder);
 }
 
 } // namespace

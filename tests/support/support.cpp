@@ -324,6 +324,8 @@ void TrnwTest::TearDown()
     while (ImgTableCount() > 0)
         ImgTableDelete(ImgTableCount() - 1, 1);
     IMGLOW_set_fileio(nullptr, nullptr, nullptr);
+    IMGLOW_set_safe_save(0);
+    IMGLOW_set_decode_limit(0);
     ImgTestFailAllocations(-1);
     ImgFreeAllTracked();
     ImgStoreBitmapName("1996 TARNWHEEL, ALL RIGHTS RESERVED", "11-24-1992");

@@ -22,6 +22,8 @@
 #ifdef _WIN32
 #include <io.h>
 #define isatty _isatty
+#define WIN32_LEAN_AND_MEAN
+#include <windows.h>
 #else
 #include <unistd.h>
 #endif
@@ -71,6 +73,8 @@ struct Options {
     std::optional<std::array<int32_t, 4>> crop, decodeRect;
     std::optional<std::array<int32_t, 2>> decodeSize;
     int32_t reduceBits = 0; /* 0: no reduction while decoding */
+    int32_t decodeLimit = 0; /* MiB an image may take; 0: no limit */
+    const char *outputName = nullptr; /* the output named in messages, when saves go beside it */
     std::vector<PageOperation> operations;
 };
 
@@ -221,6 +225,8 @@ constexpr OptionDefinition kOptionDefinitions[] = {
      [](const char *v, Options &o) { return AddNamedOperation(kDitherColourWords, v, o); }},
     {"--gray", false, [](const char *, Options &o) { return AddOperation(o, {OperationKind::Gray}); }},
     {"--promote", true, [](const char *v, Options &o) { return AddNamedOperation(kPromoteWords, v, o); }},
+    {"--decode-limit", true,
+     [](const char *v, Options &o) { return ParseNumbers(v, {&o.decodeLimit, 1}, 0) && o.decodeLimit >= 0; }},
 };
 
 constexpr std::span<const OptionDefinition> kConvertOptions{kOptionDefinitions};
@@ -303,12 +309,16 @@ int RunHelp(const Arguments &)
 
 /* ---- runs ---- */
 
+bool RenameOver(const char *from, const char *to);
+
 /* Writes the image behind `handle` as a bare DIB, reading each row through
- * IMGLOW_get_raster (bottom row first, as the file stores them). */
+ * IMGLOW_get_raster (bottom row first, as the file stores them), beside
+ * `path` first and then over it. */
 int WriteDib(int32_t handle, const char *path, std::span<const uint8_t> header, int32_t height,
              int32_t stride)
 {
-    FILE *f = fopen(path, "wb");
+    std::string partial = std::string(path) + ".trnw-partial";
+    FILE *f = fopen(partial.c_str(), "wb");
     std::vector<uint8_t> row((size_t)stride);
     bool ok = f && fwrite(header.data(), 1, header.size(), f) == header.size();
     for (int32_t r = height - 1; ok && r >= 0; r--)
@@ -316,6 +326,9 @@ int WriteDib(int32_t handle, const char *path, std::span<const uint8_t> header, 
              fwrite(row.data(), 1, row.size(), f) == row.size();
     if (f && fclose(f) != 0)
         ok = false;
+    ok = ok && RenameOver(partial.c_str(), path);
+    if (!ok)
+        remove(partial.c_str());
     return ok ? 0 : -1;
 }
 
@@ -520,7 +533,7 @@ int ConvertPage(const char *in, std::span<uint8_t> data, int32_t page, const cha
     if (result == 0)
         result = IMG_save_bitmap(handle, out, options.type);
     IMG_delete_bitmap(handle);
-    return result < 0 ? Fail(out, result) : 0;
+    return result < 0 ? Fail(options.outputName ? options.outputName : out, result) : 0;
 }
 
 /* The page count of a file; 1 when its format has no pages. */
@@ -566,7 +579,36 @@ bool SavesAppendPages(int32_t type, const char *path)
     return IMG_type_multipage(type) == 1;
 }
 
-/* Appends every page of `in` to `out` (already emptied by the caller). */
+bool RenameOver(const char *from, const char *to)
+{
+#ifdef _WIN32
+    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING) != 0;
+#else
+    return rename(from, to) == 0;
+#endif
+}
+
+/* The commands that replace OUT (split, merge, convert --all-pages) append
+ * its pages to a fresh file beside it, `write(partial, options)`, with the
+ * type OUT's name chooses; once every page is in, that file is renamed over
+ * OUT.  A failure removes only the fresh file: OUT stays as it was. */
+template <class Write>
+int ReplaceWith(const char *out, Options options, Write write)
+{
+    if (options.type == IMG_TYPE_BY_EXTENSION)
+        options.type = AppendingTypeForPath(out);
+    options.outputName = out;
+    std::string partial = std::string(out) + ".trnw-partial";
+    remove(partial.c_str()); /* left by an interrupted run: the saves would append to it */
+    int status = write(partial.c_str(), options);
+    if (status == 0 && !RenameOver(partial.c_str(), out))
+        status = Fail(out, IMG_ERR_CREATE);
+    if (status != 0)
+        remove(partial.c_str());
+    return status;
+}
+
+/* Appends every page of `in` to `out`. */
 int AppendAllPages(const char *in, const char *out, const Options &options)
 {
     std::vector<uint8_t> data = ReadWholeFile(in);
@@ -585,8 +627,9 @@ int ConvertAllPages(const char *in, const char *out, const Options &options)
         fprintf(stderr, "trnw: convert --all-pages: %s: the output type holds one page only\n", out);
         return 2;
     }
-    remove(out); /* the saves append: start from an empty output */
-    return AppendAllPages(in, out, options);
+    return ReplaceWith(out, options, [in](const char *partial, const Options &resolved) {
+        return AppendAllPages(in, partial, resolved);
+    });
 }
 
 /* The decoder's settings for the next decode: size, rectangle, depth. */
@@ -600,6 +643,8 @@ void SetDecodeOptions(const Options &options)
     }
     if (options.reduceBits)
         IMGLOW_set_decomp_reduction(options.reduceBits);
+    if (options.decodeLimit)
+        IMGLOW_set_decode_limit(options.decodeLimit);
 }
 
 int RunConvert(const Arguments &arguments)
@@ -635,8 +680,9 @@ int RunSplit(const Arguments &arguments)
     int status = 0;
     for (int32_t page = 0; page < pages && status == 0; page++) {
         std::string out = PageFileName(prefix, page);
-        remove(out.c_str()); /* a TIFF save would append to an old file */
-        status = ConvertPage(in, data, page, out.c_str(), arguments.options);
+        status = ReplaceWith(out.c_str(), arguments.options, [&](const char *partial, const Options &resolved) {
+            return ConvertPage(in, data, page, partial, resolved);
+        });
         if (status == 0)
             printf("%s\n", out.c_str());
     }
@@ -656,11 +702,12 @@ int RunMerge(const Arguments &arguments)
             fprintf(stderr, "trnw: merge: %s is both output and input\n", out);
             return 2;
         }
-    remove(out);
-    int status = 0;
-    for (size_t i = 0; i < inputs.size() && status == 0; i++)
-        status = AppendAllPages(inputs[i], out, arguments.options);
-    return status;
+    return ReplaceWith(out, arguments.options, [&](const char *partial, const Options &resolved) {
+        int status = 0;
+        for (size_t i = 0; i < inputs.size() && status == 0; i++)
+            status = AppendAllPages(inputs[i], partial, resolved);
+        return status;
+    });
 }
 
 /* ---- The table, the usage text and the parser ---- */
@@ -691,6 +738,9 @@ const Command kCommands[] = {
      "                       4-bit colour, convert to 8-bit grey, promote to 8 or 24\n"
      "                       bits (in the order given, with the transforms); reduce\n"
      "                       the depth while decoding with the ordered dithers\n"
+     "          [--decode-limit MB]\n"
+     "                       refuse (out of memory) an image that would take more\n"
+     "                       than MB MiB decoded; a 1-bit page counts its coded size\n"
      "  convert IN OUT --all-pages [--type N] [other convert options]\n"
      "                       every page of IN to the multi-page OUT (TIFF or DCX;\n"
      "                       OUT is replaced), each page transformed as above\n",
@@ -723,7 +773,8 @@ std::string UsageText()
     std::string text = "usage: trnw COMMAND [ARGUMENTS]\n\ncommands:\n";
     for (const Command &command : kCommands)
         text += command.usage;
-    return text;
+    return text + "\nEvery output is written beside its file and replaces it only once complete:\n"
+                  "a failed command leaves an existing output as it was.\n";
 }
 
 int ReportUsageError()
@@ -805,6 +856,7 @@ int Run(std::span<char *const> args)
 int main(int argc, char **argv)
 {
     try {
+        IMGLOW_set_safe_save(1); /* a failed save never costs an existing file */
         return Run(std::span<char *const>(argv + 1, argc > 0 ? (size_t)argc - 1 : 0));
     } catch (...) { /* the containers' allocations are all that can throw */
         fprintf(stderr, "trnw: %s\n", IMG_error_text(IMG_ERR_MEMORY));
