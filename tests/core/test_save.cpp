@@ -337,14 +337,16 @@ struct FakeFile { std::vector<uint8_t> bytes; size_t at = 0; int writes = 0, fai
 int32_t IMGCDECL FakeRead(int32_t, void *buffer, int32_t count)
 {
     size_t n = std::min((size_t)count, fake.bytes.size() - std::min(fake.at, fake.bytes.size()));
-    std::memcpy(buffer, fake.bytes.data() + fake.at, n);
+    if (n)
+        std::memcpy(buffer, fake.bytes.data() + fake.at, n);
     return fake.at += n, (int32_t)n;
 }
 int32_t IMGCDECL FakeWrite(int32_t, void *buffer, int32_t count)
 {
     size_t n = (size_t)count - (++fake.writes == fake.failing);
     fake.bytes.resize(std::max(fake.bytes.size(), fake.at + n));
-    std::memcpy(fake.bytes.data() + fake.at, buffer, n);
+    if (n)
+        std::memcpy(fake.bytes.data() + fake.at, buffer, n);
     return fake.at += n, (int32_t)n;
 }
 int32_t IMGCDECL FakeSeek(int32_t, int32_t offset, int32_t whence)
