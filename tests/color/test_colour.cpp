@@ -214,6 +214,13 @@ TEST_F(Colour, PopularityAndOctreeKeepFewColours)
     Raster r = ImageRgb(p);
     EXPECT_EQ(Colours(r).size(), 6u);
     for (size_t i = 0; i < r.rgb.size(); i++) EXPECT_NEAR(r.rgb[i], want.rgb[i], 32) << i;
+    // 255 bins twice each fill the palette; a pixel of bin (8,8,8), in nibbles, seen once
+    // takes the nearest with equal channel weights: (8,8,10), 2 away, not (9,10,8), sqrt 5.
+    std::vector<Rgb> listed = {{128, 128, 160}, {144, 160, 128}};
+    for (int bin = 1; listed.size() < 255; bin++) listed.push_back({0, (bin >> 4) * 16, (bin & 15) * 16});
+    int32_t rare = Image24(511, 1, [&](int x, int) { return x == 510 ? Rgb{136, 136, 136} : listed[(size_t)x / 2]; });
+    ASSERT_EQ(IMG_popularity_color(rare), 0);
+    EXPECT_EQ(At(ImageRgb(rare), 510, 0), (Rgb{128, 128, 160}));
     // Octree with three colours asked makes at most eight entries; bad depths are refused.
     int32_t q = Image24(32, 32, [](int x, int y) { return Rgb{x * 8, y * 8, (x ^ y) * 8}; });
     int32_t made = IMG_octree_color(q, 8, nullptr, 3);

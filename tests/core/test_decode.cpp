@@ -220,15 +220,15 @@ TEST_F(DecodePipeline, RowsWholeOrCutToASubRectangle)
 }
 
 // A fixed size takes the first source row of each destination row and the
-// columns by the step (width << 16) / new width: 9 -> 3 columns (step 3.0),
-// 6 -> 2 rows (rows 0 and 3) at every depth, 1000 x 800 -> 100 x 100 (rows
+// columns by the step (width << 16) / new width: 9 -> 3 columns (step 3.0; 90 -> 10
+// at 1 bit, past the first bytes), 6 -> 2 rows (rows 0 and 3) at every depth, 1000 x 800 -> 100 x 100 (rows
 // 0, 8, 16, ..., columns 0, 10, 20, ...).
 TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourcePixelOfEachDestinationPixel)
 {
     struct Case {
         int bits;
         int32_t w, h, newW, newH;
-    } cases[] = {{1, 9, 6, 3, 2}, {4, 9, 6, 3, 2}, {8, 9, 6, 3, 2}, {24, 9, 6, 3, 2}, {8, 1000, 800, 100, 100}};
+    } cases[] = {{1, 90, 6, 10, 2}, {4, 9, 6, 3, 2}, {8, 9, 6, 3, 2}, {24, 9, 6, 3, 2}, {8, 1000, 800, 100, 100}};
     for (const Case &c : cases) {
         SCOPED_TRACE(std::to_string(c.bits) + " bits, " + std::to_string(c.w) + " wide");
         IMGLOW_set_decompsize(c.newW, c.newH);

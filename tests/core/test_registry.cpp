@@ -160,6 +160,8 @@ Bytes ImageDescriptor(uint8_t flags)
 // return the previous value; a TIFF is not detected while its flag is off.
 TEST_F(Registry, AutoDetectFlags)
 {
+    for (int type = 0; type < 57; type++) // on by default but for plain text and 55; 56 is no type
+        EXPECT_EQ(IMGLOW_get_auto_detect(type), type == 56 ? IMG_ERR_TYPE : type != 38 && type != 55) << type;
     Bytes tiff = TiffWithCompression(true, 4);
     ASSERT_EQ(FileType(tiff), IMG_TYPE_TIFF_G4);
     EXPECT_EQ(IMGLOW_unset_auto_detect(7), 1);
@@ -222,6 +224,11 @@ TEST_F(Registry, EveryProbeAcceptsItsBytes)
         EXPECT_EQ(DetectHead(c.head), c.extension);
         EXPECT_EQ(FileType(Padded(c.head)), c.type);
         EXPECT_EQ(MemType(Padded(c.head)), c.type);
+        if (c.type > 0) { // with its flag off, no longer found as that type
+            IMGLOW_unset_auto_detect(c.type);
+            EXPECT_NE(FileType(Padded(c.head)), c.type);
+            IMGLOW_set_auto_detect(c.type);
+        }
     }
 }
 

@@ -49,6 +49,20 @@ TEST_P(EveryReader, FailsCleanlyAtEachAllocation)
     FAIL() << "no decode succeeded";
 }
 
+// The header a reader hands on: 40 bytes, the size, one plane, the depth, the padded rows'
+// size (CALS counts its rows unpadded).
+TEST_P(EveryReader, HandsOnAPlainHeader)
+{
+    const ReaderCase &c = GetParam();
+    std::vector<uint8_t> file = Saved(MakePicture(37, 11, c.bits, 3), c.type);
+    if (c.dosEps)
+        file = DosEps(file);
+    std::array<uint8_t, 40> header = ReaderHeader(file);
+    const uint8_t *h = header.data();
+    EXPECT_EQ(std::vector<uint32_t>({GetLE32(h), GetLE32(h + 4), GetLE32(h + 8), GetLE16(h + 12), GetLE16(h + 14), GetLE32(h + 20)}),
+              std::vector<uint32_t>({40, 37, 11, 1, (uint32_t)c.bits, (uint32_t)(c.type == IMG_TYPE_CALS ? 5 : DibStride(37, c.bits)) * 11}));
+}
+
 INSTANTIATE_TEST_SUITE_P(Formats, EveryReader, ::testing::ValuesIn(kReaders),
                          [](const auto &info) { return std::string(info.param.name); });
 

@@ -279,6 +279,20 @@ Raster DecodeMemory(std::vector<uint8_t> bytes, int32_t *status, int *bits)
     return Finish(IMG_decompress_bitmap_mem_size(bytes.data(), (uint32_t)bytes.size(), 0), status, bits);
 }
 
+static int32_t IMGCDECL KeepHeader(const uint8_t *header, void *context)
+{
+    std::memcpy(context, header, 40);
+    return IMG_ERR_STOPPED;
+}
+static int32_t IMGCDECL NoRows(const uint8_t *, void *, int32_t, int32_t) { return IMG_ERR_STOPPED; }
+
+std::array<uint8_t, 40> ReaderHeader(std::vector<uint8_t> file)
+{
+    std::array<uint8_t, 40> header{};
+    IMGLOW_decompress_bitmap_mem(file.data(), 0, NoRows, header.data(), KeepHeader);
+    return header;
+}
+
 std::vector<uint8_t> SavedImage(int32_t handle, int32_t type, int32_t *status)
 {
     std::vector<uint8_t> file(1 << 22);

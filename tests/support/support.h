@@ -77,6 +77,8 @@ inline Raster ImageRgb(int32_t handle) { return PictureOf(handle).Rgb(); }
 // `status` gets the handle or error code.
 Raster DecodeFile(const std::string &path, int32_t *status = nullptr, int *bits = nullptr);
 Raster DecodeMemory(std::vector<uint8_t> bytes, int32_t *status = nullptr, int *bits = nullptr);
+// The 40-byte header the reader of a file in memory hands on (zeros when none).
+std::array<uint8_t, 40> ReaderHeader(std::vector<uint8_t> file);
 // A save to memory: the file's bytes, or none with the error in `status`.
 std::vector<uint8_t> SavedImage(int32_t handle, int32_t type, int32_t *status = nullptr);
 std::vector<uint8_t> Saved(const Picture &p, int32_t type, int32_t *status = nullptr);
