@@ -176,13 +176,6 @@ TEST_F(Registry, AutoDetectFlags)
 
     EXPECT_EQ(IMGLOW_unset_auto_detect(12), 1);
     EXPECT_EQ(IMGLOW_get_auto_detect(1), 0);
-    EXPECT_EQ(IMGLOW_set_auto_detect(38), 0);
-    EXPECT_EQ(IMGLOW_set_auto_detect(38), 1);
-    EXPECT_EQ(IMGLOW_unset_auto_detect(38), 1);
-    EXPECT_EQ(IMGLOW_get_auto_detect(38), 0);
-    EXPECT_EQ(IMGLOW_unset_auto_detect(13), 1);
-    EXPECT_EQ(IMGLOW_get_auto_detect(13), 0);
-    EXPECT_EQ(IMGLOW_set_auto_detect(13), 0);
 }
 
 struct ProbeCase {
