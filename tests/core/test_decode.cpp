@@ -219,10 +219,9 @@ TEST_F(DecodePipeline, RowsWholeOrCutToASubRectangle)
     }
 }
 
-// A fixed size takes the first source row of each destination row and the
-// columns by the step (width << 16) / new width: 9 -> 3 columns (step 3.0; 90 -> 10
-// at 1 bit, past the first bytes), 6 -> 2 rows (rows 0 and 3) at every depth, 1000 x 800 -> 100 x 100 (rows
-// 0, 8, 16, ..., columns 0, 10, 20, ...).
+// A fixed size takes the first source row of each destination row and the columns by the
+// step (width << 16) / new width: 9 -> 3 columns (step 3.0; 1 bit: 90 -> 10, past the first
+// bytes), 6 -> 2 rows (0 and 3), 1000 x 800 -> 100 x 100 (rows 0, 8, 16, ..., columns 0, 10, ...).
 TEST_F(DecodePipeline, FixedSizeTakesTheFirstSourcePixelOfEachDestinationPixel)
 {
     struct Case {

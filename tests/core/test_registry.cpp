@@ -329,8 +329,7 @@ TEST_F(Registry, TypeForPathEveryEntry)
     };
     for (const auto &e : list) {
         std::string lower = std::string("dir/picture.") + e.first, upper = lower, mixed = lower;
-        for (char &c : upper)
-            c = (char)std::toupper((unsigned char)c);
+        for (char &c : upper) c = (char)std::toupper((unsigned char)c);
         mixed[mixed.size() - 2] = upper[upper.size() - 2];
         for (const std::string &path : {lower, upper, mixed, std::string(e.first)})
             EXPECT_EQ(RegistryTypeForPath(path.c_str()), e.second) << path;

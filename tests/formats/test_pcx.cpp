@@ -154,6 +154,9 @@ TEST_F(PcxWrite, CodesRunsAndFillsTheHeader)
                   std::vector<int>({12, 1, 300, 150}));
         IMG_delete_bitmap_keep(h);
     }
+    int32_t wide = 0, wider = 0; // xmax and a plane row's bytes are 16-bit fields
+    Saved(MakePicture(65535, 1, 1, 1), IMG_TYPE_PCX, &wide), Saved(MakePicture(65536, 1, 1, 1), IMG_TYPE_PCX, &wider);
+    EXPECT_EQ(std::make_pair(wide > 0, wider), std::make_pair(true, IMG_ERR_TYPE));
 }
 
 using Dcx = TrnwTest;
