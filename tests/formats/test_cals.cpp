@@ -39,7 +39,7 @@ TEST_F(CalsFormat, ReaderHeaders)
         {"record 7 when record 8 has no comma", {{7, "rpelcnt: 000040,000010"}, {8, "rpelcnt: none"}}, 2, 0, 40, 10, 0},
         {"three-digit density reads from its second digit", With(kSize, 9, "rdensty: 200"), 2, 0, 40, 10, 0},
         {"density field all digits", With(kSize, 9, "rdensty: " + std::string(31, '7')), 2, 0, 40, 10, 0},
-        {"spaces skipped, any other byte adds as a digit", With(kSize, 8, "rpelcnt:  1 : ,  5 "), 1, 0, 20, 5, 300},
+        {"spaces skipped, other bytes add as digits; the height ends at one", With(kSize, 8, "rpelcnt:  1 : ,  5;"), 1, 0, 20, 5, 300},
         {"no comma in records 8 and 7", With(kSize, 8, "rpelcnt: 40 10"), 2, IMG_ERR_INVALID},
         {"height digits run to the end", With(kSize, 8, "rpelcnt: 40," + std::string(27, '1')), 2, IMG_ERR_INVALID},
         {"width 65535", With(kSize, 8, "rpelcnt: 65535,10 "), 2, IMG_ERR_INVALID},
