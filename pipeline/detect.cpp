@@ -207,7 +207,7 @@ int32_t IMGAPI IMGLOW_get_filetype_fd(int32_t fileHandle)
     });
 }
 
-/* ---- the orientation query (Parts 1.1 and 2.3) ---- */
+/* ---- the orientation query ---- */
 
 /* Whether a name ends in ".tif" (any case). */
 static int HasTifExtension(const char *path)

@@ -161,9 +161,14 @@ TEST_F(BmpFormat, WritersReadBack)
             int32_t status = 0;
             EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), p.Rgb()), 0) << status;
         }
+    // RLE8 codes 5 5 7 7 7 1 as runs of two, three and one, then the ends of line and bitmap.
+    Picture p = MakePicture(6, 1, 8, 1);
+    p.rows[0] = {5, 5, 7, 7, 7, 1, 0, 0};
+    std::vector<uint8_t> f = Saved(p, IMG_TYPE_BMP_COMPRESSED);
+    EXPECT_EQ(std::vector<uint8_t>(f.end() - 10, f.end()), std::vector<uint8_t>({2, 5, 3, 7, 1, 1, 0, 0, 0, 1}));
 }
 // The header the reader hands on is normalised: a 40-byte header, one plane,
-// no colour counts, the image size of the padded rows.
+// the image size of the padded rows, dots per inch, no colour counts.
 TEST_F(BmpFormat, ReaderHandsOnANormalisedHeader)
 {
     std::vector<uint8_t> file = Build({3, 2, 8, 0, {1, 2, 3, 0, 4, 5, 6, 0}});
@@ -171,11 +176,12 @@ TEST_F(BmpFormat, ReaderHandsOnANormalisedHeader)
     PutLE32(&file[34], 0);  // image size
     PutLE32(&file[46], 5);  // colours used
     PutLE32(&file[50], 3);  // colours important
+    PutLE32(&file[38], 11811), PutLE32(&file[42], 3780); // pixels per metre: 300 and 96 dpi
     std::array<uint8_t, 40> header = ReaderHeader(file);
-    // Size, planes, image size (two rows of 4 bytes), colours used and important.
-    EXPECT_EQ(std::vector<uint32_t>({GetLE32(&header[0]), GetLE16(&header[12]), GetLE32(&header[20]), GetLE32(&header[32]),
-                                     GetLE32(&header[36])}),
-              std::vector<uint32_t>({40, 1, 8, 0, 0}));
+    // Size, planes, image size (two rows of 4 bytes), dots per inch, colours used and important.
+    EXPECT_EQ(std::vector<uint32_t>({GetLE32(&header[0]), GetLE16(&header[12]), GetLE32(&header[20]), GetLE32(&header[24]),
+                                     GetLE32(&header[28]), GetLE32(&header[32]), GetLE32(&header[36])}),
+              std::vector<uint32_t>({40, 1, 8, 300, 96, 0, 0}));
 }
 
 } // namespace
