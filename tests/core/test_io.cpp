@@ -143,7 +143,6 @@ TEST_F(CallerIo, CallsGoToTheCallerWithTheirArgumentsForEveryHandle)
 TEST_F(Io, CreateWriteSeekReadFile)
 {
     std::string path = TempPath("create.bin");
-    std::remove(path.c_str());
     std::vector<uint8_t> bytes = Pattern(1234, 3);
     int h = ImgOpen(path.c_str(), 2);
     ASSERT_NE(h, -1);

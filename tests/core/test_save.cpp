@@ -253,16 +253,6 @@ TEST_F(Save, ProgressOncePerRowWithImageHeight)
     EXPECT_EQ(progressCalls, 0);
 }
 
-TEST_F(Save, TypeMinus1ChoosesBmpByExtensionIgnoringCase)
-{
-    Picture p;
-    int32_t h = NewPicture(7, 5, 8, &p);
-    std::string path = TempPath("ext_mixed.bMp");
-    EXPECT_EQ(IMG_save_bitmap(h, path.c_str(), IMG_TYPE_BY_EXTENSION), 0);
-    ExpectPixels(Bmp(ReadFile(path)), p, 0, 0, 7, 5);
-    std::remove(path.c_str());
-}
-
 int rowsAsked;
 int32_t IMGCDECL CountingSource(void *, uint8_t *, int32_t, int32_t)
 {
@@ -324,8 +314,6 @@ TEST_F(Save, RefusedSavesWriteNothing)
     rowsAsked = 0;
     ASSERT_NE(ImgAllocTracked(100), nullptr);
     EXPECT_EQ(IMGLOW_save_bitmap(IMG_MEMORY_HANDLE, header.data(), 999, CountingSource, nullptr), IMG_ERR_TYPE);
-    EXPECT_EQ(ImgTrackedCount(), 0);
-    ASSERT_NE(ImgAllocTracked(100), nullptr);
     EXPECT_EQ(IMGLOW_save_bitmap_mem(block.p, header.data(), 999, CountingSource, nullptr), IMG_ERR_TYPE);
     EXPECT_EQ(ImgTrackedCount(), 0);
     EXPECT_EQ(rowsAsked, 0);

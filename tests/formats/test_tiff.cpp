@@ -206,6 +206,19 @@ std::string CaseName(const ::testing::TestParamInfo<ReadCase> &i)
 }
 INSTANTIATE_TEST_SUITE_P(Layouts, TiffRead, ::testing::ValuesIn(kReadCases), CaseName);
 
+// The orientation query reads tag 274 of files named ".tif" in any case: 1, 6, 3 and 8 in degrees.
+using TiffOrientation = TrnwTest;
+TEST_F(TiffOrientation, InDegrees)
+{
+    const std::string path = TempPath("turned.TIF"), other = TempPath("turned.tiff");
+    for (auto [tag, degrees] : {std::pair{1, 0}, {6, 90}, {3, 180}, {8, 270}, {5, 5}}) {
+        ASSERT_TRUE(WriteFile(path, TiffFileBuilder().Build({{256, 3, {8}}, {257, 3, {1}}, {274, 3, {(uint32_t)tag}}}, {{0}})));
+        EXPECT_EQ(IMGLOW_get_image_orientation(path.c_str()), degrees);
+    }
+    ASSERT_TRUE(WriteFile(other, ReadFile(path)));
+    EXPECT_EQ(IMGLOW_get_image_orientation(other.c_str()), IMG_ERR_TYPE);
+}
+
 // ---- the writers: the first IFD's entries: tag -> first value (inline ones), and their counts.
 std::map<int, uint32_t> FirstIfd(const std::vector<uint8_t> &f, std::map<int, uint32_t> &counts)
 {
@@ -244,6 +257,8 @@ TEST_F(TiffWrite, EverySaveTypeReadsBack)
             EXPECT_EQ(tags[259], (uint32_t)t.compression);
             EXPECT_EQ(tags[279] + tags[273] <= (uint32_t)n, true);
             EXPECT_EQ(tags[266], (uint32_t)t.fillOrder);
+            for (uint32_t i = 0; counts[320] && i < (1u << bits); i++) // the ColorMap: red first, bytes times 256
+                EXPECT_EQ(GetLE16(&file[tags[320] + 2 * i]), p.palette[4 * i + 2] * 256) << i;
             int32_t status = 0;
             EXPECT_EQ(IMGLOW_get_filetype_mem_size(file.data(), (uint32_t)n),
                       t.type == IMG_TYPE_TIFF_51 ? IMG_TYPE_TIFF_G4 : t.type) << "subtype";

@@ -353,12 +353,8 @@ TestDib::TestDib(int32_t w, int32_t h, int b) : width(w), height(h), bits(b)
     block = static_cast<uint8_t *>(ImgAlloc(size));
     std::fill(block, block + size, 0);
     BITMAPINFOHEADER header{};
-    header.biSize = 40;
-    header.biWidth = w;
-    header.biHeight = h;
-    header.biPlanes = 1;
-    header.biBitCount = (uint16_t)b;
-    header.biSizeImage = (uint32_t)(stride * h);
+    header.biSize = 40, header.biWidth = w, header.biHeight = h, header.biPlanes = 1;
+    header.biBitCount = (uint16_t)b, header.biSizeImage = (uint32_t)(stride * h);
     std::memcpy(block, &header, sizeof header);
     if (b == 1) {
         static const uint8_t bw[8] = {0, 0, 0, 0, 255, 255, 255, 0};
