@@ -10,7 +10,7 @@ deps:
 	@bash scripts/deps.sh
 
 build: deps
-	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@bash scripts/configure.sh build >/dev/null
 	@cmake --build build -j$(JOBS) >/dev/null
 
 demo: build

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# `make test`: the layering check, the native build with -Werror and its suite, the Windows cross
+# `make test`: the layering check, the native release build with -Werror and its suite, the Windows cross
 # builds with the export check and the wine64 run, a short run of every fuzz
 # target, then the ASan+UBSan build running the same suite.  Ends with
 # ctest's summary.
@@ -23,8 +23,10 @@ quiet() {
 
 bash scripts/check_layers.sh
 
+# The developers' build: a packager's release build (Debian's hardening
+# flags, -O3) with warnings as errors.
 mkdir -p build
-quiet build/configure.log 0 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+quiet build/configure.log 0 bash scripts/configure.sh build -DTRNW_WERROR=ON
 quiet build/build.log 0 cmake --build build -j"$jobs"
 echo "test.sh: native suite (at ${SECONDS} s)"
 quiet build/ctest.log 3 ctest --test-dir build -j"$jobs" --output-on-failure
@@ -38,7 +40,7 @@ quiet build-fuzz/fuzz.log 0 bash scripts/fuzz.sh 5
 grep '^fuzz.sh' build-fuzz/fuzz.log || true
 
 mkdir -p build-asan
-quiet build-asan/configure.log 0 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTRNW_SANITIZE=ON
+quiet build-asan/configure.log 0 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTRNW_SANITIZE=ON -DTRNW_WERROR=ON
 quiet build-asan/build.log 0 cmake --build build-asan -j"$jobs"
 echo "test.sh: ASan+UBSan suite (at ${SECONDS} s)"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1
