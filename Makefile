@@ -1,8 +1,9 @@
 # trnw: `make demo` runs the main job, `make test` the whole suite.
 JOBS ?= 2
 export JOBS
+PREFIX ?= /usr/local
 
-.PHONY: all deps build demo test bench fuzz clean
+.PHONY: all deps build demo test bench fuzz install clean
 
 all: build
 
@@ -36,6 +37,11 @@ bench: build
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)
+
+# The library, imgapi.h, trnw and its man page, pkg-config and CMake package
+# files and the Python package under PREFIX (DESTDIR is honoured).
+install: build
+	@cmake --install build --prefix "$(PREFIX)"
 
 clean:
 	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples

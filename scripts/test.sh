@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# `make test`: the layering check, the native release build with -Werror and its suite, the Windows cross
-# builds with the export check and the wine64 run, a short run of every fuzz
-# target, then the ASan+UBSan build running the same suite.  Ends with
+# `make test`: the layering check, the native release build with -Werror and
+# its suite, the install with two consumer builds, the Python package's
+# tests, the Windows cross builds with the export check and the wine64 run,
+# a short run of every fuzz target, then the ASan+UBSan build running the same suite.  Ends with
 # ctest's summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -30,6 +31,12 @@ quiet build/configure.log 0 bash scripts/configure.sh build -DTRNW_WERROR=ON
 quiet build/build.log 0 cmake --build build -j"$jobs"
 echo "test.sh: native suite (at ${SECONDS} s)"
 quiet build/ctest.log 3 ctest --test-dir build -j"$jobs" --output-on-failure
+
+echo "test.sh: install into a temporary prefix, consumers through pkg-config and find_package (at ${SECONDS} s)"
+quiet build/install_check.log 1 bash scripts/install_check.sh build
+echo "test.sh: the Python package against Pillow (at ${SECONDS} s)"
+quiet build/pytest.log 1 env TRNW_LIBRARY=build/lib/libtrnw6w95.so PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
 
 echo "test.sh: Windows builds (at ${SECONDS} s)"
 bash scripts/windows.sh
