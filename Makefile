@@ -3,7 +3,7 @@ JOBS ?= 2
 export JOBS
 PREFIX ?= /usr/local
 
-.PHONY: all deps build demo test bench fuzz install clean
+.PHONY: all deps build demo test bench fuzz install sdk clean
 
 all: build
 
@@ -43,5 +43,9 @@ fuzz: deps
 install: build
 	@cmake --install build --prefix "$(PREFIX)"
 
+# dist/trnw6w95-VERSION-win32.zip and -win64.zip for Windows developers.
+sdk: deps
+	@bash scripts/sdk.sh
+
 clean:
-	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples
+	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples dist

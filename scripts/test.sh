@@ -2,7 +2,8 @@
 # `make test`: the layering check, the native release build with -Werror and
 # its suite, the install with two consumer builds, the Python package's
 # tests, the Windows cross builds with the export check and the wine64 run,
-# a short run of every fuzz target, then the ASan+UBSan build running the same suite.  Ends with
+# the Windows SDK zips with their consumer under wine64, a short run of every
+# fuzz target, then the ASan+UBSan build running the same suite.  Ends with
 # ctest's summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -40,6 +41,9 @@ quiet build/pytest.log 1 env TRNW_LIBRARY=build/lib/libtrnw6w95.so PYTHONDONTWRI
 
 echo "test.sh: Windows builds (at ${SECONDS} s)"
 bash scripts/windows.sh
+echo "test.sh: Windows SDK zips, their consumer under wine64 (at ${SECONDS} s)"
+quiet build/sdk.log 0 bash scripts/sdk.sh
+quiet build/sdk_check.log 1 bash scripts/sdk_check.sh
 
 echo "test.sh: every fuzz target, replaying its regression inputs and fuzzing briefly (at ${SECONDS} s)"
 mkdir -p build-fuzz
