@@ -837,7 +837,7 @@ int RunBatch(const Arguments &arguments)
     if (error)
         return Fail(outDir, IMG_ERR_CREATE);
 
-    bool bar = isatty(2);
+    bool bar = isatty(2) && !inputs.empty();
     size_t done = 0, failed = 0;
     auto convert = [&](size_t i) {
         TaskResult result;
