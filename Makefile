@@ -1,8 +1,9 @@
 # trnw: `make demo` runs the main job, `make test` the whole suite.
 JOBS ?= 2
 export JOBS
+PREFIX ?= /usr/local
 
-.PHONY: all deps build demo test bench fuzz clean
+.PHONY: all deps build demo test bench fuzz install sdk clean
 
 all: build
 
@@ -10,7 +11,7 @@ deps:
 	@bash scripts/deps.sh
 
 build: deps
-	@cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@bash scripts/configure.sh build >/dev/null
 	@cmake --build build -j$(JOBS) >/dev/null
 
 demo: build
@@ -33,9 +34,19 @@ bench: build
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 	@./build/bin/bench_tga
 	@if [ -x ./build/bin/bench_gif ]; then ./build/bin/bench_gif; else echo "bench_gif: not built (libgif-dev missing)"; fi
+	@bash bench/bench_batch.sh
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)
 
+# The library, imgapi.h, trnw and its man page, pkg-config and CMake package
+# files and the Python package under PREFIX (DESTDIR is honoured).
+install: build
+	@cmake --install build --prefix "$(PREFIX)"
+
+# dist/trnw6w95-VERSION-win32.zip and -win64.zip for Windows developers.
+sdk: deps
+	@bash scripts/sdk.sh
+
 clean:
-	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples
+	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples dist

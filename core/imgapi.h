@@ -193,6 +193,10 @@ IMGEXPORT const char *IMGAPI IMG_type_name(int32_t type);
 /* extension: 1 when saves of this type append pages to an existing file
  * (TIFF, DCX, MCA), else 0 */
 IMGEXPORT int32_t IMGAPI IMG_type_multipage(int32_t type);
+/* extension: the file-name extension of a type's format, without the dot
+ * ("tif" for every TIFF type, "dib" for 48); "" for a number that names no
+ * type */
+IMGEXPORT const char *IMGAPI IMG_type_extension(int32_t type);
 
 /* ---- Decoding ---- */
 IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap(const char *path);

@@ -276,6 +276,12 @@ const char *IMGAPI IMG_type_name(int32_t type)
     return entry ? entry->name : "unknown";
 }
 
+const char *IMGAPI IMG_type_extension(int32_t type)
+{
+    const ImgFormat *format = ImgFormatOfType(type);
+    return format ? format->extension : "";
+}
+
 int32_t IMGAPI IMG_type_multipage(int32_t type)
 {
     return Guarded([&]() -> int32_t {

@@ -14,6 +14,7 @@ packages=(
   libvips-tools
   libtiff-tools libtiff-dev netpbm
   libgif-dev giflib-tools ghostscript epstool
+  dpkg-dev scdoc zip unzip lld python3-numpy python3-pytest
 )
 
 missing=()

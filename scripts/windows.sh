@@ -9,9 +9,7 @@ jobs=${JOBS:-2}
 
 for arch in i686 x86_64; do
   dir=build-win-$arch
-  mkdir -p "$dir"
-  cmake -S . -B "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-$arch.cmake -DCMAKE_BUILD_TYPE=Release \
-        -DTRNW_GTEST_FROM_SOURCE=ON >"$dir/configure.log" 2>&1 || { cat "$dir/configure.log"; exit 1; }
+  bash scripts/windows_configure.sh "$arch"
   cmake --build "$dir" -j"$jobs" >"$dir/build.log" 2>&1 || { cat "$dir/build.log"; exit 1; }
   echo "windows.sh: built $dir/bin/trnw6w95.dll"
 done

@@ -319,7 +319,7 @@ TEST_F(Registry, GifTableAndExtensionsAreSkipped)
     EXPECT_EQ(MemType(MakeGif(0x81, body)), IMG_TYPE_GIF_INTERLACED);
 }
 
-TEST_F(Registry, TypeForPathEveryEntry)
+TEST_F(Registry, TypeForPathAndExtensionOfType)
 {
     const std::vector<std::pair<const char *, int>> list = {
         {"tif", 0},  {"bmp", 1},  {"pcx", 2},  {"tga", 3},  {"gif", 4},  {"wpg", 5},  {"wmf", 6},
@@ -333,7 +333,12 @@ TEST_F(Registry, TypeForPathEveryEntry)
         mixed[mixed.size() - 2] = upper[upper.size() - 2];
         for (const std::string &path : {lower, upper, mixed, std::string(e.first)})
             EXPECT_EQ(RegistryTypeForPath(path.c_str()), e.second) << path;
+        EXPECT_STREQ(IMG_type_extension(e.second), e.first); // and back
     }
+    // Every type of a format shares its extension; formats without a save
+    // extension give their detection word.
+    for (auto [type, extension] : {std::pair{10, "tif"}, {44, "gif"}, {48, "dib"}, {33, "fax"}, {45, ""}})
+        EXPECT_STREQ(IMG_type_extension(type), extension) << type;
 }
 
 } // namespace

@@ -3,6 +3,7 @@
  */
 #include "support/support.h"
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -24,7 +25,11 @@ std::string TempPath(const std::string &name)
     return base + "\\trnw_" + unique;
 #else
     std::string base = dir ? dir : (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp");
-    static bool made = (std::system(("mkdir -p '" + base + "'").c_str()), true);
+    static bool made = [&] {
+        std::error_code error; /* a folder that cannot be made shows in the test using it */
+        std::filesystem::create_directories(base, error);
+        return true;
+    }();
     (void)made;
     return base + "/trnw_" + unique;
 #endif

@@ -2,13 +2,15 @@
  * The trnw tool's exit statuses: 0 done, 1 a file or library failure, 2 a
  * usage error (bad command, bad option or value, wrong argument count, an
  * output type that holds one page only).  Runs the tool named by TRNW_TOOL,
- * else the one built beside the suite; skipped without either.  Every input named here does not exist, so no case
- * reaches a decoder; the outputs lie in TRNW_TEST_TMP (or the current
- * directory).
+ * else the one built beside the suite; skipped without either.  The inputs
+ * of the status table do not exist, so none of its cases reaches a decoder;
+ * the batch case converts real files.  Outputs lie in TRNW_TEST_TMP (or the
+ * current directory).
  */
-#include <gtest/gtest.h>
+#include "support/support.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #ifndef _WIN32
 #include <sys/wait.h>
@@ -16,12 +18,13 @@
 
 namespace {
 
-int RunTool(const std::string &tool, const std::string &arguments)
+// The tool's exit status; its standard error goes to `errors` when named.
+int RunTool(const std::string &tool, const std::string &arguments, const std::string &errors = "")
 {
 #ifdef _WIN32
-    const char *quiet = " >NUL 2>&1";
+    std::string quiet = " >NUL 2>" + (errors.empty() ? std::string("&1") : errors);
 #else
-    const char *quiet = " >/dev/null 2>&1";
+    std::string quiet = " >/dev/null 2>" + (errors.empty() ? std::string("&1") : errors);
 #endif
     int status = std::system(("\"" + tool + "\" " + arguments + quiet).c_str());
 #ifdef _WIN32
@@ -31,14 +34,20 @@ int RunTool(const std::string &tool, const std::string &arguments)
 #endif
 }
 
-TEST(TrnwTool, ExitStatusOfEachKindOfCall)
+std::string Tool()
 {
     const char *tool = std::getenv("TRNW_TOOL");
 #ifdef TRNW_TOOL_PATH
     if (!tool || !*tool)
         tool = TRNW_TOOL_PATH;
 #endif
-    if (!tool || !*tool)
+    return tool ? tool : "";
+}
+
+TEST(TrnwTool, ExitStatusOfEachKindOfCall)
+{
+    const std::string tool = Tool();
+    if (tool.empty())
         GTEST_SKIP() << "TRNW_TOOL names no built trnw";
     const char *tmp = std::getenv("TRNW_TEST_TMP");
     const std::string in = "trnw-tool-test-missing.tif";
@@ -76,9 +85,35 @@ TEST(TrnwTool, ExitStatusOfEachKindOfCall)
         {"split " + in + " " + out + " --type x", 2},
         {"split " + in + " " + out + " --type 10", 1},
         {"runs", 2},
+        {"batch " + in + " " + in + " " + out, 2}, /* both would be written to one output */
     };
     for (const Case &c : cases)
         EXPECT_EQ(RunTool(tool, c.arguments), c.status) << "trnw " << c.arguments;
+}
+
+// A folder with a corrupt file among good ones, on two workers: the corrupt
+// file is reported by name, the others converted to the type's extension.
+TEST(TrnwTool, BatchConvertsTheOthersAroundACorruptFile)
+{
+    const std::string tool = Tool();
+    if (tool.empty())
+        GTEST_SKIP() << "TRNW_TOOL names no built trnw";
+    const std::string in = TempPath("batch-in"), out = TempPath("batch-out"), log = TempPath("batch.log");
+    std::filesystem::remove_all(out);
+    std::filesystem::create_directories(in);
+    const Picture picture = MakePicture(37, 21, 8, 5);
+    ASSERT_TRUE(WriteFile(in + "/a.bmp", Saved(picture, IMG_TYPE_BMP)));
+    ASSERT_TRUE(WriteFile(in + "/b.tif", Saved(picture, IMG_TYPE_TIFF_LZW)));
+    ASSERT_TRUE(WriteFile(in + "/c.tif", {'I', 'I', 42, 0, 0xFF, 0xFF, 0xFF, 0x7F})); // IFD past the end
+
+    EXPECT_EQ(RunTool(tool, "batch -j 2 " + in + " " + out + " --type 2", log), 1);
+    for (const char *name : {"/a.pcx", "/b.pcx"})
+        EXPECT_EQ(RasterDiff(DecodeFile(out + name), picture.Rgb()), 0) << name;
+    EXPECT_FALSE(std::filesystem::exists(out + "/c.pcx"));
+    const std::vector<uint8_t> errors = ReadFile(log);
+    EXPECT_NE(std::string(errors.begin(), errors.end()).find("c.tif"), std::string::npos);
+    std::filesystem::remove_all(in);
+    std::filesystem::remove_all(out);
 }
 
 } // namespace

@@ -5,19 +5,26 @@
  * Each command is a row of kCommands (names, usage text, handler, how many
  * positional arguments it takes, which options it reads); the usage text is
  * built from those rows.  Every command reads its arguments through one
- * parser over kOptionDefinitions.
+ * parser over kOptionDefinitions.  `batch` runs convert's work for many
+ * files on worker processes (workers.cpp).
  */
+#include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 #ifdef _WIN32
 #include <io.h>
@@ -29,6 +36,7 @@
 #endif
 
 #include "imgapi.h"
+#include "workers.h"
 
 namespace {
 
@@ -75,6 +83,7 @@ struct Options {
     int32_t reduceBits = 0; /* 0: no reduction while decoding */
     int32_t decodeLimit = 0; /* MiB an image may take; 0: no limit */
     const char *outputName = nullptr; /* the output named in messages, when saves go beside it */
+    int32_t jobs = 0; /* batch: worker processes; 0: one per processor */
     std::vector<PageOperation> operations;
 };
 
@@ -227,9 +236,12 @@ constexpr OptionDefinition kOptionDefinitions[] = {
     {"--promote", true, [](const char *v, Options &o) { return AddNamedOperation(kPromoteWords, v, o); }},
     {"--decode-limit", true,
      [](const char *v, Options &o) { return ParseNumbers(v, {&o.decodeLimit, 1}, 0) && o.decodeLimit >= 0; }},
+    /* batch alone reads the last one */
+    {"-j", true, [](const char *v, Options &o) { return ParseNumbers(v, {&o.jobs, 1}, 0) && o.jobs >= 1; }},
 };
 
-constexpr std::span<const OptionDefinition> kConvertOptions{kOptionDefinitions};
+constexpr std::span<const OptionDefinition> kBatchOptions{kOptionDefinitions};
+constexpr std::span<const OptionDefinition> kConvertOptions = kBatchOptions.first(kBatchOptions.size() - 1);
 constexpr std::span<const OptionDefinition> kTypeOptionOnly = kConvertOptions.first(1);
 
 /* ---- The command table ---- */
@@ -280,9 +292,29 @@ uint32_t Le32(const uint8_t *p)
     return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
 }
 
+/* Where the messages of a conversion go: standard error, or the text a
+ * batch worker sends back with its result. */
+std::string *errorCapture = nullptr;
+
+#ifdef __GNUC__
+__attribute__((format(printf, 1, 2)))
+#endif
+void ReportError(const char *format, ...)
+{
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    if (errorCapture)
+        *errorCapture += text;
+    else
+        fputs(text, stderr);
+}
+
 int Fail(const char *what, int32_t code)
 {
-    fprintf(stderr, "trnw: %s: %s (error %d)\n", what, IMG_error_text(code), code);
+    ReportError("trnw: %s: %s (error %d)\n", what, IMG_error_text(code), code);
     return 1;
 }
 
@@ -624,7 +656,7 @@ int AppendAllPages(const char *in, const char *out, const Options &options)
 int ConvertAllPages(const char *in, const char *out, const Options &options)
 {
     if (!SavesAppendPages(options.type, out)) {
-        fprintf(stderr, "trnw: convert --all-pages: %s: the output type holds one page only\n", out);
+        ReportError("trnw: convert --all-pages: %s: the output type holds one page only\n", out);
         return 2;
     }
     return ReplaceWith(out, options, [in](const char *partial, const Options &resolved) {
@@ -647,19 +679,29 @@ void SetDecodeOptions(const Options &options)
         IMGLOW_set_decode_limit(options.decodeLimit);
 }
 
-int RunConvert(const Arguments &arguments)
+/* convert's work: the decode settings, then the page or every page of `in`
+ * into `out`.  With `replace`, a multi-page `out` is replaced rather than
+ * appended to. */
+int ConvertFile(const char *in, const char *out, const Options &options, bool replace)
 {
-    const char *in = arguments.positional[0], *out = arguments.positional[1];
-    const Options &options = arguments.options;
     SetDecodeOptions(options);
-    if (isatty(2))
-        IMG_set_statusbar(0, Progress, 1);
     if (options.allPages)
         return ConvertAllPages(in, out, options);
     std::vector<uint8_t> data;
     if (options.page != 0 && (data = ReadWholeFile(in)).empty())
         return Fail(in, IMG_ERR_OPEN);
-    return ConvertPage(in, data, options.page, out, options);
+    if (!replace || !SavesAppendPages(options.type, out))
+        return ConvertPage(in, data, options.page, out, options);
+    return ReplaceWith(out, options, [&](const char *partial, const Options &resolved) {
+        return ConvertPage(in, data, options.page, partial, resolved);
+    });
+}
+
+int RunConvert(const Arguments &arguments)
+{
+    if (isatty(2))
+        IMG_set_statusbar(0, Progress, 1);
+    return ConvertFile(arguments.positional[0], arguments.positional[1], arguments.options, false);
 }
 
 /* PREFIX001.tif for page 0, and so on. */
@@ -710,11 +752,128 @@ int RunMerge(const Arguments &arguments)
     });
 }
 
+/* ---- batch ---- */
+
+/* The files an IN of batch stands for, appended to `inputs`: a folder's
+ * files in name order, the names on standard input (one a line) for "-",
+ * else the name itself.  false when a folder cannot be listed. */
+bool AddBatchInputs(const char *argument, std::vector<std::string> &inputs)
+{
+    namespace fs = std::filesystem;
+    if (!strcmp(argument, "-")) {
+        for (std::string line; std::getline(std::cin, line);) {
+            if (!line.empty() && line.back() == '\r')
+                line.pop_back();
+            if (!line.empty())
+                inputs.push_back(line);
+        }
+        return true;
+    }
+    std::error_code error;
+    if (!fs::is_directory(argument, error)) {
+        inputs.emplace_back(argument);
+        return true;
+    }
+    std::vector<std::string> files;
+    for (fs::directory_iterator entry(argument, error), end; !error && entry != end; entry.increment(error))
+        if (entry->is_regular_file(error))
+            files.push_back(entry->path().string());
+    if (error) {
+        fprintf(stderr, "trnw: batch: %s: the folder cannot be listed\n", argument);
+        return false;
+    }
+    std::sort(files.begin(), files.end());
+    inputs.insert(inputs.end(), files.begin(), files.end());
+    return true;
+}
+
+/* OUTDIR/the input's name, its extension that of `type` when one is given. */
+std::string BatchOutputName(const std::string &in, const char *outDir, int32_t type)
+{
+    std::filesystem::path name = std::filesystem::path(in).filename();
+    if (type != IMG_TYPE_BY_EXTENSION)
+        name.replace_extension(IMG_type_extension(type));
+    return (std::filesystem::path(outDir) / name).string();
+}
+
+/* The whole batch's progress bar, on a terminal: files done of all. */
+void DrawBatchProgress(size_t done, size_t total)
+{
+    int percent = total ? (int)(done * 100 / total) : 100;
+    fprintf(stderr, "\r[%-40.*s] %3d%% %lu/%lu", percent * 40 / 100,
+            "########################################", percent, (unsigned long)done,
+            (unsigned long)total);
+}
+
+int RunBatch(const Arguments &arguments)
+{
+    const Options &options = arguments.options;
+    const char *outDir = arguments.positional.back();
+    if (options.type != IMG_TYPE_BY_EXTENSION && !*IMG_type_extension(options.type)) {
+        fprintf(stderr, "trnw: batch: --type %d names no type\n", options.type);
+        return 2;
+    }
+    bool listed = true;
+    std::vector<std::string> inputs, outputs;
+    for (size_t i = 0; i + 1 < arguments.positional.size(); i++)
+        listed &= AddBatchInputs(arguments.positional[i], inputs);
+    std::map<std::string, const std::string *> sources; /* output -> its input */
+    for (const std::string &in : inputs) {
+        outputs.push_back(BatchOutputName(in, outDir, options.type));
+        auto [entry, added] = sources.emplace(outputs.back(), &in);
+        if (!added) {
+            fprintf(stderr, "trnw: batch: %s and %s would both be written to %s\n",
+                    entry->second->c_str(), in.c_str(), outputs.back().c_str());
+            return 2;
+        }
+    }
+    if (options.allPages && !outputs.empty() && !SavesAppendPages(options.type, outputs[0].c_str())) {
+        fprintf(stderr, "trnw: batch --all-pages: %s: the output type holds one page only\n",
+                outputs[0].c_str());
+        return 2;
+    }
+    std::error_code error;
+    std::filesystem::create_directories(outDir, error);
+    if (error)
+        return Fail(outDir, IMG_ERR_CREATE);
+
+    bool bar = isatty(2) && !inputs.empty();
+    size_t done = 0, failed = 0;
+    auto convert = [&](size_t i) {
+        TaskResult result;
+        errorCapture = &result.messages;
+        result.status = ConvertFile(inputs[i].c_str(), outputs[i].c_str(), options, true);
+        errorCapture = nullptr;
+        return result;
+    };
+    auto report = [&](size_t i, const TaskResult &result) {
+        done++;
+        if (result.status != 0) {
+            failed++;
+            if (bar) /* the message takes the bar's line; the bar follows it */
+                fprintf(stderr, "\r%64s\r", "");
+            if (result.messages.empty())
+                fprintf(stderr, "trnw: %s: not converted: its worker process ended\n", inputs[i].c_str());
+            fputs(result.messages.c_str(), stderr);
+        }
+        if (bar)
+            DrawBatchProgress(done, inputs.size());
+    };
+    int workers = options.jobs ? options.jobs : (int)std::max(1u, std::thread::hardware_concurrency());
+    RunTasks(inputs.size(), workers, convert, report);
+    if (bar)
+        fputc('\n', stderr);
+    if (failed)
+        fprintf(stderr, "trnw: batch: %lu of %lu files failed\n", (unsigned long)failed,
+                (unsigned long)inputs.size());
+    return failed || !listed ? 1 : 0;
+}
+
 /* ---- The table, the usage text and the parser ---- */
 
 const Command kCommands[] = {
     {{"version", "--version"},
-     "  version              print the library version\n",
+     "  version, --version   print the library version\n",
      RunVersion, 0, kAnyCount, {}},
     {{"info"},
      "  info FILE...         type, pages, size, depth and resolution of each file\n"
@@ -756,6 +915,16 @@ const Command kCommands[] = {
      "                       order to the multi-page OUT (TIFF or DCX), which is\n"
      "                       replaced (type N as for split)\n",
      RunMerge, 2, kAnyCount, kTypeOptionOnly},
+    {{"batch"},
+     "  batch [-j N] IN... OUTDIR [convert options]\n"
+     "                       convert every IN (a folder: its files; -: the names read\n"
+     "                       from standard input, one a line) to OUTDIR/its name, with\n"
+     "                       the extension of --type N when given (else the name's own\n"
+     "                       extension chooses the type); each output is replaced;\n"
+     "                       N worker processes (default: one per processor); a failed\n"
+     "                       file is reported and the others go on; exit status 1 when\n"
+     "                       any file failed\n",
+     RunBatch, 2, kAnyCount, kBatchOptions},
     {{"runs"},
      "  runs IN.dib [OUT.dib]\n"
      "                       load a bare DIB (40-byte header, palette, rows), hold a\n"
@@ -764,7 +933,7 @@ const Command kCommands[] = {
      "                       back through the run store\n",
      RunRuns, 1, 2, {}},
     {{"--help", "-h", "help"},
-     "  --help               this text\n",
+     "  --help, -h, help     this text\n",
      RunHelp, 0, kAnyCount, {}},
 };
 

@@ -1,0 +1,5 @@
+"""The package under test is the one beside these tests (python/trnw)."""
+import sys
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
