@@ -174,6 +174,10 @@ TEST_F(CodedStore, DibToRunsAndBack)
         ASSERT_EQ(IMGLOW_get_raster(h, row.data(), r, 0), 0);
         ASSERT_EQ(0, std::memcmp(row.data(), &original[48 + (size_t)(36 - r) * stride], stride)) << "row " << r;
     }
+    const uint64_t end = d->dibSize + 4096; // the store grows up to a ceiling, inclusive, and not past it
+    EXPECT_EQ(RunStoreReserve(d, end, 37, end - 1), IMG_ERR_MEMORY);
+    EXPECT_EQ(RunStoreReserve(d, end, 37, end), 0);
+    EXPECT_EQ(d->dibSize, end);
     ASSERT_EQ(IMG_runs_to_dib(h), 0);
     d = ImgTableGet(h);
     EXPECT_EQ(d->codedRows, 0);

@@ -98,6 +98,9 @@ TEST_P(Rotate, PixelsFollowTheReferenceMapping)
         // Every row of the turned image is reported once per pass: a coded page
         // turns in one pass, a plain image is transposed and then mirrored.
         EXPECT_EQ(progressReports, t.coded ? W : 2 * W);
+        if (!t.coded) { // the display size follows a plain image's turn
+            EXPECT_EQ(std::pair(ImgTableGet(h)->displayWidth, ImgTableGet(h)->displayHeight), std::pair(H, W));
+        }
         return ExpectPixels(h, p, H, W, [&](int x, int y, int &sx, int &sy) { sx = y, sy = H - 1 - x; return 1; }, 0);
     case 18000:
         ASSERT_EQ(IMG_rotate_bitmap(h, 18000), 0);
