@@ -11,13 +11,14 @@ struct Pcx {
     std::vector<uint8_t> headerPalette = {}; // red, green, blue triples
     int version = 5, paletteInfo = 1;
     bool greyTail = false; // 768 bytes of grey ramp after a byte that is not the 0x0C marker
+    int ymin = 0;
 };
 
 std::vector<uint8_t> Build(const Pcx &p)
 {
     std::vector<uint8_t> f(128 + p.body.size() + (p.greyTail ? 769 : 0), 0);
     f[0] = 10, f[1] = (uint8_t)p.version, f[2] = 1, f[3] = (uint8_t)p.bitsPerPlane;
-    PutLE16(&f[8], (uint16_t)(p.width - 1)), PutLE16(&f[10], (uint16_t)(p.height - 1));
+    PutLE16(&f[8], (uint16_t)(p.width - 1)), PutLE16(&f[10], (uint16_t)(p.height - 1)), PutLE16(&f[6], (uint16_t)p.ymin);
     std::copy(p.headerPalette.begin(), p.headerPalette.end(), f.begin() + 16);
     f[65] = (uint8_t)p.planes;
     PutLE16(&f[66], (uint16_t)p.bytesPerLine), PutLE16(&f[68], (uint16_t)p.paletteInfo);
@@ -75,7 +76,7 @@ std::vector<ReadCase> ReadCases()
         // ...and any other pair is kept.
         {"1-bit red, blue", {1, 1, 4, 1, 1, {0xC1, 0xC0}, {255, 0, 0, 0, 0, 255}}, 0, {{0, 0, 255, 0, 0, 255, 255, 0, 0, 255, 0, 0}}},
         {"plane row shorter than the width", {8, 1, 4, 1, 3, {1, 2, 3}}, IMG_ERR_INVALID},
-        {"xmax before xmin", {8, 1, 0, 1, 1, {1}}, IMG_ERR_INVALID},
+        {"ymax before ymin", {8, 1, 1, 1, 1, {1}, {}, 5, 1, false, 1}, IMG_ERR_INVALID},
         {"two planes of 8 bits", {8, 2, 1, 1, 1, {1, 2}}, IMG_ERR_INVALID},
     };
 }
