@@ -294,6 +294,7 @@ static int32_t IMGCDECL NoRows(const uint8_t *, void *, int32_t, int32_t) { retu
 std::array<uint8_t, 40> ReaderHeader(std::vector<uint8_t> file)
 {
     std::array<uint8_t, 40> header{};
+    file.resize(file.size() + 65536); // an unsized memory image: its readers may read a chunk ahead
     IMGLOW_decompress_bitmap_mem(file.data(), 0, NoRows, header.data(), KeepHeader);
     return header;
 }
