@@ -268,11 +268,13 @@ static int SaveBeside(int32_t handle, const char *path, int32_t type)
         ImgFile file(ImgCreateBeside(path, temp.get(), room));
         if (!file.ok())
             return IMG_ERR_CREATE;
-        bool append = RegistryMultiPage(type) && ImgOpen(path, 3) >= 0;
-        result = append ? CopyExisting(path, file.get()) : 0;
+        bool replacing = ImgOpen(path, 3) >= 0;
+        result = replacing && RegistryMultiPage(type) ? CopyExisting(path, file.get()) : 0;
         if (result >= 0)
             result = IMG_save_bitmap_fd(handle, file.get(), type);
-        if (result >= 0 && ImgFlush(file.get()) < 0)
+        /* Only a file that replaces another must reach the disk first: a
+         * new name has nothing older that a power cut could cost. */
+        if (result >= 0 && replacing && ImgFlush(file.get()) < 0)
             result = IMG_ERR_WRITE;
     }
     if (result >= 0 && ImgReplace(temp.get(), path) < 0)

@@ -15,6 +15,9 @@
 
 #ifndef _WIN32
 #include <limits.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -85,10 +88,23 @@ bool ReadFully(int fd, void *into, size_t size)
     return true;
 }
 
+/* Keeps the page buffers that one file frees for the next: without this,
+ * glibc hands every buffer of a megabyte or more back to the system and
+ * each page pays again for faulting in fresh, zeroed memory (on a fax
+ * page that is a third of the conversion's time). */
+void KeepFreedMemory()
+{
+#ifdef __GLIBC__
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
+#endif
+}
+
 /* A worker: takes the next task number until none is left. */
 [[noreturn]] void Work(size_t count, std::atomic<uint32_t> &next, int fd,
                        const std::function<TaskResult(size_t)> &task)
 {
+    KeepFreedMemory();
     for (uint32_t i; (i = next.fetch_add(1)) < count;)
         if (!WriteRecord(fd, i, task(i)))
             break;
