@@ -6,12 +6,13 @@
  * options, on five values of byte 0 in eight, the median cut on two and
  * popularity, whose fixed work over its 4096 bins takes longest, on one),
  * the source depth (4, 8, 16, 24, 32 and one the library does not hold), a
- * size up to 48 x 48 and 256 pixels (fewer rows when wider: the octree's
- * work grows with the square of the colours, and 256 colours still fill
- * its node pools), the octree's
+ * size up to 48 x 48 and 1024 pixels (fewer rows when wider), the octree's
  * output bits and count, and whether a colour list (taken from the input)
- * is used; the rest of the bytes fill the palette and pixels.  The target
- * checks what holds whatever the colours:
+ * is used; the rest of the bytes fill the palette and pixels, repeated, at
+ * most 768 of them (256 colours of 24 bits).  So a run stays short: the
+ * octree's work grows with the square of the distinct colours, its mapping
+ * with pixels times entries.  The target checks what holds whatever the
+ * colours:
  *   - the result is 0 (fixed, popularity), or for the octree the number of
  *     entries made, 0 .. the maximum colours (or a negative code);
  *   - on success the header's bit count and size and the descriptor's
@@ -64,8 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     int op = operations[data[0] & 7];
     int bits = depths[data[1] & 7];
     int32_t width = 1 + data[2] % 48, height = 1 + data[3] % 48;
-    if (width * height > 256)
-        height = 256 / width;
+    if (width * height > 1024)
+        height = 1024 / width;
     int outBits = (data[4] & 7) == 7 ? data[4] >> 3 : (data[4] & 1) ? 4 : 8;
     int32_t count = (int32_t)(int8_t)data[5] * 3;
     int useList = data[6] & 1;
@@ -78,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint8_t *block = static_cast<uint8_t *>(ImgAlloc(blockSize));
     if (!block)
         return 0;
-    Fill(block + DIB_HEADER_SIZE, blockSize - DIB_HEADER_SIZE, rest, restSize);
+    Fill(block + DIB_HEADER_SIZE, blockSize - DIB_HEADER_SIZE, rest, restSize < 768 ? restSize : 768);
     BITMAPINFOHEADER header = {};
     header.biSize = 40;
     header.biWidth = width;

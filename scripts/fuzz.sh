@@ -123,19 +123,19 @@ minimise() {
   shift 2
   rm -rf "$corpus.min"
   mkdir -p "$corpus.min"
-  if "$bin" -merge=1 "$corpus.min" "$corpus" "$@" >"$corpus.merge.log" 2>&1; then
+  if "$bin" -merge=1 "$corpus.min" "$corpus" "$@" >"$bin.minimise.log" 2>&1; then
     rm -rf "$corpus"
     mv "$corpus.min" "$corpus"
   else
     rm -rf "$corpus.min"
-    echo "fuzz.sh: $(basename "$bin"): merging into $corpus failed (see $corpus.merge.log)"
+    echo "fuzz.sh: $(basename "$bin"): minimising $corpus failed (see $bin.minimise.log)"
   fi
 }
 
 # One target: build, replay its regression inputs, merge its seeds, fuzz.
 # Its report goes to $out/<name>.report, its verdict to $out/<name>.verdict.
 run_target() {
-  local src=$1 name bin log corpus runs rate cov dict=()
+  local src=$1 name bin log corpus runs rate cov added dict=()
   name=$(basename "${src%.cpp}")
   bin="$out/$name"
   exec >"$out/$name.report" 2>&1
@@ -157,9 +157,12 @@ run_target() {
   corpus="$out/corpus/$name"
   mkdir -p "$corpus"
   if [[ -d $out/seeds/$name ]]; then
-    "$bin" -merge=1 "$corpus" "$out/seeds/$name" >"$out/$name.seeds.log" 2>&1 ||
+    if "$bin" -merge=1 "$corpus" "$out/seeds/$name" >"$out/$name.seeds.log" 2>&1; then
+      added=$(grep -o 'MERGE-OUTER: [0-9]* new files' "$out/$name.seeds.log" | grep -o '[0-9]\+' || true)
+      echo "fuzz.sh: $name: $(ls "$out/seeds/$name" | wc -l) seeds, ${added:-?} new to the corpus"
+    else
       echo "fuzz.sh: $name: merging the seeds failed (see $out/$name.seeds.log)"
-    echo "fuzz.sh: $name: $(ls "$out/seeds/$name" | wc -l) seeds merged"
+    fi
   fi
   local seeds=()
   [[ -d fuzz/regress/$name ]] && seeds=(fuzz/regress/"$name")
