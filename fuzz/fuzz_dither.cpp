@@ -4,8 +4,8 @@
  *
  * Byte 0 picks the decode-time reduction (0, 8, 4, 1) and byte 1 the
  * operation (one of the nine, or the display-time 3-3-2 reduction in either
- * mode); the rest is decoded from the memory image (any detected format,
- * BMP in practice).  Checks: the decode gives a handle or a negative code;
+ * mode); the rest is decoded from the memory image (any detected format:
+ * the seeds hold BMP, GIF, TIFF, PCX, Targa and XBM files).  Checks: the decode gives a handle or a negative code;
  * the operation gives 0 or a negative code; a successful 1-bit dither leaves
  * coded rows of the image's height that expand; no tracked block is left
  * and the image table is empty at the end.  Pictures of more pixels than
