@@ -156,10 +156,11 @@ run_target() {
 
   corpus="$out/corpus/$name"
   mkdir -p "$corpus"
+  local seeded=""
   if [[ -d $out/seeds/$name ]]; then
     if "$bin" -merge=1 "$corpus" "$out/seeds/$name" >"$out/$name.seeds.log" 2>&1; then
       added=$(grep -o 'MERGE-OUTER: [0-9]* new files' "$out/$name.seeds.log" | grep -o '[0-9]\+' || true)
-      echo "fuzz.sh: $name: $(ls "$out/seeds/$name" | wc -l) seeds, ${added:-?} new to the corpus"
+      seeded=", ${added:-?} of $(ls "$out/seeds/$name" | wc -l) seeds new"
     else
       echo "fuzz.sh: $name: merging the seeds failed (see $out/$name.seeds.log)"
     fi
@@ -175,7 +176,7 @@ run_target() {
     cov=$(grep -E '^#[0-9]+.*(DONE|pulse|NEW|REDUCE)' "$log" | tail -n 1 | grep -o 'cov: [0-9]*' || true)
     [[ $coverage == 1 ]] && minimise "$bin" "$corpus" "${seeds[@]}"
     echo "fuzz.sh: $name: no crash in ${seconds}s (${runs:-?} runs, ${rate:-?} exec/s, ${cov:-cov: ?}," \
-      "corpus $(ls "$corpus" | wc -l) files)"
+      "corpus $(ls "$corpus" | wc -l) files$seeded)"
     echo passed >"$out/$name.verdict"
   else
     echo "fuzz.sh: $name: CRASH (log $log, input in $out/artifacts/)"
@@ -189,7 +190,7 @@ for src in "${targets[@]}"; do
 done
 for pid in $(jobs -rp); do wait "$pid" || true; done
 
-grep -h '^fuzz_seeds' "$out/seeds.log" 2>/dev/null || true
+sed -n 's/^fuzz_seeds.py: /fuzz.sh: seeds: /p' "$out/seeds.log" 2>/dev/null || true
 failed=()
 for src in "${targets[@]}"; do
   name=$(basename "${src%.cpp}")
