@@ -2,9 +2,10 @@
  * fuzz_palette.c - libFuzzer target for palette selection.
  *
  * Palette selection reads no files, but its octree is driven entirely by the colours
- * it is given: the input chooses the operation (the octree, with its
- * options, on five values of byte 0 in eight, the median cut on two and
- * popularity, whose fixed work over its 4096 bins takes longest, on one),
+ * it is given: the input chooses the operation (bits 0-3 of byte 0: the
+ * octree, with its options, on eleven values in sixteen, the median cut on
+ * four and popularity, whose fixed work over its 4096 bins takes longest, on
+ * one),
  * the source depth (4, 8, 16, 24, 32 and one the library does not hold), a
  * size up to 48 x 48 and 1024 pixels (fewer rows when wider), the octree's
  * output bits and count, and whether a colour list (taken from the input)
@@ -38,7 +39,8 @@ static void Fail(const char *what)
 }
 
 static const int depths[8] = {4, 8, 16, 24, 32, 24, 32, 2};
-static const int operations[8] = {0, 0, 1, 2, 2, 2, 2, 2}; /* median cut, popularity, octree */
+/* 0 median cut, 1 popularity, 2 octree */
+static const int operations[16] = {0, 0, 0, 0, 1, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2};
 
 /* The palette and pixels: the rest of the input, repeated. */
 FUZZ_NO_COVERAGE static void Fill(uint8_t *to, size_t n, const uint8_t *rest, size_t restSize)
@@ -62,7 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 8)
         return 0;
-    int op = operations[data[0] & 7];
+    int op = operations[data[0] & 15];
     int bits = depths[data[1] & 7];
     int32_t width = 1 + data[2] % 48, height = 1 + data[3] % 48;
     if (width * height > 1024)

@@ -376,7 +376,7 @@ def codec_seeds():
     # fuzz_runs: width (2 bytes, width - 1 mod 65534) and one run record.
     for width, y in ((40, 5), (40, 0), (1728, 6)):
         seed("fuzz_runs", "record_%d_row%d" % (width, y), run_record(width, y), struct.pack("<H", width - 1))
-    # fuzz_palette: operation (0 median cut, 2 popularity, 3 octree), depth, width - 1,
+    # fuzz_palette: operation (0 median cut, 4 popularity, 5 octree), depth, width - 1,
     # height - 1, output bits, count, list, spare; then the colours (blue, green, red) of the
     # 24-bit picture.
     pixels = read("rgb.ppm")
@@ -384,8 +384,8 @@ def codec_seeds():
         bgr = bytearray(pixels[-24 * 16 * 3:])
         bgr[0::3], bgr[2::3] = bgr[2::3], bgr[0::3]
         # depth 3 is 24 bits, 4 is 32, 1 is 8; output byte 0 is 8 bits, 1 is 4, 7 | n << 3 is n.
-        for op, depth, bits, count, use in ((0, 3, 0, 0, 0), (2, 3, 0, 0, 0), (3, 3, 0, 40, 0),
-                                            (3, 4, 1, 85, 0), (3, 1, 7 | 1 << 3, 20, 1)):
+        for op, depth, bits, count, use in ((0, 3, 0, 0, 0), (4, 3, 0, 0, 0), (5, 3, 0, 40, 0),
+                                            (5, 4, 1, 85, 0), (5, 1, 7 | 1 << 3, 20, 1)):
             seed("fuzz_palette", "op%d_depth%d_out%d" % (op, depth, bits), bytes(bgr),
                  bytes([op, depth, 23, 15, bits, count, use, 0]))
 
