@@ -1162,7 +1162,7 @@ static void FreeState(TiffReadState *s)
     }
 }
 
-/* Sizes, buffers and the temporary file of one read. */
+/* The sizes of one read. */
 static int SetUpState(TiffReadState *s, int bits)
 {
     s->width = tiffInfo.width;
@@ -1186,14 +1186,22 @@ static int SetUpState(TiffReadState *s, int bits)
     s->planeRowBytes = (uint32_t)planeRow;
     s->codedRowBytes = s->planes > 1 ? s->planeRowBytes : s->pixelRowBytes;
     s->stride = (uint32_t)stride;
+    s->reverseBits = tiffInfo.fillOrder == 2;
+    return 0;
+}
+
+/* The row buffers and the temporary file of one read: only once the header
+ * sink has taken the header, so that a sink refusing the picture (or the
+ * decode limit) also spares rows of up to 256 MiB. */
+static int AllocateRows(TiffReadState *s)
+{
     /* Slack: conversions and the predictor read whole samples. */
-    s->pixelRow = static_cast<uint8_t *>(ImgAllocTracked((size_t)pixelRow + 16));
-    s->outRow = static_cast<uint8_t *>(ImgAllocTracked((size_t)stride + 16));
+    s->pixelRow = static_cast<uint8_t *>(ImgAllocTracked((size_t)s->pixelRowBytes + 16));
+    s->outRow = static_cast<uint8_t *>(ImgAllocTracked((size_t)s->stride + 16));
     if (!s->pixelRow || !s->outRow)
         return IMG_ERR_MEMORY;
-    memset(s->pixelRow, 0, (size_t)pixelRow + 16);
-    memset(s->outRow, 0, (size_t)stride + 16);
-    s->reverseBits = tiffInfo.fillOrder == 2;
+    memset(s->pixelRow, 0, (size_t)s->pixelRowBytes + 16);
+    memset(s->outRow, 0, (size_t)s->stride + 16);
     if (s->planes > 1) {
         s->tempHandle = ImgOpenTemp(s->tempPath, 0);
         if (s->tempHandle < 0) {
@@ -1242,6 +1250,8 @@ static int DecodePage(TiffReadState *s, ImgHeaderSink headerSink)
         result = SetUpState(s, bits);
     if (result >= 0)
         result = headerSink(block, s->sinkContext);
+    if (result >= 0)
+        result = AllocateRows(s);
     if (result >= 0) {
         switch (compression) {
         case 1: result = ReadUncompressed(s); break;

@@ -10,15 +10,16 @@
  *     counts 0), width and height of at least 1, a bit count of 1, 4, 8, 24
  *     or 32 and biSizeImage = stride * height;
  *   - every row index lies in 0 .. height - 1; every size is the stride, or
- *     a record of 2 .. 10000 bytes (compression 99); every byte handed over
- *     is read here, so ASan sees a row that reaches outside its buffer;
+ *     a record of 2 .. 10000 bytes (compression 99); every buffer handed
+ *     over is readable (fuzz/fuzz_support.h), so ASan sees a row that
+ *     reaches outside its buffer;
  *   - there are at most height + 1 deliveries (only the end of bitmap adds
  *     one beyond the rows), so every loop over the data ends;
  *   - the result is 1 or negative, 1 only after the header sink, and no
  *     tracked block is left behind.
  * The header sink refuses (-1, as the library's sink would for lack of
- * memory) pictures over 256 KiB or wider than 2^16 pixels, so that runs are
- * not spent on huge declared sizes.
+ * memory) pictures over FuzzBlockLimit of the input or wider than 2^16
+ * pixels, so that runs are not spent on huge declared sizes.
  */
 #include <stdint.h>
 #include <stdio.h>
@@ -29,6 +30,7 @@
 #include "core/bytes.h"
 #include "core/dib.h"
 #include "core/imgio.h"
+#include "fuzz/fuzz_support.h"
 
 typedef struct FuzzSinks {
     int headerCalls;
@@ -36,7 +38,7 @@ typedef struct FuzzSinks {
     int bits;
     uint32_t stride;
     int64_t deliveries;
-    uint32_t checksum;
+    uint64_t blockLimit;
 } FuzzSinks;
 
 static void Fail(const char *what)
@@ -68,9 +70,8 @@ static int FuzzHeader(const uint8_t *h, void *context)
     s->stride = (uint32_t)stride;
     if (GetLE32(h + 20) != s->stride * (uint32_t)s->height)
         Fail("biSizeImage is not stride * height");
-    for (int i = 0; i < IMG_HEADER_BLOCK_SIZE; i++)
-        s->checksum += h[i]; /* the whole 1064-byte block is the reader's */
-    if (stride * (uint64_t)s->height > (256u << 10) || s->width > (1 << 16))
+    FuzzCheckReadable("fuzz_bmp", h, IMG_HEADER_BLOCK_SIZE); /* the whole block is the reader's */
+    if (stride * (uint64_t)s->height > s->blockLimit || s->width > (1 << 16))
         return -1;
     return 1;
 }
@@ -86,8 +87,7 @@ static int FuzzRow(const uint8_t *row, void *context, int rowIndex, int rowBytes
         Fail("row size neither the stride nor a record");
     if (++s->deliveries > (int64_t)s->height + 1)
         Fail("more deliveries than rows + 1");
-    for (int i = 0; i < rowBytes; i++)
-        s->checksum += row[i];
+    FuzzCheckReadable("fuzz_bmp", row, (size_t)rowBytes);
     return 0;
 }
 
@@ -103,6 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     FuzzSinks sinks;
     memset(&sinks, 0, sizeof sinks);
+    sinks.blockLimit = FuzzBlockLimit(size);
     int result = BmpRead(0, FuzzRow, &sinks, FuzzHeader, IMG_MEMORY_HANDLE);
     if (result != 1 && result >= 0)
         Fail("result neither 1 nor negative");

@@ -9,11 +9,13 @@
  *     height of at least 1 and a bit count of 1, 4, 8 or 24;
  *   - every row index lies in 0 .. height - 1; every row is the stride, or
  *     (1 bit) a run record of 4 .. RunRecordMaxBytes(width) + 16 bytes whose
- *     length word is its length; every byte handed over is read here;
+ *     length word is its length; every buffer handed over is readable
+ *     (fuzz/fuzz_support.h);
  *   - the result is 1 or negative, and no tracked block is left behind;
  * and once through the library (IMG_decompress_bitmap_mem_size), whose image
- * is deleted again.  The header sink refuses (-1) pictures over 1 MiB, so
- * that runs are not spent on huge declared sizes.
+ * is deleted again.  The header sink refuses (-1) pictures over
+ * FuzzBlockLimit of the input, so that runs are not spent on huge declared
+ * sizes, and only pictures it accepted are decoded through the library.
  */
 #include <stdint.h>
 #include <stdio.h>
@@ -26,12 +28,14 @@
 #include "core/imgapi.h"
 #include "core/imgio.h"
 #include "core/runs.h"
+#include "fuzz/fuzz_support.h"
 
 typedef struct {
     int headerCalls;
     int32_t width, height;
     uint32_t stride;
-    uint32_t checksum;
+    uint64_t blockLimit;
+    bool accepted;
 } FuzzSinks;
 
 static void Fail(const char *what)
@@ -54,10 +58,10 @@ static int FuzzHeader(const uint8_t *h, void *context)
         Fail("unsupported bit count reached the sink");
     uint64_t stride = DibStride((uint32_t)s->width, bits);
     s->stride = (uint32_t)stride;
-    for (int i = 0; i < IMG_HEADER_BLOCK_SIZE; i++)
-        s->checksum += h[i];
-    if (stride * (uint64_t)s->height > (1u << 20) || s->width > 65534)
+    FuzzCheckReadable("fuzz_tiff", h, IMG_HEADER_BLOCK_SIZE);
+    if (stride * (uint64_t)s->height > s->blockLimit || s->width > 65534)
         return -1;
+    s->accepted = true;
     return 1;
 }
 
@@ -76,8 +80,7 @@ static int FuzzRow(const uint8_t *row, void *context, int rowIndex, int rowBytes
         if (length != rowBytes)
             Fail("record length word differs from its size");
     }
-    for (int i = 0; i < rowBytes; i++)
-        s->checksum += row[i];
+    FuzzCheckReadable("fuzz_tiff", row, (size_t)rowBytes);
     return 0;
 }
 
@@ -95,6 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ImgSetMemorySourceSized(image, (uint32_t)size);
     FuzzSinks sinks;
     memset(&sinks, 0, sizeof sinks);
+    sinks.blockLimit = FuzzBlockLimit(size);
     uint32_t start = page ? (IMG_PAGE_FLAG | (uint32_t)page) : 0;
     int result = TiffRead(start, FuzzRow, &sinks, FuzzHeader, IMG_MEMORY_HANDLE);
     if (result != 1 && result >= 0)
@@ -106,8 +110,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ImgSetMemorySourceSized(image, (uint32_t)size);
     TiffCountPages(IMG_MEMORY_HANDLE);
 
-    /* Through the library, only for small declared pictures. */
-    if (sinks.headerCalls == 1 && (uint64_t)sinks.stride * (uint64_t)sinks.height <= (1u << 20)) {
+    /* Through the library, only for pictures the sinks accepted. */
+    if (sinks.accepted) {
         int32_t handle = IMG_decompress_bitmap_mem_size(image, (uint32_t)size, page);
         if (handle >= 0)
             IMG_delete_bitmap(handle);

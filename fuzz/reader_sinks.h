@@ -5,14 +5,15 @@
  *     40-byte header of width and height of at least 1, one plane, a bit
  *     count of 1, 4, 8 or 24 and biSizeImage = stride * height, under 2 GiB;
  *   - every row index lies in 0 .. height - 1 and comes at most once, no row
- *     follows a refused header, and every row is one stride long; every byte
- *     handed over is read, so ASan sees a row reaching outside its buffer;
+ *     follows a refused header, and every row is one stride long; every
+ *     buffer handed over is readable (fuzz/fuzz_support.h), so ASan sees a
+ *     row reaching outside its buffer;
  *   - the result is the success code or negative, success only after the
  *     header sink accepted the header, and no tracked block is left behind.
  * A target tightens these for its format with the options at the top of the
  * struct.  The header sink refuses (-1, as the library's sink would for lack
- * of memory) a biSizeImage over 256 KiB or a width over 2^16 pixels, so that
- * runs are not spent on huge declared sizes.
+ * of memory) a biSizeImage over FuzzBlockLimit of the input or a width over
+ * 2^16 pixels, so that runs are not spent on huge declared sizes.
  */
 #ifndef TRNW_FUZZ_READER_SINKS_H
 #define TRNW_FUZZ_READER_SINKS_H
@@ -27,6 +28,7 @@
 #include "core/contracts.h"
 #include "core/dib.h"
 #include "core/imgio.h"
+#include "fuzz/fuzz_support.h"
 
 struct FuzzReaderSinks {
     const char *target;
@@ -57,7 +59,7 @@ struct FuzzReaderSinks {
     uint32_t stride = 0;
     int64_t deliveries = 0;
     std::vector<bool> seen{}; /* the row indices delivered so far */
-    uint32_t checksum = 0;
+    uint64_t blockLimit = 0;  /* FuzzBlockLimit of the input */
     std::vector<uint8_t> image{}; /* the memory image, kept for calls after Run */
 
     [[noreturn]] void Fail(const char *what) const
@@ -89,9 +91,8 @@ struct FuzzReaderSinks {
                                   : "biSizeImage is not stride * height");
         if (s->checkHeader)
             s->checkHeader(h, *s);
-        for (int i = 0; i < IMG_HEADER_BLOCK_SIZE; i++)
-            s->checksum += h[i];
-        s->refused = block > (256u << 10) || s->width > (1 << 16);
+        FuzzCheckReadable(s->target, h, IMG_HEADER_BLOCK_SIZE);
+        s->refused = block > s->blockLimit || s->width > (1 << 16);
         if (s->refused)
             return -1;
         s->seen.assign((size_t)s->height, false);
@@ -116,8 +117,7 @@ struct FuzzReaderSinks {
         } else if ((uint32_t)rowBytes != s->stride && !(s->tiffRows && record)) {
             s->Fail("row size is not the stride");
         }
-        for (int i = 0; i < rowBytes; i++)
-            s->checksum += row[i];
+        FuzzCheckReadable(s->target, row, (size_t)rowBytes);
         return 0;
     }
 
@@ -125,6 +125,7 @@ struct FuzzReaderSinks {
     void Run(ImgReader reader, uint32_t start, const uint8_t *data, size_t size)
     {
         image.assign(data, data + size);
+        blockLimit = FuzzBlockLimit(size);
         ImgSetMemorySourceSized(image.data(), (uint32_t)size);
         int result = reader(start, Row, this, Header, IMG_MEMORY_HANDLE);
         if (result != successCode && result >= 0)

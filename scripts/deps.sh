@@ -9,7 +9,7 @@ packages=(
   libgtest-dev googletest
   gcc-mingw-w64-i686 g++-mingw-w64-i686 gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 binutils-mingw-w64-i686
   binutils-mingw-w64-x86-64 wine64
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev llvm-14
   imagemagick python3-pil
   libvips-tools
   libtiff-tools libtiff-dev netpbm
