@@ -56,6 +56,9 @@ if [[ ${#targets[@]} -eq 0 ]]; then
   exit 1
 fi
 
+# The image libraries the library links (Debian's libpng-dev, zlib1g-dev,
+# libjpeg62-turbo-dev).
+libs=(-lpng -lz -ljpeg)
 common=(-g -O1 -std=gnu++20 -Wall -Wextra -Werror -fno-omit-frame-pointer -fno-sanitize-recover=all
         -I . -I core)
 ignore=(-fsanitize-ignorelist=fuzz/ignorelist.txt -fsanitize-coverage-ignorelist=fuzz/ignorelist.txt)
@@ -140,7 +143,7 @@ run_target() {
   bin="$out/$name"
   exec >"$out/$name.report" 2>&1
   echo failed >"$out/$name.verdict"
-  "$cc" "${common[@]}" -fsanitize=fuzzer,address,undefined "$src" "${objects[@]}" -o "$bin" || return 0
+  "$cc" "${common[@]}" -fsanitize=fuzzer,address,undefined "$src" "${objects[@]}" "${libs[@]}" -o "$bin" || return 0
   echo "fuzz.sh: built $bin"
 
   # Regression inputs first: each runs once.
@@ -218,7 +221,7 @@ report_coverage() {
     name=$(basename "${src%.cpp}")
     rm -f "$dir/$name"
     throttle "$cc" "${common[@]}" -fsanitize=fuzzer "${flags[@]}" "$src" "${library_objects[@]}" \
-      -o "$dir/$name"
+      "${libs[@]}" -o "$dir/$name"
   done
   for pid in $(jobs -rp); do wait "$pid" || true; done
   for src in "${targets[@]}"; do
