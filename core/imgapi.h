@@ -237,6 +237,11 @@ IMGEXPORT int32_t IMGAPI IMGLOW_set_dispfunc(void *callback, int32_t value);
  * index); 0 = no limit, the setting at start; a negative value gives
  * IMG_ERR_TYPE.  Returns the previous limit. */
 IMGEXPORT int32_t IMGAPI IMGLOW_set_decode_limit(int32_t megabytes);
+/* extension: the colour (0x00RRGGBB) that decodes composite alpha over (a
+ * PNG's alpha channel or partly transparent palette entries); white,
+ * 0xFFFFFF, at start.  Returns the previous colour; a value above 0xFFFFFF
+ * gives IMG_ERR_TYPE and keeps it. */
+IMGEXPORT int32_t IMGAPI IMGLOW_set_alpha_background(uint32_t colour);
 
 /* ---- Saving ---- */
 IMGEXPORT int32_t IMGAPI IMG_save_bitmap(int32_t handle, const char *path, int32_t type);

@@ -12,6 +12,7 @@
 #include "formats/fax.h"
 #include "formats/gif.h"
 #include "formats/pcx.h"
+#include "formats/png.h"
 #include "formats/signatures.h"
 #include "formats/tga.h"
 #include "formats/tiff_read.h"

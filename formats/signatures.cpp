@@ -22,7 +22,6 @@ bool Starts(const uint8_t *b, const char *bytes, size_t n)
 
 bool ProbeJpg(ImgDetectBytes &s) { return Starts(s.b, "\xFF\xD8", 2); }
 bool ProbeWpg(ImgDetectBytes &s) { return Starts(s.b + 1, "WPC", 3); }
-bool ProbePng(ImgDetectBytes &s) { return Starts(s.b + 1, "PNG", 3); }
 bool ProbeKfx(ImgDetectBytes &s) { return Starts(s.b, ".KF", 3); }
 bool ProbeIff(ImgDetectBytes &s) { return Starts(s.b, "FORM", 4); }
 bool ProbeGx2(ImgDetectBytes &s) { return Starts(s.b, "GX2", 3); }
@@ -104,7 +103,6 @@ bool ProbeMac(ImgDetectBytes &s)
 
 constexpr ImgTypeEntry kJpg[] = {{IMG_TYPE_JPG, "JPEG", nullptr}};
 constexpr ImgTypeEntry kWpg[] = {{IMG_TYPE_WPG, "WordPerfect graphics", nullptr}};
-constexpr ImgTypeEntry kPng[] = {{IMG_TYPE_PNG, "PNG", nullptr}};
 constexpr ImgTypeEntry kKfx[] = {{IMG_TYPE_KFX, "KFX", nullptr}};
 constexpr ImgTypeEntry kIff[] = {{IMG_TYPE_IFF, "IFF", nullptr}};
 constexpr ImgTypeEntry kGx2[] = {{IMG_TYPE_GX2, "GX2", nullptr}};
@@ -134,7 +132,6 @@ constexpr ImgTypeEntry kMca[] = {{IMG_TYPE_MCA, "MCA", nullptr}};
  * leading point, so a path's last three characters never select them. */
 const ImgFormat kJpgFormat = {"jpg", "jpg", 13, ProbeJpg, nullptr, nullptr, nullptr, false, kJpg};
 const ImgFormat kWpgFormat = {"wpg", "wpg", 5, ProbeWpg, nullptr, nullptr, nullptr, false, kWpg};
-const ImgFormat kPngFormat = {"png", "png", 43, ProbePng, nullptr, nullptr, nullptr, false, kPng};
 const ImgFormat kKfxFormat = {"kfx", nullptr, 23, ProbeKfx, nullptr, nullptr, nullptr, false, kKfx};
 const ImgFormat kIffFormat = {"iff", "iff", 26, ProbeIff, nullptr, nullptr, nullptr, false, kIff};
 const ImgFormat kGx2Format = {"gx2", nullptr, 22, ProbeGx2, nullptr, nullptr, nullptr, false, kGx2};

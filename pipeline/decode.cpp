@@ -21,6 +21,7 @@
 #include "core/runs.h"
 #include "color/default_palette.h"
 #include "color/dither.h"
+#include "formats/png.h"
 
 /* Decode-time settings: process-wide, persistent, all 0 at start. */
 static int32_t reductionBits;
@@ -696,6 +697,15 @@ int32_t IMGAPI IMGLOW_set_decode_limit(int32_t megabytes)
         int32_t previous = decodeLimit;
         decodeLimit = megabytes;
         return previous;
+    });
+}
+
+int32_t IMGAPI IMGLOW_set_alpha_background(uint32_t colour)
+{
+    return Guarded([&]() -> int32_t {
+        if (colour > 0xFFFFFF)
+            return IMG_ERR_TYPE;
+        return (int32_t)PngSetAlphaBackground(colour);
     });
 }
 

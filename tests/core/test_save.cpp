@@ -355,7 +355,7 @@ TEST_F(Save, EveryWriterReportsAFailedWriteOrAllocation)
         {IMG_TYPE_TIFF_PACKBITS, 1}, {IMG_TYPE_TIFF_HUFFMAN, 1},  {IMG_TYPE_PCX, 4},            {IMG_TYPE_DCX, 8},
         {IMG_TYPE_TGA, 8},          {IMG_TYPE_TGA2, 24},          {IMG_TYPE_GIF, 8},            {IMG_TYPE_GIF_INTERLACED, 4},
         {IMG_TYPE_XBM, 1},          {IMG_TYPE_XPM, 8},            {IMG_TYPE_CALS, 1},           {IMG_TYPE_FAX_G3, 1},
-        {IMG_TYPE_FAX_G4_B, 1}};
+        {IMG_TYPE_FAX_G4_B, 1},     {IMG_TYPE_PNG, 8},            {IMG_TYPE_PNG, 24}};
     IMGLOW_set_fileio(FakeRead, FakeWrite, FakeSeek);
     for (auto [type, bits] : types) {
         SCOPED_TRACE(type);

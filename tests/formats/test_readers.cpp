@@ -21,6 +21,7 @@ const ReaderCase kReaders[] = {
     {"Tga8", IMG_TYPE_TGA, 8},                 {"EpsTiffPreview8", IMG_TYPE_TIFF_LZW, 8, true},
     {"Xbm", IMG_TYPE_XBM, 1},                  {"Gif4", IMG_TYPE_GIF, 4},
     {"Gif4Interlaced", IMG_TYPE_GIF_INTERLACED, 4},
+    {"Png4", IMG_TYPE_PNG, 4},                 {"Png24", IMG_TYPE_PNG, 24},
 };
 
 class EveryReader : public TrnwTest, public ::testing::WithParamInterface<ReaderCase> {};

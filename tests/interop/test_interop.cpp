@@ -2,7 +2,7 @@
  * test_interop.cpp - the library against independent imaging tools:
  * libtiff's tools (tiffcp, tiffinfo, tiff2pdf, fax2tiff), ImageMagick's
  * convert, netpbm, vips, Pillow, Ghostscript, epstool and giflib's tools
- * (gifbuild, gif2rgb).
+ * (gifbuild, gif2rgb) and pngcheck.
  *
  * Writing: a picture built through the public API is saved in each format and
  * depth we write, and a tool decodes the file to the picture's pixels (or,
@@ -155,6 +155,15 @@ const WriteCase kWrites[] = {
     {"GifMagick8", IMG_TYPE_GIF, 8, 300, 200, false, "convert", kMagick},
     {"GifGiflibInterlaced4", IMG_TYPE_GIF_INTERLACED, 4, 31, 17, false, "gif2rgb", kGif2rgb},
     {"GifGiflibInterlaced8", IMG_TYPE_GIF_INTERLACED, 8, 300, 200, false, "gif2rgb", kGif2rgb},
+    // PNG: grey and palette at each depth we write, RGB
+    {"Png1Pillow", IMG_TYPE_PNG, 1, 77, 23, false, "python3", kPillow},
+    {"Png4GreyMagick", IMG_TYPE_PNG, 4, 31, 9, true, "convert", kMagick},
+    {"Png4Pillow", IMG_TYPE_PNG, 4, 31, 9, false, "python3", kPillow},
+    {"Png8GreyPillow", IMG_TYPE_PNG, 8, 30, 11, true, "python3", kPillow},
+    {"Png8Magick", IMG_TYPE_PNG, 8, 30, 11, false, "convert", kMagick},
+    {"Png24Pillow", IMG_TYPE_PNG, 24, 33, 17, false, "python3", kPillow},
+    {"Png4Check", IMG_TYPE_PNG, 4, 31, 9, false, "pngcheck", "pngcheck -q '{in}'"},
+    {"Png8GreyCheck", IMG_TYPE_PNG, 8, 30, 11, true, "pngcheck", "pngcheck -q '{in}'"},
     {"GifPillowInterlaced4", IMG_TYPE_GIF_INTERLACED, 4, 31, 9, false, "python3", kPillow},
     {"GifNetpbm8", IMG_TYPE_GIF, 8, 33, 17, false, "giftopnm", "giftopnm '{in}' > '{out}'"},
 };
@@ -293,6 +302,27 @@ const ReadCase kReads[] = {
      PILLOW_SAVE(", save_all=True, append_images=[Image.open('{in}').rotate(180)]"), "gif"},
     {"NetpbmGif8", 8, false, "pamtogif", "pamtogif '{in}' > '{out}'", "gif"},
     {"NetpbmGifInterlaced4", 4, false, "pamtogif", "pamtogif -interlace '{in}' > '{out}'", "gif"},
+    // PNG of every colour type and depth: 2 bits from the bilevel picture, 16
+    // bits from 8 (v * 257), alpha opaque.
+#define MAGICK_PNG(type, depth, more) "{convert} '{in}' -define png:color-type=" #type " -define png:bit-depth=" #depth more " '{out}'"
+#define PILLOW_PNG(how, options) "/usr/bin/python3 -c \"from PIL import Image; Image.open('{in}')" how ".save('{out}'" options ")\""
+    {"MagickPngGrey1", 1, false, "convert", MAGICK_PNG(0, 1, ""), "png"},
+    {"MagickPngGrey2", 1, false, "convert", MAGICK_PNG(0, 2, ""), "png"},
+    {"MagickPngGrey4", 4, true, "convert", MAGICK_PNG(0, 4, ""), "png"},
+    {"MagickPngGrey16", 8, true, "convert", MAGICK_PNG(0, 16, ""), "png"},
+    {"MagickPngPalette1", 1, false, "convert", MAGICK_PNG(3, 1, ""), "png"},
+    {"MagickPngPalette2", 1, false, "convert", MAGICK_PNG(3, 2, ""), "png"},
+    {"MagickPngPalette4", 4, false, "convert", "{convert} '{in}' -define png:bit-depth=4 'png8:{out}'", "png"},
+    {"MagickPngPalette8Interlaced", 8, false, "convert", MAGICK_PNG(3, 8, " -interlace PNG"), "png"},
+    {"MagickPngRgb48", 24, false, "convert", MAGICK_PNG(2, 16, ""), "png"},
+    {"MagickPngGreyAlpha16", 8, true, "convert", MAGICK_PNG(4, 16, ""), "png"},
+    {"MagickPngRgba32Interlaced", 24, false, "convert", MAGICK_PNG(6, 8, " -interlace PNG"), "png"},
+    {"MagickPngRgba64", 24, false, "convert", MAGICK_PNG(6, 16, ""), "png"},
+    {"PillowPngGrey8", 8, true, "python3", PILLOW_PNG("", ""), "png"},
+    {"PillowPngPalette4", 4, false, "python3", PILLOW_PNG(".convert('P', palette=Image.ADAPTIVE, colors=16)", ", bits=4"), "png"},
+    {"PillowPngPalette8", 8, false, "python3", PILLOW_PNG(".quantize(256)", ""), "png"},
+    {"PillowPngRgb24", 24, false, "python3", PILLOW_PNG("", ""), "png"},
+    {"PillowPngGreyAlpha", 8, true, "python3", PILLOW_PNG(".convert('LA')", ""), "png"},
 };
 
 class ToolFile : public TrnwTest, public ::testing::WithParamInterface<ReadCase> {};
