@@ -116,4 +116,24 @@ TEST(TrnwTool, BatchConvertsTheOthersAroundACorruptFile)
     std::filesystem::remove_all(out);
 }
 
+// A picture converted to .png and back is the same; info names the PNG's coding.
+TEST(TrnwTool, ConvertsThroughPngAndDescribesIt)
+{
+    const std::string tool = Tool();
+    if (tool.empty())
+        GTEST_SKIP() << "TRNW_TOOL names no built trnw";
+    const std::string bmp = TempPath("tool.bmp"), png = TempPath("tool.png"), back = TempPath("back.bmp");
+    const Picture picture = MakePicture(23, 9, 4, 2);
+    ASSERT_TRUE(WriteFile(bmp, Saved(picture, IMG_TYPE_BMP)));
+    EXPECT_EQ(RunTool(tool, "convert " + bmp + " " + png), 0);
+    EXPECT_EQ(RunTool(tool, "convert " + png + " " + back), 0);
+    EXPECT_EQ(RasterDiff(DecodeFile(back), picture.Rgb()), 0);
+    ASSERT_EQ(std::system(("\"" + tool + "\" info " + png + " > " + bmp).c_str()), 0);
+    const std::vector<uint8_t> info = ReadFile(bmp);
+    EXPECT_NE(std::string(info.begin(), info.end()).find("PNG: colour type 3 (palette), 4 bits a sample, not interlaced"),
+              std::string::npos);
+    for (const std::string &file : {bmp, png, back})
+        std::remove(file.c_str());
+}
+
 } // namespace

@@ -463,6 +463,19 @@ void PrintFurtherPages(const char *path, int32_t pages)
     }
 }
 
+/* "colour type 6 (RGB with alpha), 16 bits a sample, interlaced" from the
+ * IHDR chunk a PNG file starts with; "" when it has none. */
+std::string PngDetails(const std::vector<uint8_t> &data)
+{
+    static const char *const kColourTypes[] = {"grey", "", "RGB", "palette", "grey with alpha", "",
+                                               "RGB with alpha"};
+    if (data.size() < 29 || memcmp(data.data() + 12, "IHDR", 4) != 0 || data[25] > 6 || !*kColourTypes[data[25]])
+        return "";
+    return "colour type " + std::to_string(data[25]) + " (" + kColourTypes[data[25]] + "), " +
+           std::to_string(data[24]) + " bit" + Plural(data[24]) + " a sample, " +
+           (data[28] ? "interlaced" : "not interlaced");
+}
+
 int PrintFileInfo(const char *path)
 {
     int32_t type = IMGLOW_get_filetype(path);
@@ -481,6 +494,11 @@ int PrintFileInfo(const char *path)
     putchar('\n');
     if (pages > 1)
         PrintFurtherPages(path, pages);
+    if (type == IMG_TYPE_PNG) {
+        std::string details = PngDetails(ReadWholeFile(path));
+        if (!details.empty())
+            printf("  PNG: %s\n", details.c_str());
+    }
     return 0;
 }
 
@@ -886,7 +904,8 @@ const Command kCommands[] = {
      RunVersion, 0, kAnyCount, {}},
     {{"info"},
      "  info FILE...         type, pages, size, depth and resolution of each file\n"
-     "                       (and of every further page of a multi-page file)\n",
+     "                       (and of every further page of a multi-page file; of a\n"
+     "                       PNG file its colour type, depth and interlacing)\n",
      RunInfo, 1, kAnyCount, {}},
     {{"convert"},
      "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
