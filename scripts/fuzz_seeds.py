@@ -254,6 +254,14 @@ def other_formats():
             lambda d=device: tool("epstool", "--add-tiff-preview", "--device", d, work("plain.eps"), work(d + ".eps")),
             device + ".eps")
     add("eps", "epstool_tiff4.eps", lambda: tool("epstool", "--add-tiff4-preview", work("plain.eps"), work("t4.eps")), "t4.eps")
+    # PNG: 2-bit grey, 4-bit palette, 16-bit RGBA interlaced, grey with alpha (Pillow adds
+    # 1-bit grey, a palette with tRNS and pHYs, RGB and 16-bit grey).
+    png = lambda base, out, *options: lambda: magick(work(base), *options, work(out))
+    add("png", "magick_grey2.png", png("bw.pbm", "g2.png", "-define", "png:color-type=0", "-define", "png:bit-depth=2"), "g2.png")
+    add("png", "magick_pal4.png", lambda: magick(work("pal16.ppm"), "-define", "png:bit-depth=4", "png8:" + work("p4.png")), "p4.png")
+    add("png", "magick_rgba16_interlaced.png", png("rgb.ppm", "a16.png", "-define", "png:color-type=6",
+                                                    "-define", "png:bit-depth=16", "-interlace", "PNG"), "a16.png")
+    add("png", "magick_grey_alpha.png", png("grey8.pgm", "ga.png", "-define", "png:color-type=4"), "ga.png")
     # Raw fax: netpbm's Group 3 stream.
     add("fax", "netpbm.g3", lambda: tool("pbmtog3", work("fax.pbm"), stdout=work("n.g3")), "n.g3")
     return jobs
@@ -266,7 +274,7 @@ PLAIN_EPS = (b"%!PS-Adobe-3.0 EPSF-3.0\n%%BoundingBox: 0 0 24 16\n%%EndComments\
 
 def pillow_seeds():
     """Pillow's writers: TIFF with the CCITT run-length coding (compression 2), GIF with
-    extensions, Targa, BMP, PCX and XBM through a second, independent encoder."""
+    extensions, Targa, BMP, PCX, XBM and PNG through a second, independent encoder."""
     try:
         from PIL import Image
     except ImportError:
@@ -299,13 +307,17 @@ def pillow_seeds():
     save(bw, "pil_1bit.pcx")
     save(rgb, "pil_24bit.pcx")
     save(bw, "pil.xbm")
+    save(bw, "pil_1bit.png")
+    save(pal, "pil_pal_trns_phys.png", transparency=3, dpi=(300, 150))
+    save(rgb, "pil_rgb.png")
+    save(grey.convert("I").point(lambda v: v * 257), "pil_grey16.png")
 
 
 PILLOW_SEEDS = {"tiff": ["pil_ccitt.tif"],
                 "gif": ["pil_16_plain.gif", "pil_16_frames.gif", "pil_2colours.gif", "pil_4colours.gif"],
                 "tga": ["pil_grey_rle.tga", "pil_cmap.tga", "pil_32_top_first.tga"],
                 "bmp": ["pil_1bit.bmp", "pil_8bit.bmp", "pil_32bit.bmp"], "pcx": ["pil_1bit.pcx", "pil_24bit.pcx"],
-                "xbm": ["pil.xbm"]}
+                "xbm": ["pil.xbm"], "png": ["pil_1bit.png", "pil_pal_trns_phys.png", "pil_rgb.png", "pil_grey16.png"]}
 
 
 # ---- the targets' inputs ----
@@ -390,7 +402,7 @@ def codec_seeds():
                  bytes([op, depth, 23, 15, bits, count, use, 0]))
 
 
-PREFIX = {"tiff": b"\0\0", "gif": b"\0", "dcx": b"\0"}  # byte 0 (and 1) pick the page
+PREFIX = {"tiff": b"\0\0", "gif": b"\0", "dcx": b"\0", "png": b"\0"}  # byte 0 (and 1) pick the page; png's the background
 
 
 def gather():

@@ -1,0 +1,140 @@
+/*
+ * bench_png - PNG decoding through our pipeline beside libpng called
+ * directly, on the same file in the same run: a 2000 x 1500 photograph-like
+ * picture (smooth shapes and a little noise, as bench_gif), 24-bit, written
+ * as an RGB PNG at zlib level 6 by our writer.
+ *
+ *   ours:   IMG_decompress_bitmap_mem_size, the public decode: the image
+ *           allocated, every row through the reader and the library's sink;
+ *   libpng: png_read_image from memory into a block allocated for the
+ *           picture, as blue, green, red (png_set_bgr), the order we hold.
+ *
+ * The median of several runs; the ratio is libpng's time over ours (1: the
+ * pipeline costs nothing beside libpng's decoding).  Both decodings are
+ * checked against each other.  No timing is asserted.
+ */
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <png.h>
+
+#include "bench_common.h"
+#include "core/bytes.h"
+#include "core/imgapi.h"
+#include "core/imgio.h"
+
+constexpr int WIDTH = 2000, HEIGHT = 1500, RUNS = 9;
+constexpr size_t ROW = (size_t)WIDTH * 3;
+constexpr uint32_t FILE_ROOM = 16u << 20;
+
+/* The photograph as a bottom-up 24-bit DIB in a block of the library's. */
+static uint8_t *MakePhotograph(void)
+{
+    uint8_t *dib = static_cast<uint8_t *>(ImgAlloc(40 + ROW * HEIGHT));
+    if (!dib)
+        return NULL;
+    memset(dib, 0, 40);
+    PutLE32(dib, 40), PutLE32(dib + 4, WIDTH), PutLE32(dib + 8, HEIGHT);
+    PutLE16(dib + 12, 1), PutLE16(dib + 14, 24);
+    uint32_t seed = 12345;
+    for (int y = 0; y < HEIGHT; y++)
+        for (int x = 0; x < WIDTH; x++)
+            for (int c = 0; c < 3; c++) {
+                int cx = x - 700 - 200 * c, cy = y - 600;
+                int v = 60 + (int)((uint32_t)(cx * cx + cy * cy) / 9000 % 150) + (x / 16 + y / 24) % 30;
+                if (BenchRandom(&seed) % 4 == 0)
+                    v += (int)(BenchRandom(&seed) % 5) - 2;
+                dib[40 + (size_t)(HEIGHT - 1 - y) * ROW + (size_t)x * 3 + (2 - c)] =
+                    (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v);
+            }
+    return dib;
+}
+
+struct Memory {
+    const uint8_t *data;
+    size_t size, position;
+};
+
+static void MemoryRead(png_structp png, png_bytep out, size_t count)
+{
+    Memory *m = static_cast<Memory *>(png_get_io_ptr(png));
+    if (count > m->size - m->position)
+        png_error(png, "short");
+    memcpy(out, m->data + m->position, count);
+    m->position += count;
+}
+
+/* libpng alone into a new block of the picture's rows: seconds, or -1. */
+static double LibpngDecode(const uint8_t *file, size_t size, uint8_t **picture)
+{
+    static png_bytep rows[HEIGHT];
+    Memory m = {file, size, 0};
+    double t0 = BenchNow();
+    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, NULL, NULL, NULL);
+    png_infop info = png ? png_create_info_struct(png) : NULL;
+    uint8_t *block = static_cast<uint8_t *>(malloc(ROW * HEIGHT));
+    if (!info || !block || setjmp(png_jmpbuf(png))) {
+        png_destroy_read_struct(&png, &info, NULL);
+        free(block);
+        return -1;
+    }
+    png_set_read_fn(png, &m, MemoryRead);
+    png_read_info(png, info);
+    png_set_bgr(png);
+    png_read_update_info(png, info);
+    for (int y = 0; y < HEIGHT; y++)
+        rows[y] = block + (size_t)y * ROW;
+    png_read_image(png, rows);
+    png_destroy_read_struct(&png, &info, NULL);
+    double t = BenchNow() - t0;
+    free(*picture);
+    *picture = block;
+    return t;
+}
+
+/* The public decode: seconds, or -1 when it fails or differs from libpng's rows. */
+static double OursDecode(uint8_t *file, uint32_t size, const uint8_t *picture)
+{
+    double t0 = BenchNow();
+    int32_t handle = IMG_decompress_bitmap_mem_size(file, size, 0);
+    double t = BenchNow() - t0;
+    if (handle < 0)
+        return -1;
+    static uint8_t row[ROW];
+    bool same = true;
+    for (int y = 0; y < HEIGHT && same; y += 97)
+        same = IMGLOW_get_raster(handle, row, y, (int32_t)ROW) >= 0 && memcmp(row, picture + (size_t)y * ROW, ROW) == 0;
+    IMG_delete_bitmap(handle);
+    return same ? t : -1;
+}
+
+int main(void)
+{
+    uint8_t *photo = MakePhotograph();
+    int32_t handle = photo ? IMG_create_handle_keep(photo) : -1;
+    uint8_t *file = static_cast<uint8_t *>(malloc(FILE_ROOM)), *picture = NULL;
+    int32_t size = handle >= 0 && file ? IMG_save_bitmap_mem_size(handle, file, FILE_ROOM, IMG_TYPE_PNG) : -1;
+    if (size <= 0 || (uint32_t)size >= FILE_ROOM) {
+        fprintf(stderr, "bench_png: cannot make the picture's PNG\n");
+        return 1;
+    }
+    double ours[RUNS], theirs[RUNS];
+    bool bad = false;
+    for (int run = 0; run < RUNS; run++) {
+        theirs[run] = LibpngDecode(file, (size_t)size, &picture);
+        ours[run] = theirs[run] < 0 ? -1 : OursDecode(file, (uint32_t)size, picture);
+        bad |= theirs[run] < 0 || ours[run] < 0;
+    }
+    printf("bench_png: %d x %d photograph-like picture, RGB PNG of %d bytes (zlib level 6), median of %d runs\n",
+           WIDTH, HEIGHT, size, RUNS);
+    double o = BenchMedian(ours, RUNS), t = BenchMedian(theirs, RUNS);
+    printf("  decode, public API %8.2f ms  libpng alone %8.2f ms  libpng/trnw %.2f\n", o * 1e3, t * 1e3, t / o);
+    printf("  decodings equal: %s\n", bad ? "NO" : "yes");
+    IMG_delete_bitmap_keep(handle);
+    ImgFree(photo);
+    free(file);
+    free(picture);
+    return bad;
+}
