@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "core/guard.h"
+#include "core/codec_settings.h"
 #include "core/contracts.h"
 #include "pipeline/decode.h"
 #include "core/dib.h"
@@ -19,13 +20,7 @@
 #include "pipeline/detect.h"
 #include "core/runs.h"
 
-static int32_t compressionQuality = 75;
 static int32_t safeSave; /* IMGLOW_set_safe_save: off at start */
-
-int32_t ImgCompressionQuality(void)
-{
-    return compressionQuality;
-}
 
 void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, uint8_t *table)
 {
@@ -309,7 +304,7 @@ int32_t IMGAPI IMGLOW_set_safe_save(int32_t on)
 int32_t IMGAPI IMGLOW_set_comp_quality(int32_t quality)
 {
     return Guarded([&]() -> int32_t {
-        compressionQuality = quality;
+        ImgSetCompressionQuality(quality);
         return 0;
     });
 }

@@ -30,7 +30,4 @@ void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, u
 /* The library's row source. */
 int ImgLibraryRowSource(void *sourceContext, uint8_t *buffer, int rowIndex, int rowBytes);
 
-/* The quality last set by IMGLOW_set_comp_quality, for the JPEG encoder. */
-int32_t ImgCompressionQuality(void);
-
 #endif /* TRNW_SAVE_H */
