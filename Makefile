@@ -34,6 +34,7 @@ bench: build
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 	@./build/bin/bench_tga
 	@if [ -x ./build/bin/bench_gif ]; then ./build/bin/bench_gif; else echo "bench_gif: not built (libgif-dev missing)"; fi
+	@./build/bin/bench_jpeg
 	@bash bench/bench_batch.sh
 
 fuzz: deps

@@ -342,6 +342,9 @@ int DecodeImage(Decoder &d, const ImageSinks &sinks)
     Colour colour = ChooseOutput(c);
     c.scale_num = 1;
     c.scale_denom = ReductionFor(c.image_width, c.image_height);
+    /* A reduced picture is scaled further by the pipeline: plain chroma
+     * upsampling serves it as well and takes a third off the decode. */
+    c.do_fancy_upsampling = c.scale_denom == 1;
     jpeg_calc_output_dimensions(&c);
     int bits = colour == Colour::Grey ? 8 : 24;
     uint64_t stride = DibStride(c.output_width, bits), pixelBytes;

@@ -59,6 +59,7 @@ fi
 common=(-g -O1 -std=gnu++20 -Wall -Wextra -Werror -fno-omit-frame-pointer -fno-sanitize-recover=all
         -I . -I core)
 ignore=(-fsanitize-ignorelist=fuzz/ignorelist.txt -fsanitize-coverage-ignorelist=fuzz/ignorelist.txt)
+libs=(-ljpeg) # the libraries the library links
 mkdir -p "$out/obj" "$out/corpus" "$out/artifacts"
 
 # A check that libFuzzer is there, with a clear message when it is not.
@@ -140,7 +141,7 @@ run_target() {
   bin="$out/$name"
   exec >"$out/$name.report" 2>&1
   echo failed >"$out/$name.verdict"
-  "$cc" "${common[@]}" -fsanitize=fuzzer,address,undefined "$src" "${objects[@]}" -o "$bin" || return 0
+  "$cc" "${common[@]}" -fsanitize=fuzzer,address,undefined "$src" "${objects[@]}" "${libs[@]}" -o "$bin" || return 0
   echo "fuzz.sh: built $bin"
 
   # Regression inputs first: each runs once.
@@ -217,7 +218,7 @@ report_coverage() {
   for src in "${targets[@]}"; do
     name=$(basename "${src%.cpp}")
     rm -f "$dir/$name"
-    throttle "$cc" "${common[@]}" -fsanitize=fuzzer "${flags[@]}" "$src" "${library_objects[@]}" \
+    throttle "$cc" "${common[@]}" -fsanitize=fuzzer "${flags[@]}" "$src" "${library_objects[@]}" "${libs[@]}" \
       -o "$dir/$name"
   done
   for pid in $(jobs -rp); do wait "$pid" || true; done

@@ -3,6 +3,8 @@
 // and broken streams; the JPEG streams inside TIFF, BMP and Targa files.
 #include "support/support.h"
 
+#include <numeric>
+
 namespace {
 
 // A smooth picture, which JPEG codes closely: gradients at 24 and 32 bits;
@@ -24,11 +26,11 @@ Picture Smooth(int w, int h, int bits, bool grey = false)
     return p;
 }
 
-// The header and rows a reader hands over, and its result, for a stream in
-// a sized memory image.
+// What the reader hands over for a stream in a sized memory image: its
+// result, the header's height and resolution, the row indices in order.
 struct Delivery {
-    int32_t result = 0, width = 0, height = 0, bits = 0, x = 0, y = 0;
-    std::vector<int> rows; // row indices in order of delivery
+    int32_t result = 0, height = 0, x = 0, y = 0;
+    std::vector<int> rows;
 };
 
 Delivery ReadStream(const std::vector<uint8_t> &jpeg)
@@ -36,8 +38,7 @@ Delivery ReadStream(const std::vector<uint8_t> &jpeg)
     Delivery d;
     auto header = [](const uint8_t *h, void *c) {
         Delivery *d = static_cast<Delivery *>(c);
-        d->width = (int32_t)GetLE32(h + 4), d->height = (int32_t)GetLE32(h + 8), d->bits = GetLE16(h + 14);
-        d->x = (int32_t)GetLE32(h + 24), d->y = (int32_t)GetLE32(h + 28);
+        d->height = (int32_t)GetLE32(h + 8), d->x = (int32_t)GetLE32(h + 24), d->y = (int32_t)GetLE32(h + 28);
         return 1;
     };
     auto row = [](const uint8_t *, void *c, int index, int) {
@@ -64,17 +65,15 @@ using JpegWriter = TrnwTest;
 // grey, else through it as colour; 1, 4 and 16 bits refused.
 TEST_F(JpegWriter, EachDepthTakesItsWay)
 {
-    struct Case {
-        int bits;
-        bool grey;
-        int32_t status;
-        int readBits;
-    } cases[] = {{24, false, 0, 24}, {32, false, 0, 24}, {8, true, 0, 8}, {8, false, 0, 24},
-                 {1, false, IMG_ERR_DEPTH, 0}, {4, false, IMG_ERR_DEPTH, 0}, {16, false, IMG_ERR_DEPTH, 0}};
+    struct Case { int bits; bool grey; int32_t status; int readBits; } cases[] = {
+        {24, false, 0, 24}, {32, false, 0, 24}, {8, true, 0, 8}, {8, false, 0, 24},
+        {1, false, IMG_ERR_DEPTH, 0}, {4, false, IMG_ERR_DEPTH, 0}, {16, false, IMG_ERR_DEPTH, 0}};
+    int32_t status = 0;
+    Saved(RandomPicture(8, 8, 4, 1), IMG_TYPE_TIFF_JPEG, &status); // type 40 as well
+    EXPECT_EQ(status, IMG_ERR_DEPTH);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.bits);
         Picture p = c.bits == 8 || c.bits >= 24 ? Smooth(64, 48, c.bits, c.grey) : RandomPicture(64, 48, c.bits, 1);
-        int32_t status = 0;
         std::vector<uint8_t> file = Saved(p, IMG_TYPE_JPG, &status);
         if (c.status < 0) {
             EXPECT_EQ(status, c.status);
@@ -98,18 +97,12 @@ TEST_F(JpegWriter, QualityAndDensity)
     IMGLOW_set_comp_quality(75);
     EXPECT_EQ(Saved(p, IMG_TYPE_JPG), standard);
     IMGLOW_set_comp_quality(20);
-    size_t low = Saved(p, IMG_TYPE_JPG).size();
-    IMGLOW_set_comp_quality(95);
-    EXPECT_LT(low, standard.size());
-    EXPECT_GT(Saved(p, IMG_TYPE_JPG).size(), standard.size());
-    IMGLOW_set_comp_quality(75);
+    EXPECT_LT(Saved(p, IMG_TYPE_JPG).size(), standard.size());
 
     TestDib dib(16, 8, 24);
     PutLE32(dib.block + 24, 300), PutLE32(dib.block + 28, 150);
-    int32_t h = IMG_create_handle_keep(dib.block);
-    Delivery d = ReadStream(SavedImage(h, IMG_TYPE_JPG));
-    EXPECT_EQ(d.x, 300);
-    EXPECT_EQ(d.y, 150);
+    Delivery d = ReadStream(SavedImage(IMG_create_handle_keep(dib.block), IMG_TYPE_JPG));
+    EXPECT_EQ(std::make_pair(d.x, d.y), std::make_pair(300, 150));
 }
 
 using JpegReader = TrnwTest;
@@ -151,8 +144,7 @@ TEST_F(JpegReader, ResolutionFromJfifOrExif)
         f.insert(f.begin() + 20, c.app1.begin(), c.app1.end());
         Delivery d = ReadStream(f);
         EXPECT_EQ(d.result, 1);
-        EXPECT_EQ(d.x, c.dpiX);
-        EXPECT_EQ(d.y, c.dpiY);
+        EXPECT_EQ(std::make_pair(d.x, d.y), std::make_pair(c.dpiX, c.dpiY));
     }
 }
 
@@ -162,19 +154,15 @@ TEST_F(JpegReader, ResolutionFromJfifOrExif)
 TEST_F(JpegReader, FixedSizeDecodesReducedFirst)
 {
     std::vector<uint8_t> file = Saved(Smooth(800, 600, 24), IMG_TYPE_JPG);
-    struct Case {
-        int32_t width, height, readerHeight, outWidth, outHeight;
-    } cases[] = {{100, 75, 75, 100, 75},   {101, 75, 150, 101, 75}, {400, 300, 300, 400, 300},
+    struct Case { int32_t width, height, readerHeight, outWidth, outHeight; } cases[] = {{100, 75, 75, 100, 75},   {101, 75, 150, 101, 75}, {400, 300, 300, 400, 300},
                  {401, 300, 600, 401, 300}, {900, 300, 600, 800, 600}};
     IMG_set_statusbar(0, RecordTotal, 1);
     for (const Case &c : cases) {
         SCOPED_TRACE(c.width);
         IMGLOW_set_decompsize(c.width, c.height);
-        int32_t status = 0;
-        Raster r = DecodeMemory(file, &status);
+        Raster r = DecodeMemory(file);
         EXPECT_EQ(progressTotal, c.readerHeight);
-        EXPECT_EQ(r.width, c.outWidth);
-        EXPECT_EQ(r.height, c.outHeight);
+        EXPECT_EQ(std::make_pair(r.width, r.height), std::make_pair(c.outWidth, c.outHeight));
     }
     // A decode into the caller's sinks sees the whole picture.
     EXPECT_EQ(ReadStream(file).height, 600);
@@ -190,10 +178,10 @@ TEST_F(JpegReader, CutAndBrokenStreams)
     Picture p = Smooth(64, 256, 24);
     std::vector<uint8_t> sequential = Saved(p, IMG_TYPE_JPG);
     Delivery whole = ReadStream(sequential);
+    std::vector<int> inOrder(256);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
     ASSERT_EQ(whole.result, 1);
-    ASSERT_EQ(whole.rows.size(), 256u);
-    for (int i = 0; i < 256; i++)
-        ASSERT_EQ(whole.rows[(size_t)i], i);
+    ASSERT_EQ(whole.rows, inOrder);
 
     size_t scan = 2;
     while (GetBE16(&sequential[scan]) != 0xFFDA)
@@ -252,7 +240,4 @@ TEST_F(JpegReader, StreamsInsideOtherFiles)
         int32_t status = 0;
         EXPECT_EQ(RasterDiff(DecodeMemory(file, &status), alone), 0) << status;
     }
-    int32_t status = 0;
-    Saved(RandomPicture(8, 8, 4, 1), IMG_TYPE_TIFF_JPEG, &status);
-    EXPECT_EQ(status, IMG_ERR_DEPTH);
 }
