@@ -50,4 +50,4 @@ sdk: deps
 	@bash scripts/sdk.sh
 
 clean:
-	rm -rf build build-asan build-win-i686 build-win-x86_64 build-fuzz out samples dist
+	rm -rf build build-asan build-win-i686 build-win-x86_64 build-win-deps build-fuzz out samples dist

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, the tests and the demo need.
+# Installs the Debian packages the build, the tests and the demo need
+# (the Windows builds' static libjpeg and libpng: scripts/win_deps.sh).
 # Idempotent and quiet: does nothing when everything is present, and runs
 # `apt-get update` once before installing what is missing.
 set -euo pipefail
@@ -15,6 +16,8 @@ packages=(
   libtiff-tools libtiff-dev netpbm
   libgif-dev giflib-tools ghostscript epstool
   dpkg-dev scdoc zip unzip lld python3-numpy python3-pytest
+  libpng-dev zlib1g-dev libjpeg62-turbo-dev libjpeg-turbo-progs pngcheck
+  nasm libz-mingw-w64-dev xz-utils
 )
 
 missing=()

@@ -56,10 +56,12 @@ if [[ ${#targets[@]} -eq 0 ]]; then
   exit 1
 fi
 
+# The image libraries the library links (Debian's libpng-dev, zlib1g-dev,
+# libjpeg62-turbo-dev).
+libs=(-lpng -lz -ljpeg)
 common=(-g -O1 -std=gnu++20 -Wall -Wextra -Werror -fno-omit-frame-pointer -fno-sanitize-recover=all
         -I . -I core)
 ignore=(-fsanitize-ignorelist=fuzz/ignorelist.txt -fsanitize-coverage-ignorelist=fuzz/ignorelist.txt)
-libs=(-ljpeg) # the libraries the library links
 mkdir -p "$out/obj" "$out/corpus" "$out/artifacts"
 
 # A check that libFuzzer is there, with a clear message when it is not.
@@ -218,8 +220,8 @@ report_coverage() {
   for src in "${targets[@]}"; do
     name=$(basename "${src%.cpp}")
     rm -f "$dir/$name"
-    throttle "$cc" "${common[@]}" -fsanitize=fuzzer "${flags[@]}" "$src" "${library_objects[@]}" "${libs[@]}" \
-      -o "$dir/$name"
+    throttle "$cc" "${common[@]}" -fsanitize=fuzzer "${flags[@]}" "$src" "${library_objects[@]}" \
+      "${libs[@]}" -o "$dir/$name"
   done
   for pid in $(jobs -rp); do wait "$pid" || true; done
   for src in "${targets[@]}"; do

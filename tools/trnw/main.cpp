@@ -1,6 +1,7 @@
 /*
  * trnw - the command-line tool over libtrnw6w95.  It uses the public
- * interface only (core/imgapi.h).
+ * interface only (core/imgapi.h); `version` also names the libpng, zlib and
+ * libjpeg the build links.
  *
  * Each command is a row of kCommands (names, usage text, handler, how many
  * positional arguments it takes, which options it reads); the usage text is
@@ -34,6 +35,10 @@
 #else
 #include <unistd.h>
 #endif
+
+#include <jpeglib.h>
+#include <png.h>
+#include <zlib.h>
 
 #include "imgapi.h"
 #include "jpeg_info.h"
@@ -334,6 +339,10 @@ int RunVersion(const Arguments &)
     int32_t major, minor;
     IMG_ifl_version(&major, &minor);
     printf("trnw %d.%d (libtrnw6w95)\n", major, minor);
+    const int jpeg = LIBJPEG_TURBO_VERSION_NUMBER;
+    printf("with libpng %s, zlib %s, libjpeg-turbo %d.%d.%d (libjpeg %d.%d)\n", png_get_libpng_ver(nullptr),
+           zlibVersion(), jpeg / 1000000, jpeg / 1000 % 1000, jpeg % 1000, JPEG_LIB_VERSION / 10,
+           JPEG_LIB_VERSION % 10);
     return 0;
 }
 
