@@ -7,6 +7,7 @@
  */
 #include "jpeg_info.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -83,10 +84,13 @@ std::string JpegDetails(const std::vector<uint8_t> &data)
     }
     if (!frame.process)
         return "";
-    std::string text = std::string(frame.process) + ", " + std::to_string(frame.ids.size()) +
-                       (frame.ids.size() == 1 ? " component, " : " components, ") +
-                       ColourSpace(frame, jfif, adobeTransform) + ", sampling";
-    for (uint8_t hv : frame.sampling)
-        text += " " + std::to_string(hv >> 4) + "x" + std::to_string(hv & 15);
+    char part[64];
+    snprintf(part, sizeof part, "%s, %d component%s, %s, sampling", frame.process, (int)frame.ids.size(),
+             frame.ids.size() == 1 ? "" : "s", ColourSpace(frame, jfif, adobeTransform));
+    std::string text = part;
+    for (uint8_t hv : frame.sampling) {
+        snprintf(part, sizeof part, " %dx%d", hv >> 4, hv & 15);
+        text += part;
+    }
     return text;
 }
