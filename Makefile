@@ -35,6 +35,7 @@ bench: build
 	@./build/bin/bench_tga
 	@if [ -x ./build/bin/bench_gif ]; then ./build/bin/bench_gif; else echo "bench_gif: not built (libgif-dev missing)"; fi
 	@./build/bin/bench_png
+	@./build/bin/bench_jpeg
 	@bash bench/bench_batch.sh
 
 fuzz: deps

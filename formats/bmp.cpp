@@ -16,6 +16,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include "codecs/jpeg.h"
 #include "core/bytes.h"
 #include "core/dib.h"
 #include "core/imgapi.h"
@@ -555,11 +556,13 @@ int BmpRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink
         BmpSeek(handle, start + offBits);
     else if (colorsUsed != 0)
         BmpSeek(handle, start + 4 * colorsUsed + BMP_INFO_SIZE);
-    /* 15. The JPEG decoder does not exist yet (the result is returned here
-     * without freeing the header block). */
+    /* 15. A JPEG stream at bfOffBits: the JPEG decoder reads it, header
+     * included, and its result is returned. */
     if (compression == BMP_COMPRESSION_JPEG) {
         ImgFreeTracked(h);
-        return IMG_ERR_COMPRESSION;
+        if ((uint64_t)start + offBits >= IMG_PAGE_FLAG)
+            return IMG_ERR_INVALID; /* hardening: beyond the 31-bit offsets */
+        return JpegRead(start + offBits, rowSink, sinkContext, headerSink, handle);
     }
     result = Decode(&s, compression);
     ImgFreeTracked(h);

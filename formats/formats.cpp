@@ -11,6 +11,7 @@
 #include "formats/eps.h"
 #include "formats/fax.h"
 #include "formats/gif.h"
+#include "formats/jpeg.h"
 #include "formats/pcx.h"
 #include "formats/png.h"
 #include "formats/signatures.h"

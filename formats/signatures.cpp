@@ -20,7 +20,6 @@ bool Starts(const uint8_t *b, const char *bytes, size_t n)
     return memcmp(b, bytes, n) == 0;
 }
 
-bool ProbeJpg(ImgDetectBytes &s) { return Starts(s.b, "\xFF\xD8", 2); }
 bool ProbeWpg(ImgDetectBytes &s) { return Starts(s.b + 1, "WPC", 3); }
 bool ProbeKfx(ImgDetectBytes &s) { return Starts(s.b, ".KF", 3); }
 bool ProbeIff(ImgDetectBytes &s) { return Starts(s.b, "FORM", 4); }
@@ -101,7 +100,6 @@ bool ProbeMac(ImgDetectBytes &s)
            (Starts(s.b, "PNT", 3) || Starts(s.b, "\x00\x00\x00\x00", 4));
 }
 
-constexpr ImgTypeEntry kJpg[] = {{IMG_TYPE_JPG, "JPEG", nullptr}};
 constexpr ImgTypeEntry kWpg[] = {{IMG_TYPE_WPG, "WordPerfect graphics", nullptr}};
 constexpr ImgTypeEntry kKfx[] = {{IMG_TYPE_KFX, "KFX", nullptr}};
 constexpr ImgTypeEntry kIff[] = {{IMG_TYPE_IFF, "IFF", nullptr}};
@@ -130,7 +128,6 @@ constexpr ImgTypeEntry kMca[] = {{IMG_TYPE_MCA, "MCA", nullptr}};
 /* Detection word, save extension, auto-detect flag, probe, subtype query,
  * reader, page counter, multi-page, types.  ".imt" and ".btr" carry a
  * leading point, so a path's last three characters never select them. */
-const ImgFormat kJpgFormat = {"jpg", "jpg", 13, ProbeJpg, nullptr, nullptr, nullptr, false, kJpg};
 const ImgFormat kWpgFormat = {"wpg", "wpg", 5, ProbeWpg, nullptr, nullptr, nullptr, false, kWpg};
 const ImgFormat kKfxFormat = {"kfx", nullptr, 23, ProbeKfx, nullptr, nullptr, nullptr, false, kKfx};
 const ImgFormat kIffFormat = {"iff", "iff", 26, ProbeIff, nullptr, nullptr, nullptr, false, kIff};

@@ -8,7 +8,7 @@
 
 #include "formats/format.h"
 
-extern const ImgFormat kJpgFormat, kWpgFormat, kKfxFormat, kIffFormat,
+extern const ImgFormat kJpgFormat, kWpgFormat, kPngFormat, kKfxFormat, kIffFormat,
     kGx2Format, kLsdFormat, kIcoFormat, kWmfFormat,
     kIcaFormat, kPcdFormat, kClpFormat, kImgFormat, kBtrFormat, kMspFormat,
     kXwdFormat, kRasFormat, kCutFormat, kTxtFormat, kPsdFormat, kImtFormat, kPctFormat, kMacFormat,

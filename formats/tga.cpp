@@ -15,6 +15,7 @@
 
 #include <string.h>
 
+#include "codecs/jpeg.h"
 #include "core/bytes.h"
 #include "core/dib.h"
 #include "core/imgapi.h"
@@ -287,9 +288,12 @@ int TgaRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink
     uint32_t width = GetLE16(f + 12), height = GetLE16(f + 14), depth = f[16];
     uint8_t descriptor = f[17];
 
-    /* There is no JPEG decoder yet for the stream behind the header. */
-    if (imageType == kTypeJpeg)
-        return IMG_ERR_COMPRESSION;
+    /* A JPEG stream right behind the header (ID and colour map not skipped). */
+    if (imageType == kTypeJpeg) {
+        if ((uint64_t)start + kHeaderBytes >= IMG_PAGE_FLAG)
+            return IMG_ERR_INVALID; /* hardening: beyond the 31-bit offsets */
+        return JpegRead(start + kHeaderBytes, rowSink, sinkContext, headerSink, handle);
+    }
 
     uint32_t bpp = depth == 8 ? 1 : depth == 16 ? 2 : depth == 24 ? 3 : depth == 32 ? 4 : 0;
     if (bpp == 0)

@@ -13,8 +13,9 @@
 /* File type 3 ("tga"): 8, 16, 24 and 32 bits a pixel, uncompressed or
  * run-length encoded (image types 9, 10, 11), into 8-bit (depth 8) or
  * 24-bit images.  Returns 1 on success, -12 for a short header or pixel
- * data, -3 for an unsupported depth or geometry, -1 for memory, -27 for the
- * JPEG marker type 156, or a negative sink result. */
+ * data, -3 for an unsupported depth or geometry, -1 for memory, or a
+ * negative sink result.  Image type 156 is a JPEG stream right behind the
+ * 18-byte header: the JPEG decoder's result. */
 int TgaRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink headerSink,
             int handle);
 /* Save type 3: 8-bit colour-mapped (type 1), 8-bit grey (type 3) when every

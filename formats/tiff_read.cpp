@@ -33,6 +33,7 @@
 #include "core/imgio.h"
 #include "core/runs.h"
 #include "codecs/ccitt_decode.h"
+#include "codecs/jpeg.h"
 #include "codecs/lzw.h"
 
 uint16_t TiffGet16(const TiffFile *file, const uint8_t *p)
@@ -196,6 +197,7 @@ int TiffCompressionType(uint32_t compression, uint32_t t4Options)
     case 5:
         return IMG_TYPE_TIFF_LZW;
     case 6:
+    case 7: /* the JPEG that libtiff writes, read too */
         return IMG_TYPE_TIFF_JPEG;
     case 32773:
         return IMG_TYPE_TIFF_PACKBITS;
@@ -245,7 +247,7 @@ enum {
     TAG_RESOLUTION_UNIT = 296, TAG_DATE_TIME = 306, TAG_ARTIST = 315, TAG_PREDICTOR = 317,
     TAG_COLOR_MAP = 320, TAG_TILE_WIDTH = 322, TAG_TILE_LENGTH = 323, TAG_TILE_OFFSETS = 324,
     TAG_JPEG_INTERCHANGE = 513, TAG_JPEG_Q_TABLES = 519, TAG_JPEG_DC_TABLES = 520,
-    TAG_JPEG_AC_TABLES = 521, TAG_YCBCR_SUBSAMPLING = 530
+    TAG_JPEG_AC_TABLES = 521, TAG_YCBCR_SUBSAMPLING = 530, TAG_JPEG_TABLES = 347
 };
 
 #define COMPRESSION_G3_2D 45     /* the internal value of compression 3 with T4Options bit 0 */
@@ -253,6 +255,7 @@ enum {
 #define NEXT_COUNT_MIN 5         /* a next IFD with fewer entries ends the chain */
 #define NEXT_COUNT_LIMIT 301     /* ... and so does one with this many or more */
 #define STRIP_OFFSETS_SLACK 200
+#define JPEG_TABLES_MAX 65536 /* hardening: tables beyond it are not read */
 
 static TiffInfo tiffInfo;
 static TiffFile tiffFile;
@@ -329,6 +332,10 @@ static void ParseEntry(const TiffEntry *entry, IfdLocals *locals)
     case TAG_JPEG_Q_TABLES: tiffInfo.jpegQTables = offset; return;
     case TAG_JPEG_DC_TABLES: tiffInfo.jpegDCTables = offset; return;
     case TAG_JPEG_AC_TABLES: tiffInfo.jpegACTables = offset; return;
+    case TAG_JPEG_TABLES:
+        tiffInfo.jpegTables = offset;
+        tiffInfo.jpegTablesBytes = (int32_t)entry->count;
+        return;
     case TAG_DATE_TIME:
         CopyAsciiTag(entry, text, IMG_NAME_DATE_SIZE);
         ImgStoreBitmapName(NULL, text);
@@ -1148,6 +1155,60 @@ static int ReadLzw(TiffReadState *s)
     return result;
 }
 
+/* JPEG strips (compression 7, and 6 without JPEGInterchangeFormat): each
+ * strip or tile is a stream of its own, read after the tables-only stream
+ * of JPEGTables when there is one, its rows through the row adapter. */
+static int ReadJpeg(TiffReadState *s)
+{
+    if (s->sampleBits != 8)
+        return IMG_ERR_COMPRESSION; /* libjpeg decodes 8-bit samples */
+    JpegStrip strip = {NULL, 0, tiffInfo.photometric, (uint32_t)s->width,
+                       s->planes > 1 ? 1 : s->samples, 0, 0, s->codedRowBytes};
+    uint8_t *tables = NULL;
+    uint32_t tablesBytes = (uint32_t)tiffInfo.jpegTablesBytes;
+    if (tiffInfo.jpegTables != 0 && tablesBytes > 4 && tablesBytes <= JPEG_TABLES_MAX) {
+        tables = static_cast<uint8_t *>(ImgAllocTracked(tablesBytes));
+        if (!tables)
+            return IMG_ERR_MEMORY;
+        int result = TiffReadAt(&tiffFile, (uint32_t)tiffInfo.jpegTables, tables, tablesBytes);
+        if (result < 0 && result != IMG_ERR_READ) {
+            ImgFreeTracked(tables);
+            return result;
+        }
+        strip.tables = tables;
+        strip.tablesBytes = tablesBytes;
+    }
+    int result = 0;
+    for (s->plane = 0; s->plane < s->planes && result >= 0; s->plane++) {
+        for (uint32_t i = 0; i < s->stripsPerPlane && result >= 0; i++) {
+            strip.firstRow = (int32_t)(i * (uint32_t)s->rowsPerStrip);
+            strip.rows = StripRows(s, i);
+            result = SeekStrip(s, i);
+            if (result >= 0)
+                result = JpegDecodeStrip(s->handle, strip, AdaptRow, s);
+        }
+    }
+    ImgFreeTracked(tables);
+    return result;
+}
+
+/* Compression 6 with JPEGInterchangeFormat: a whole stream, header and
+ * all, read by the JPEG decoder from that offset, or from strip 0 when only
+ * strip 0 starts with the start-of-image marker. */
+static int ReadInterchangeJpeg(TiffReadState *s, ImgHeaderSink headerSink)
+{
+    uint8_t marker[2];
+    uint32_t at = (uint32_t)tiffInfo.jpegInterchangeFormat, strip0;
+    int result = TiffReadAt(&tiffFile, at, marker, 2);
+    if ((result < 0 || marker[0] != 0xFF || marker[1] != 0xD8) && StripOffset(0, 1, &strip0) >= 0 &&
+        TiffReadAt(&tiffFile, strip0, marker, 2) >= 0 && marker[0] == 0xFF && marker[1] == 0xD8)
+        at = strip0;
+    uint64_t position = (uint64_t)tiffFile.base + at;
+    if (position > INT32_MAX)
+        return IMG_ERR_INVALID;
+    return JpegRead((uint32_t)position, s->rowSink, s->sinkContext, headerSink, s->handle);
+}
+
 /* ======================================================================
  * The reader
  * ====================================================================== */
@@ -1233,9 +1294,8 @@ static int CheckGeometry(int bits)
 static int DecodePage(TiffReadState *s, ImgHeaderSink headerSink)
 {
     int32_t compression = tiffInfo.compression;
-    /* The JPEG decoder of subsystem 3 does not exist yet. */
     if (compression == 6 && tiffInfo.jpegInterchangeFormat != 0)
-        return IMG_ERR_COMPRESSION;
+        return ReadInterchangeJpeg(s, headerSink);
     if (compression == 32010 || compression == 32008)
         return IMG_ERR_COMPRESSION;
     int bits = HeaderBitCount(tiffInfo.samplesPerPixel, tiffInfo.bitsPerSample);
@@ -1258,7 +1318,8 @@ static int DecodePage(TiffReadState *s, ImgHeaderSink headerSink)
         case 32773: result = ReadPackBits(s); break;
         case 2: case 3: case 4: case COMPRESSION_G3_2D: result = ReadCcitt(s); break;
         case 5: result = ReadLzw(s); break;
-        default: result = IMG_ERR_COMPRESSION; break; /* 6 in strips: no JPEG decoder yet */
+        case 6: case 7: result = ReadJpeg(s); break;
+        default: result = IMG_ERR_COMPRESSION; break;
         }
     }
     if (result >= 0 && s->planes > 1)

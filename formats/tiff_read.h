@@ -99,7 +99,8 @@ int TiffTagValue(const TiffFile *file, const TiffEntry *entry, uint32_t *value);
 int TiffRationalDenominator(const TiffFile *file, const TiffEntry *entry, uint32_t *value);
 
 /* The subtype mapping: 1 -> 0, 2 -> 7, 3 -> 8 (17 with T4Options bit 0),
- * 5 -> 9, 4 -> 10, 32773 -> 16, 6 -> 40, 32010 -> 46, 32008 -> 47, else -7. */
+ * 5 -> 9, 4 -> 10, 32773 -> 16, 6 and 7 (JPEG) -> 40, 32010 -> 46,
+ * 32008 -> 47, else -7. */
 int TiffCompressionType(uint32_t compression, uint32_t t4Options);
 
 /* The subtype query of IMGLOW_get_filetype: reads the header at base and the
@@ -117,6 +118,7 @@ typedef struct TiffInfo {
     int32_t grayResponseCurve, grayResponseUnit;
     int32_t jpegInterchangeFormat, jpegQTables, jpegDCTables, jpegACTables;
     int32_t ycbcrSubsampling, tiled, orientation;
+    int32_t jpegTables, jpegTablesBytes; /* 347 JPEGTables: offset and count */
 } TiffInfo;
 
 /* The record as the last TIFF opened, page count or query left it. */

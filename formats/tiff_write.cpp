@@ -16,10 +16,12 @@
 #include <string.h>
 
 #include "core/bytes.h"
+#include "core/codec_settings.h"
 #include "core/dib.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
 #include "codecs/ccitt_encode.h"
+#include "codecs/jpeg.h"
 #include "codecs/lzw.h"
 #include "codecs/packbits.h"
 
@@ -150,6 +152,11 @@ static int PlanLayout(const TiffSaveType *type, const uint8_t *header, TiffLayou
     layout->bits = bits;
     layout->width = (uint32_t)h->biWidth;
     layout->height = (uint32_t)h->biHeight;
+    /* JPEG codes grey or colour: 8-bit images with another palette than a
+     * grey ramp, and 32-bit ones, go as 24-bit colour. */
+    if (type->encoder == ENCODE_JPEG &&
+        (bits == 32 || (bits == 8 && !PaletteIsGreyRamp(header + DIB_HEADER_SIZE, bits))))
+        layout->bits = bits = 24;
     layout->rowBytes = (uint32_t)(((uint64_t)bits * layout->width + 7) / 8);
     if (type->encoder == ENCODE_CCITT_1D || type->encoder == ENCODE_CCITT_2D)
         layout->photometric = 0;
@@ -261,11 +268,13 @@ static uint32_t BuildIfd(const TiffLayout *layout, const uint8_t *header, uint32
     p = PutEntry(p, 282, TYPE_RATIONAL, 1, values);
     p = PutEntry(p, 283, TYPE_RATIONAL, 1, values + 8);
     p = PutEntry(p, 284, TYPE_SHORT, 1, 1);
-    /* Written before 296 whatever its tag number. */
+    /* Written before 296 whatever its tag number.  JPEGInterchangeFormat
+     * points at the stream's start-of-image marker, where old-style JPEG
+     * readers (libtiff's) look for it. */
     if (type->compression == 3)
         p = PutEntry(p, 292, TYPE_LONG, 1, 4);
     else if (type->compression == 6)
-        p = PutEntry(p, 513, TYPE_LONG, 1, data + 6);
+        p = PutEntry(p, 513, TYPE_LONG, 1, data);
     p = PutEntry(p, 296, TYPE_SHORT, 1, 2);
     p = PutEntry(p, 306, TYPE_ASCII, 20, date);
     p = PutEntry(p, 315, TYPE_ASCII, TIFF_WRITE_ARTIST_BYTES, artist);
@@ -425,8 +434,10 @@ static int EncodeStrip(int handle, const TiffLayout *layout, const uint8_t *head
         return LzwEncodeStrip(handle, header, rowSource, context, 0, (int32_t)layout->height);
     case ENCODE_PACKBITS:
         return EncodePackBits(handle, layout, rowSource, context);
+    case ENCODE_JPEG:
+        return JpegEncode(handle, header, rowSource, context, ImgCompressionQuality(), layout->bits == 8);
     default:
-        return IMG_ERR_TYPE; /* JPEG: refused before anything is written */
+        return IMG_ERR_TYPE;
     }
 }
 
@@ -465,8 +476,6 @@ int TiffWritePage(int handle, uint8_t *header, ImgRowSource rowSource, void *sou
     int result = PlanLayout(type, header, &layout);
     if (result < 0)
         return result;
-    if (type->encoder == ENCODE_JPEG)
-        return IMG_ERR_TYPE; /* the JPEG codec of subsystem 3 does not exist yet */
 
     int64_t base, position, link;
     if ((result = OpenOutput(handle, &base, &position, &link)) < 0)

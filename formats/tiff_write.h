@@ -33,8 +33,10 @@ int TiffWriteLzw(int handle, uint8_t *header, ImgRowSource rowSource, void *sour
 int TiffWriteGroup4(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
 /* Save type 16: PackBits, one row at a time; 1 bit. */
 int TiffWritePackBits(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
-/* Save type 40: JPEG.  -21 below 5 bits or at 16 bits; otherwise -7 until
- * the JPEG codec (subsystem 3) exists. */
+/* Save type 40: compression 6, one JPEG stream (JFIF) as the strip, and
+ * JPEGInterchangeFormat pointing at its start.  -21 below 5 bits or at
+ * 16 bits; an 8-bit image whose palette is not a grey ramp, and a 32-bit
+ * one, are written as 24-bit. */
 int TiffWriteJpeg(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);
 /* Save type 51: Group 4, FillOrder 1 (most significant bit first); 1 bit. */
 int TiffWriteGroup4Msb(int handle, uint8_t *header, ImgRowSource rowSource, void *sourceContext);

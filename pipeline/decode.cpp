@@ -11,6 +11,7 @@
 #include <string.h>
 
 #include "core/guard.h"
+#include "core/codec_settings.h"
 #include "core/bytes.h"
 #include "core/dib.h"
 #include "core/progress.h"
@@ -423,10 +424,14 @@ static int DecodeToNewImage(int fileHandle, uint32_t offset, int32_t page, ImgRe
     memset(&c, 0, sizeof c);
     c.handle = handle;
     c.requestedBits = reductionBits;
+    /* A reader may deliver the image already reduced towards the fixed size. */
+    if (fixedWidth > 0 && fixedHeight > 0)
+        ImgSetDecodeTarget(fixedWidth, fixedHeight);
     int result = reader ? reader(offset, ImgLibraryRowSink, &c, ImgLibraryHeaderSink, fileHandle)
                         : IMGLOW_decompress_bitmap(fileHandle, offset, page,
                                                    (IMG_ROW_SINK)ImgLibraryRowSink, &c,
                                                    (IMG_HEADER_SINK)ImgLibraryHeaderSink);
+    ImgSetDecodeTarget(0, 0);
     ImgFreeAllTracked(); /* whatever a failed reader left behind */
     if (result >= 0)
         result = FinishDecode(&c);

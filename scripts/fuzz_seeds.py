@@ -172,6 +172,9 @@ TIFF_VARIANTS = [
     ("rgb_packbits_mm.tif", "rgb.tif", ["-B", "-c", "packbits"]),
     ("rgb_planar.tif", "rgb.tif", ["-c", "none", "-p", "separate"]),
     ("rgb_tiles.tif", "rgb.tif", ["-c", "none", "-t", "-w", "16", "-l", "16"]),
+    ("rgb_jpeg.tif", "rgb.tif", ["-c", "jpeg", "-r", "16"]),
+    ("rgb_jpeg_rgb.tif", "rgb.tif", ["-c", "jpeg:r", "-r", "8"]),
+    ("grey8_jpeg.tif", "grey8.tif", ["-c", "jpeg", "-r", "8"]),
 ]
 
 # One-strip files whose strip the codec targets take: (output, base, compression)
@@ -262,6 +265,15 @@ def other_formats():
     add("png", "magick_rgba16_interlaced.png", png("rgb.ppm", "a16.png", "-define", "png:color-type=6",
                                                     "-define", "png:bit-depth=16", "-interlace", "PNG"), "a16.png")
     add("png", "magick_grey_alpha.png", png("grey8.pgm", "ga.png", "-define", "png:color-type=4"), "ga.png")
+    # JPEG: grey, colour, progressive, restart markers, RGB-coded, CMYK, EXIF.
+    for name, options, base in (("cjpeg_grey.jpg", ["-grayscale"], "grey8.pgm"), ("cjpeg_rgb.jpg", [], "rgb.ppm"),
+                                ("cjpeg_progressive.jpg", ["-progressive"], "rgb.ppm"),
+                                ("cjpeg_restarts.jpg", ["-restart", "1", "-quality", "30"], "pal16.ppm"),
+                                ("cjpeg_rgb_coded.jpg", ["-rgb", "-sample", "2x1"], "rgb.ppm")):
+        add("jpeg", name, lambda o=options, b=base, n=name: tool("cjpeg", *o, work(b), stdout=work(n)), name)
+    add("jpeg", "magick_cmyk.jpg", lambda: magick(work("rgb.ppm"), "-colorspace", "CMYK", "jpg:" + work("mc.jpg")), "mc.jpg")
+    add("jpeg", "magick_density_cm.jpg", lambda: magick(work("grey8.pgm"), "-density", "300", "-units",
+                                                        "PixelsPerCentimeter", "jpg:" + work("md.jpg")), "md.jpg")
     # Raw fax: netpbm's Group 3 stream.
     add("fax", "netpbm.g3", lambda: tool("pbmtog3", work("fax.pbm"), stdout=work("n.g3")), "n.g3")
     return jobs
@@ -311,13 +323,18 @@ def pillow_seeds():
     save(pal, "pil_pal_trns_phys.png", transparency=3, dpi=(300, 150))
     save(rgb, "pil_rgb.png")
     save(grey.convert("I").point(lambda v: v * 257), "pil_grey16.png")
+    exif = Image.Exif()
+    exif[282], exif[283], exif[296] = 300, 150, 2
+    save(rgb, "pil_exif.jpg", exif=exif.tobytes(), dpi=(0, 0))
+    save(rgb.convert("CMYK"), "pil_cmyk.jpg")
+    save(grey, "pil_progressive.jpg", progressive=True)
 
 
 PILLOW_SEEDS = {"tiff": ["pil_ccitt.tif"],
                 "gif": ["pil_16_plain.gif", "pil_16_frames.gif", "pil_2colours.gif", "pil_4colours.gif"],
                 "tga": ["pil_grey_rle.tga", "pil_cmap.tga", "pil_32_top_first.tga"],
                 "bmp": ["pil_1bit.bmp", "pil_8bit.bmp", "pil_32bit.bmp"], "pcx": ["pil_1bit.pcx", "pil_24bit.pcx"],
-                "xbm": ["pil.xbm"], "png": ["pil_1bit.png", "pil_pal_trns_phys.png", "pil_rgb.png", "pil_grey16.png"]}
+                "xbm": ["pil.xbm"], "png": ["pil_1bit.png", "pil_pal_trns_phys.png", "pil_rgb.png", "pil_grey16.png"], "jpeg": ["pil_exif.jpg", "pil_cmyk.jpg", "pil_progressive.jpg"]}
 
 
 # ---- the targets' inputs ----
@@ -402,7 +419,8 @@ def codec_seeds():
                  bytes([op, depth, 23, 15, bits, count, use, 0]))
 
 
-PREFIX = {"tiff": b"\0\0", "gif": b"\0", "dcx": b"\0", "png": b"\0"}  # byte 0 (and 1) pick the page; png's the background
+# Option bytes: byte 0 (and 1) pick the page; for PNG the background, for JPEG the size the decode aims at.
+PREFIX = {"tiff": b"\0\0", "gif": b"\0", "dcx": b"\0", "png": b"\0", "jpeg": b"\0"}
 
 
 def gather():
@@ -442,6 +460,8 @@ def gather():
               "two.dcx", "t16r.tga", "x11.xbm", "tiffg4.eps", "n.g3"]
     for name in detect:
         seed("fuzz_detect", name, read(name))
+    seed("fuzz_jpeg", "cjpeg_rgb_toward_5x5.jpg", read("cjpeg_rgb.jpg"), b"\5")
+    seed("fuzz_detect", "cjpeg_rgb.jpg", read("cjpeg_rgb.jpg"))
     dither = [("m24.bmp", 0, 0), ("m8.bmp", 1, 5), ("m4.bmp", 3, 7), ("pil_1bit.bmp", 0, 8),
               ("rgb_lzw.tif", 2, 2), ("bw_g4.tif", 0, 3), ("g16i.gif", 0, 6), ("p24.pcx", 1, 9),
               ("t32r.tga", 2, 4), ("r8.bmp", 0, 10), ("x11.xbm", 0, 1)]

@@ -262,7 +262,7 @@ TEST_F(Registry, TiffTypeByCompression)
     } table[] = {
         {1, -1, 0}, {2, -1, 7}, {3, -1, 8}, {5, -1, 9}, {4, -1, 10}, {32773, -1, 16}, {6, -1, 40},
         {32010, -1, 46}, {32008, -1, 47}, {3, 1, 17}, {3, 5, 17}, {3, 4, 8}, {3, 0, 8}, {4, 1, 10},
-        {2, 1, 7}, {0, -1, IMG_ERR_TYPE}, {7, -1, IMG_ERR_TYPE}, {8, -1, IMG_ERR_TYPE},
+        {2, 1, 7}, {0, -1, IMG_ERR_TYPE}, {7, -1, 40}, {8, -1, IMG_ERR_TYPE},
         {45, -1, IMG_ERR_TYPE}, {99, -1, IMG_ERR_TYPE}, {32771, -1, IMG_ERR_TYPE}, {34712, -1, IMG_ERR_TYPE},
     };
     for (bool be : {false, true}) {

@@ -1,8 +1,9 @@
 /*
  * test_interop.cpp - the library against independent imaging tools:
- * libtiff's tools (tiffcp, tiffinfo, tiff2pdf, fax2tiff), ImageMagick's
- * convert, netpbm, vips, Pillow, Ghostscript, epstool and giflib's tools
- * (gifbuild, gif2rgb) and pngcheck.
+ * libtiff's tools (tiffcp, tiffinfo, tiff2pdf, fax2tiff, tiff2rgba),
+ * ImageMagick's convert, netpbm, vips, Pillow, Ghostscript, epstool,
+ * giflib's tools (gifbuild, gif2rgb), libjpeg-turbo's (cjpeg, djpeg) and
+ * pngcheck.
  *
  * Writing: a picture built through the public API is saved in each format and
  * depth we write, and a tool decodes the file to the picture's pixels (or,
@@ -462,6 +463,109 @@ TEST_F(TrnwTest, GifbuildFilesOfEveryTableSize)
     }
     RunQuiet("rm -f '" + text + "' '" + gif + "'");
 }
+
+/* ---- JPEG ---- */
+
+// JPEG files the tools make of the picture decode within 2 per channel of
+// the reference decoder's decode: djpeg for .jpg files (it turns CMYK into
+// RGB as we do), libtiff for JPEG TIFFs (tiffcp's compression 7).
+struct JpegRead {
+    const char *name;
+    bool grey;
+    const char *needs, *make, *reference; // {in} to {out}; {out} to the PNM {ref}
+};
+
+const char *const kDjpeg = "djpeg -pnm '{out}' > '{ref}'";
+const char *const kLibtiff = "tiff2rgba -n '{out}' '{ref}.tif' && tifftopnm '{ref}.tif' > '{ref}'";
+#define PILLOW_JPEG(mode, options) \
+    "/usr/bin/python3 -c \"from PIL import Image; Image.open('{in}')" mode ".save('{out}', 'JPEG'" options ")\""
+#define TIFFCP_JPEG "{convert} '{in}' '{out}.tif' && tiffcp -c jpeg -r 16 '{out}.tif' '{out}'"
+
+const JpegRead kJpegReads[] = {
+    {"CjpegGrey", true, "cjpeg djpeg", "cjpeg -grayscale '{in}' > '{out}'", kDjpeg},
+    {"CjpegColour", false, "cjpeg djpeg", "cjpeg -quality 90 '{in}' > '{out}'", kDjpeg},
+    {"CjpegProgressive", false, "cjpeg djpeg", "cjpeg -progressive '{in}' > '{out}'", kDjpeg},
+    {"CjpegRestartsRgb", false, "cjpeg djpeg", "cjpeg -restart 1 -rgb '{in}' > '{out}'", kDjpeg},
+    {"MagickColour", false, "convert djpeg", "{convert} '{in}' -quality 80 'jpg:{out}'", kDjpeg},
+    {"MagickCmyk", false, "convert djpeg", "{convert} '{in}' -colorspace CMYK 'jpg:{out}'", kDjpeg},
+    {"PillowColour", false, "python3 djpeg", PILLOW_JPEG("", ", quality=85"), kDjpeg},
+    {"PillowProgressive", false, "python3 djpeg", PILLOW_JPEG("", ", progressive=True"), kDjpeg},
+    {"PillowCmyk", false, "python3 djpeg", PILLOW_JPEG(".convert('CMYK')", ""), kDjpeg},
+    {"TiffcpJpeg", false, "convert tiffcp tiff2rgba tifftopnm", TIFFCP_JPEG, kLibtiff},
+    {"TiffcpJpegGrey", true, "convert tiffcp tiff2rgba tifftopnm", TIFFCP_JPEG, kLibtiff},
+};
+
+class JpegFile : public TrnwTest, public ::testing::WithParamInterface<JpegRead> {};
+
+TEST_P(JpegFile, DecodesWithinTwoOfTheReferenceDecoder)
+{
+    const JpegRead &c = GetParam();
+    SKIP_WITHOUT(c.needs);
+    Raster picture = MakePicture(77, 45, c.grey ? 8 : 24, 13, c.grey).Rgb();
+    std::string in = TempPath(std::string("j_") + c.name + (c.grey ? ".pgm" : ".ppm"));
+    std::string out = TempPath(std::string("j_") + c.name + ".jpg"), ref = out + ".pnm";
+    ASSERT_TRUE(WritePnm(in, picture, c.grey ? '5' : '6'));
+    std::string make = Fill(c.make, {{"in", in}, {"out", out}, {"convert", Convert()}});
+    ASSERT_TRUE(RunQuiet(make)) << make;
+    int32_t status = 0;
+    Raster ours = DecodeFile(out, &status);
+    EXPECT_EQ(RasterDiff(ours, ToolRaster(Fill(c.reference, {{"out", out}, {"ref", ref}}), ref), 2), 0)
+        << make << " (decode " << status << ")";
+    RunQuiet("rm -f '" + in + "' '" + out + "'*");
+}
+
+INSTANTIATE_TEST_SUITE_P(Tools, JpegFile, ::testing::ValuesIn(kJpegReads),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// Our JPEG files and type-40 TIFFs decode in the tools within 2 of our own
+// decode, which stays close to the picture.  libtiff decodes old-style JPEG
+// with an upsampling and colour conversion of its own: within 10 in colour.
+// This ImageMagick marks such a TIFF YCbCr after libtiff has turned it into
+// RGB: -set colorspace sRGB takes the mark off.
+struct JpegWrite {
+    const char *name;
+    int32_t type;
+    bool grey;
+    const char *needs, *decode; // {out} to the PNM {ref}
+    int tolerance = 2;
+};
+
+const JpegWrite kJpegWrites[] = {
+    {"Djpeg", IMG_TYPE_JPG, false, "djpeg", kDjpeg},
+    {"DjpegGrey", IMG_TYPE_JPG, true, "djpeg", kDjpeg},
+    {"Magick", IMG_TYPE_JPG, false, "convert", "{convert} '{out}' 'ppm:{ref}'"},
+    {"Pillow", IMG_TYPE_JPG, false, "python3",
+     "/usr/bin/python3 -c \"from PIL import Image; Image.open('{out}').convert('RGB').save('{ref}', 'PPM')\""},
+    {"LibtiffType40", IMG_TYPE_TIFF_JPEG, false, "tiff2rgba tifftopnm", kLibtiff, 10},
+    {"LibtiffType40Grey", IMG_TYPE_TIFF_JPEG, true, "tiff2rgba tifftopnm", kLibtiff},
+    {"MagickType40", IMG_TYPE_TIFF_JPEG, false, "convert", "{convert} '{out}' -set colorspace sRGB 'ppm:{ref}'", 10},
+    {"MagickType40Grey", IMG_TYPE_TIFF_JPEG, true, "convert", "{convert} '{out}' 'ppm:{ref}'"},
+};
+
+class OurJpeg : public TrnwTest, public ::testing::WithParamInterface<JpegWrite> {};
+
+TEST_P(OurJpeg, DecodesInTheToolAsInOurs)
+{
+    const JpegWrite &c = GetParam();
+    SKIP_WITHOUT(c.needs);
+    Picture p = MakePicture(77, 45, c.grey ? 8 : 24, 17, c.grey);
+    for (auto &row : p.rows) // blue follows red and green, for a picture JPEG codes closely
+        for (size_t x = 0; !c.grey && x < 77; x++)
+            row[3 * x] = (uint8_t)(row[3 * x + 1] / 2 + row[3 * x + 2] / 2);
+    std::string out = TempPath(std::string("w_") + c.name + (c.type == IMG_TYPE_JPG ? ".jpg" : ".tif"));
+    std::remove(out.c_str());
+    int32_t h = ImageOf(p);
+    ASSERT_EQ(IMG_save_bitmap(h, out.c_str(), c.type), 0);
+    IMG_delete_bitmap(h);
+    Raster ours = DecodeFile(out);
+    std::string ref = out + ".pnm";
+    EXPECT_EQ(RasterDiff(ToolRaster(Fill(c.decode, {{"out", out}, {"ref", ref}, {"convert", Convert()}}), ref), ours, c.tolerance), 0);
+    EXPECT_EQ(RasterDiff(ours, p.Rgb(), 24), 0);
+    RunQuiet("rm -f '" + out + "'*");
+}
+
+INSTANTIATE_TEST_SUITE_P(Tools, OurJpeg, ::testing::ValuesIn(kJpegWrites),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 /* ---- processing against ImageMagick ---- */
 

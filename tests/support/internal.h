@@ -9,6 +9,7 @@
 #include "codecs/ccitt_codes.h"
 #include "codecs/ccitt_decode.h"
 #include "codecs/ccitt_encode.h"
+#include "codecs/jpeg.h"
 #include "codecs/lzw.h"
 #include "codecs/packbits.h"
 #include "color/default_palette.h"

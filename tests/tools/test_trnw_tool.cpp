@@ -70,6 +70,7 @@ TEST(TrnwTool, ExitStatusOfEachKindOfCall)
         {"convert " + in + " " + out + ".bmp --rotate", 2}, /* value missing */
         {"convert " + in + " " + out + ".bmp --colors octree:17:4", 2}, /* 4 bits: 16 at most */
         {"convert " + in + " " + out + ".bmp --reduce-bits 3", 2},
+        {"convert " + in + " " + out + ".jpeg --quality 101", 2},
         {"convert " + in + " " + out + ".bmp --crop 1,2,3", 2},
         /* well-formed options in any place: the missing input is the failure */
         {"convert --rotate 12.5 " + in + " --flip x " + out + ".bmp --gray --dither threshold:9", 1},

@@ -41,6 +41,7 @@
 #include <zlib.h>
 
 #include "imgapi.h"
+#include "jpeg_info.h"
 #include "workers.h"
 
 namespace {
@@ -87,6 +88,7 @@ struct Options {
     std::optional<std::array<int32_t, 2>> decodeSize;
     int32_t reduceBits = 0; /* 0: no reduction while decoding */
     int32_t decodeLimit = 0; /* MiB an image may take; 0: no limit */
+    int32_t quality = 0; /* JPEG quality, 1 to 100; 0: the library's */
     const char *outputName = nullptr; /* the output named in messages, when saves go beside it */
     int32_t jobs = 0; /* batch: worker processes; 0: one per processor */
     std::vector<PageOperation> operations;
@@ -241,6 +243,8 @@ constexpr OptionDefinition kOptionDefinitions[] = {
     {"--promote", true, [](const char *v, Options &o) { return AddNamedOperation(kPromoteWords, v, o); }},
     {"--decode-limit", true,
      [](const char *v, Options &o) { return ParseNumbers(v, {&o.decodeLimit, 1}, 0) && o.decodeLimit >= 0; }},
+    {"--quality", true,
+     [](const char *v, Options &o) { return ParseNumbers(v, {&o.quality, 1}, 0) && o.quality >= 1 && o.quality <= 100; }},
     /* batch alone reads the last one */
     {"-j", true, [](const char *v, Options &o) { return ParseNumbers(v, {&o.jobs, 1}, 0) && o.jobs >= 1; }},
 };
@@ -494,10 +498,12 @@ int PrintFileInfo(const char *path)
     putchar('\n');
     if (pages > 1)
         PrintFurtherPages(path, pages);
-    if (type == IMG_TYPE_PNG) {
-        std::string details = PngDetails(ReadWholeFile(path));
+    if (type == IMG_TYPE_PNG || type == IMG_TYPE_JPG) {
+        bool png = type == IMG_TYPE_PNG;
+        std::vector<uint8_t> data = ReadWholeFile(path);
+        std::string details = png ? PngDetails(data) : JpegDetails(data);
         if (!details.empty())
-            printf("  PNG: %s\n", details.c_str());
+            printf("  %s: %s\n", png ? "PNG" : "JPEG", details.c_str());
     }
     return 0;
 }
@@ -577,6 +583,15 @@ int32_t Transform(int32_t handle, const Options &options)
     return result < 0 ? result : 0;
 }
 
+bool EndsWithIgnoringCase(std::string_view text, std::string_view tail);
+
+/* The save type of `out`: `type`, or for a ".jpeg" name JPEG (the library
+ * chooses by the last three characters of the name, "jpg" among them). */
+int32_t SaveType(int32_t type, const char *out)
+{
+    return type == IMG_TYPE_BY_EXTENSION && EndsWithIgnoringCase(out, ".jpeg") ? IMG_TYPE_JPG : type;
+}
+
 /* One page of `in` (by name for page 0 when `data` is empty, else from the
  * whole file in `data`): decode, transform, save to `out` (which a
  * multi-page type appends to).  0, or 1 after reporting the failure. */
@@ -590,7 +605,7 @@ int ConvertPage(const char *in, std::span<uint8_t> data, int32_t page, const cha
         return Fail(in, handle);
     int32_t result = Transform(handle, options);
     if (result == 0)
-        result = IMG_save_bitmap(handle, out, options.type);
+        result = IMG_save_bitmap(handle, out, SaveType(options.type, out));
     IMG_delete_bitmap(handle);
     return result < 0 ? Fail(options.outputName ? options.outputName : out, result) : 0;
 }
@@ -691,9 +706,12 @@ int ConvertAllPages(const char *in, const char *out, const Options &options)
     });
 }
 
-/* The decoder's settings for the next decode: size, rectangle, depth. */
+/* The decoder's settings for the next decode: size, rectangle, depth;
+ * and the JPEG quality of the saves. */
 void SetDecodeOptions(const Options &options)
 {
+    if (options.quality)
+        IMGLOW_set_comp_quality(options.quality);
     if (options.decodeSize)
         IMGLOW_set_decompsize((*options.decodeSize)[0], (*options.decodeSize)[1]);
     if (options.decodeRect) {
@@ -905,7 +923,9 @@ const Command kCommands[] = {
     {{"info"},
      "  info FILE...         type, pages, size, depth and resolution of each file\n"
      "                       (and of every further page of a multi-page file; of a\n"
-     "                       PNG file its colour type, depth and interlacing)\n",
+     "                       PNG file its colour type, depth and interlacing, of a\n"
+     "                       JPEG file its process, components, colour space and\n"
+     "                       sampling)\n",
      RunInfo, 1, kAnyCount, {}},
     {{"convert"},
      "  convert IN OUT [--type N] [--page N] [--crop X,Y,W,H] [--size WxH]\n"
@@ -928,6 +948,9 @@ const Command kCommands[] = {
      "          [--decode-limit MB]\n"
      "                       refuse (out of memory) an image that would take more\n"
      "                       than MB MiB decoded; a 1-bit page counts its coded size\n"
+     "          [--quality N]\n"
+     "                       the quality of JPEG outputs (.jpg, .jpeg, TIFF type 40),\n"
+     "                       1 to 100, default 75\n"
      "  convert IN OUT --all-pages [--type N] [other convert options]\n"
      "                       every page of IN to the multi-page OUT (TIFF or DCX;\n"
      "                       OUT is replaced), each page transformed as above\n",
