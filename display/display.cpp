@@ -327,7 +327,7 @@ int RowStored(void *context, int32_t handle, int32_t row)
         p.first = p.pending ? std::min(p.first, row) : row;
         p.end = p.pending ? std::max(p.end, row + 1) : row + 1;
         p.pending++;
-        int32_t every = p.every > 0 ? p.every : std::max(32, (d->height + 15) / 16);
+        int64_t every = p.every > 0 ? p.every : std::max<int64_t>(32, ((int64_t)d->height + 15) / 16);
         return p.pending >= every ? DrawPending(p, handle) : 0;
     });
 }

@@ -5,6 +5,7 @@
 #ifdef _WIN32
 #include "display/gdi.h"
 
+#include <stddef.h>
 #include <string.h>
 #include <windows.h>
 
@@ -49,16 +50,14 @@ class NativeDevice final : public GdiDevice {
     }
     void *CreatePalette(const uint8_t *bgr, int count) override
     {
+        /* LOGPALETTE declares one entry; the others follow it in the block. */
         std::vector<uint8_t> block(sizeof(LOGPALETTE) + 256 * sizeof(PALETTEENTRY));
         LOGPALETTE *palette = reinterpret_cast<LOGPALETTE *>(block.data());
         palette->palVersion = 0x300;
         palette->palNumEntries = (WORD)count;
-        for (int i = 0; i < count; i++) {
-            palette->palPalEntry[i].peRed = bgr[3 * i + 2];
-            palette->palPalEntry[i].peGreen = bgr[3 * i + 1];
-            palette->palPalEntry[i].peBlue = bgr[3 * i];
-            palette->palPalEntry[i].peFlags = 0;
-        }
+        PALETTEENTRY *entries = reinterpret_cast<PALETTEENTRY *>(block.data() + offsetof(LOGPALETTE, palPalEntry));
+        for (int i = 0; i < count; i++)
+            entries[i] = {bgr[3 * i + 2], bgr[3 * i + 1], bgr[3 * i], 0};
         return ::CreatePalette(palette);
     }
     void *SelectPalette(void *palette) override

@@ -693,8 +693,9 @@ int RenderCropAtOnce(const RenderRequest &request)
     GdiDevice &device = *request.device;
     if (d->displayAngle != 0 && d->displayAngle != 360)
         return 0;
-    if (!(device.DeviceCaps(GDI_RASTERCAPS) & GDI_RC_STRETCHDIB))
-        return 0;
+    if (!(device.DeviceCaps(GDI_RASTERCAPS) & GDI_RC_STRETCHDIB) || request.width > INT32_MAX ||
+        request.height > INT32_MAX)
+        return 0; /* StretchDIBits takes 32-bit sides */
     Source s;
     int result = OpenSource(d, &s);
     if (result < 0)
