@@ -33,6 +33,7 @@ bench: build
 	@./build/bin/bench_pcx
 	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
 	@./build/bin/bench_tga
+	@./build/bin/bench_display
 	@if [ -x ./build/bin/bench_gif ]; then ./build/bin/bench_gif; else echo "bench_gif: not built (libgif-dev missing)"; fi
 	@./build/bin/bench_png
 	@./build/bin/bench_jpeg

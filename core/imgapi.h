@@ -285,6 +285,57 @@ IMGEXPORT int32_t IMGAPI IMG_promote_8(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMG_promote_24(int32_t handle);
 IMGEXPORT int32_t IMGAPI IMGLOW_set_dithermode(int32_t mode);
 
+/* ---- Display and print ----
+ * `hdc` is a device context: on Windows an HDC (screen, memory, printer or
+ * metafile context) or a portable one; elsewhere a portable one
+ * (IMGLOW_create_dc).  `hwnd` is a window (HWND) whose scroll bars follow
+ * the crop position, or null.  Rectangles are in the context's logical
+ * units.  A device context that is neither gives IMG_ERR_GDI. */
+IMGEXPORT int32_t IMGAPI IMG_display_bitmap(int32_t handle, void *hdc, int32_t x, int32_t y,
+                                            int32_t width, int32_t height);
+/* 32-bit images as premultiplied alpha blended over the device */
+IMGEXPORT int32_t IMGAPI IMG_display_bitmap_pma(int32_t handle, void *hdc, int32_t x, int32_t y,
+                                                int32_t width, int32_t height);
+/* pixels of `colour` (a palette index below 16 bits, else 0x00BBGGRR) leave
+ * the device as it was */
+IMGEXPORT int32_t IMGAPI IMG_display_bitmap_transp(int32_t handle, void *hdc, int32_t x, int32_t y,
+                                                   int32_t width, int32_t height, uint32_t colour);
+/* zoom in percent, or 0: fitted with the aspect kept */
+IMGEXPORT int32_t IMGAPI IMG_display_bitmap_aspect(int32_t handle, void *hdc, void *hwnd, int32_t x,
+                                                   int32_t y, int32_t width, int32_t height,
+                                                   int32_t zoom);
+/* stores the display rectangle only; the other arguments are not used */
+IMGEXPORT int32_t IMGAPI IMG_display_bitmap_iac(int32_t handle, void *unused1, void *unused2,
+                                                int32_t x, int32_t y, int32_t width, int32_t height,
+                                                int32_t unused3);
+IMGEXPORT int32_t IMGAPI IMG_print_bitmap(int32_t handle, void *hdc, int32_t x, int32_t y,
+                                          int32_t width, int32_t height);
+/* the crop rectangle in one transfer, scaled by the device, where it can */
+IMGEXPORT int32_t IMGAPI IMG_print_bitmap_fast(int32_t handle, void *hdc, int32_t x, int32_t y,
+                                               int32_t width, int32_t height);
+IMGEXPORT int32_t IMGAPI IMG_bitmap_palette(int32_t handle, void *hdc);
+/* 0 off, 1 anti-aliased bilevel display, 2 grey display of 1-bit images */
+IMGEXPORT int32_t IMGAPI IMGLOW_set_alias(int32_t mode);
+IMGEXPORT int32_t IMGAPI IMGLOW_autocolor(int32_t on);
+/* decodes a file into a new image, drawing its rows as they arrive (after
+ * every `rowsBetweenDraws` rows; 0 or less: every sixteenth of the height,
+ * at least 32 rows) and the rest at the end; returns the handle */
+IMGEXPORT int32_t IMGAPI IMG_decompress_bitmap_display(const char *path, void *hdc, int32_t x,
+                                                       int32_t y, int32_t width, int32_t height,
+                                                       int32_t rowsBetweenDraws);
+/* extension: a portable device context over a white surface of width x
+ * height pixels of 24-bit colour, into *dc.  `colours` is the colour count it
+ * reports (0: true colour, reported as -1; 2, 16 or 256): a context of 2
+ * colours is dithered for.  Sides up to 32767, at most 1 GiB of pixels, else
+ * IMG_ERR_TYPE. */
+IMGEXPORT int32_t IMGAPI IMGLOW_create_dc(int32_t width, int32_t height, int32_t colours, void **dc);
+/* extension: the surface's pixels, rows top first, R, G, B bytes each, into
+ * `buffer` (`size` bytes); returns the byte count (width x height x 3), also
+ * with a null buffer; IMG_ERR_TYPE when size is smaller */
+IMGEXPORT int32_t IMGAPI IMGLOW_read_dc(void *dc, void *buffer, uint32_t size);
+/* extension */
+IMGEXPORT int32_t IMGAPI IMGLOW_delete_dc(void *dc);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,6 +1,6 @@
 /*
  * progress.cpp - the status callback and its switch: process-wide, set by
- * IMG_set_statusbar, off at start.
+ * IMG_set_statusbar, off at start; and the row watcher.
  */
 #include "core/guard.h"
 #include "core/progress.h"
@@ -11,7 +11,23 @@ namespace {
 IMG_STATUS_FUNC statusCallback;
 int32_t statusValue;
 int statusEnabled;
+ImgRowWatcher rowWatcher;
+void *rowWatcherContext;
 } // namespace
+
+void ImgSetRowWatcher(ImgRowWatcher watcher, void *context)
+{
+    rowWatcher = watcher;
+    rowWatcherContext = context;
+}
+
+int ImgRowStored(int32_t handle, int32_t row)
+{
+    if (!rowWatcher)
+        return 0;
+    int result = rowWatcher(rowWatcherContext, handle, row);
+    return result < 0 ? result : 0;
+}
 
 int ImgReportProgress(int32_t total)
 {

@@ -239,7 +239,9 @@ static int StoreRecord(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, cons
     return RunStoreReplaceRow(d, dest, record, bytes, c->storeCeiling);
 }
 
-/* Stores a packed row of the output width, or a run record. */
+/* Stores a packed row of the output width, or a run record, and tells the
+ * row watcher of a row stored where it stays (coded rows that come bottom
+ * first are reversed at the end: they are not told). */
 static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const uint8_t *data,
                     int32_t bytes, int runForm, double rowsStored)
 {
@@ -247,15 +249,19 @@ static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const u
         uint8_t *target = d->dib + ImgDescriptorBitsOffset(d) +
                           (size_t)(d->height - dest - 1) * (size_t)d->stride;
         memcpy(target, data, (size_t)(bytes < d->stride ? bytes : d->stride));
-        return 0;
+        return ImgRowStored(c->handle, dest);
     }
-    if (c->rowOrder == RowOrder::BottomFirstCoded)
-        dest = d->height - dest - 1;
-    if (runForm)
-        return StoreRecord(c, d, dest, (const uint16_t *)data, (uint32_t)bytes, rowsStored);
-    uint16_t *record = RecordScratch(c, d);
-    int length = RunEncodeRow(data, d->width, record);
-    return StoreRecord(c, d, dest, record, (uint32_t)length, rowsStored);
+    int bottomFirst = c->rowOrder == RowOrder::BottomFirstCoded;
+    int32_t at = bottomFirst ? d->height - dest - 1 : dest;
+    int result;
+    if (runForm) {
+        result = StoreRecord(c, d, at, (const uint16_t *)data, (uint32_t)bytes, rowsStored);
+    } else {
+        uint16_t *record = RecordScratch(c, d);
+        int length = RunEncodeRow(data, d->width, record);
+        result = StoreRecord(c, d, at, record, (uint32_t)length, rowsStored);
+    }
+    return result < 0 || bottomFirst ? result : ImgRowStored(c->handle, dest);
 }
 
 /* The horizontal size reduction by nearest neighbour, in 16.16 steps. */

@@ -1,6 +1,6 @@
 /*
- * save.h - the save pipeline (internal): the save context and the brightness,
- * contrast and gamma table that the display shares.
+ * save.h - the save pipeline (internal): the save context; the brightness,
+ * contrast and gamma table it applies is color/lookup.h's.
  */
 #ifndef TRNW_SAVE_H
 #define TRNW_SAVE_H
@@ -22,10 +22,6 @@ typedef struct ImgSaveContext {
     uint8_t table[256];
     uint8_t *scratch; /* expanded coded row, width * 4 + 4000 bytes */
 } ImgSaveContext;
-
-/* The 256-entry table for gamma (percent; 0 means 100), brightness and
- * contrast, computed in double precision throughout. */
-void ImgBuildLookupTable(uint32_t gamma, int32_t brightness, int32_t contrast, uint8_t *table);
 
 /* The library's row source. */
 int ImgLibraryRowSource(void *sourceContext, uint8_t *buffer, int rowIndex, int rowBytes);

@@ -17,7 +17,8 @@ below = {
     "process": ["core", "platform"],
     "formats": ["codecs", "color", "process", "core", "platform"],
     "pipeline": ["formats", "codecs", "color", "process", "core", "platform"],
-    "display": ["pipeline", "formats", "codecs", "color", "process", "core", "platform"],
+    # display sits beside pipeline: both build on the layers below.
+    "display": ["formats", "codecs", "color", "process", "core", "platform"],
 }
 include = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 files = [f for d in below for f in glob.glob(d + "/*.h") + glob.glob(d + "/*.cpp")]

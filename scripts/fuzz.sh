@@ -45,10 +45,10 @@ if [[ -z $coverage ]]; then
 fi
 
 # The library, built once for all targets: every layer and the POSIX
-# platform layer.
+# platform layer with the portable device context.
 shopt -s nullglob
 lib_sources=(core/*.cpp codecs/*.cpp color/*.cpp process/*.cpp formats/*.cpp pipeline/*.cpp
-             display/*.cpp platform/posix.cpp)
+             display/*.cpp platform/posix.cpp platform/surface.cpp)
 targets=(fuzz/*.cpp)
 shopt -u nullglob
 if [[ ${#targets[@]} -eq 0 ]]; then
@@ -241,7 +241,7 @@ report_coverage() {
   local objects_args=("${binaries[0]}")
   for bin in "${binaries[@]:1}"; do objects_args+=(-object "$bin"); done
   "$llvmcov" report -instr-profile="$dir/merged.profdata" "${objects_args[@]}" \
-    core codecs color process formats pipeline >"$out/coverage.txt"
+    core codecs color process formats pipeline display platform >"$out/coverage.txt"
   cat "$out/coverage.txt"
   echo "fuzz.sh: coverage of the library's sources written to $out/coverage.txt"
 }

@@ -348,6 +348,9 @@ void TrnwTest::TearDown()
     IMGLOW_set_decode_limit(0);
     IMGLOW_set_decompsize(0, 0);
     IMGLOW_set_comp_quality(75);
+    IMGLOW_set_alias(0);
+    IMGLOW_autocolor(0);
+    IMGLOW_set_dithermode(1);
     ImgTestFailAllocations(-1);
     ImgFreeAllTracked();
     ImgStoreBitmapName("1996 TARNWHEEL, ALL RIGHTS RESERVED", "11-24-1992");
