@@ -86,6 +86,9 @@ TEST(TrnwTool, ExitStatusOfEachKindOfCall)
         {"split " + in + " " + out + " --type x", 2},
         {"split " + in + " " + out + " --type 10", 1},
         {"runs", 2},
+        {"view " + in + " " + out + ".bmp --angle 45", 2},
+        {"view " + in + " " + out + ".bmp --size 0x5", 2},
+        {"view " + in + " " + out + ".bmp --zoom 50 --alias 2 --dither-device", 1},
         {"batch " + in + " " + in + " " + out, 2}, /* both would be written to one output */
     };
     for (const Case &c : cases)
