@@ -469,7 +469,7 @@ TEST_F(TrnwTest, GifbuildFilesOfEveryTableSize)
 // JPEG files the tools make of the picture decode within 2 per channel of
 // the reference decoder's decode: djpeg for .jpg files (it turns CMYK into
 // RGB as we do), libtiff for JPEG TIFFs (tiffcp's compression 7).
-struct JpegRead {
+struct ToolJpegCase {
     const char *name;
     bool grey;
     const char *needs, *make, *reference; // {in} to {out}; {out} to the PNM {ref}
@@ -481,7 +481,7 @@ const char *const kLibtiff = "tiff2rgba -n '{out}' '{ref}.tif' && tifftopnm '{re
     "/usr/bin/python3 -c \"from PIL import Image; Image.open('{in}')" mode ".save('{out}', 'JPEG'" options ")\""
 #define TIFFCP_JPEG "{convert} '{in}' '{out}.tif' && tiffcp -c jpeg -r 16 '{out}.tif' '{out}'"
 
-const JpegRead kJpegReads[] = {
+const ToolJpegCase kJpegReads[] = {
     {"CjpegGrey", true, "cjpeg djpeg", "cjpeg -grayscale '{in}' > '{out}'", kDjpeg},
     {"CjpegColour", false, "cjpeg djpeg", "cjpeg -quality 90 '{in}' > '{out}'", kDjpeg},
     {"CjpegProgressive", false, "cjpeg djpeg", "cjpeg -progressive '{in}' > '{out}'", kDjpeg},
@@ -495,11 +495,11 @@ const JpegRead kJpegReads[] = {
     {"TiffcpJpegGrey", true, "convert tiffcp tiff2rgba tifftopnm", TIFFCP_JPEG, kLibtiff},
 };
 
-class JpegFile : public TrnwTest, public ::testing::WithParamInterface<JpegRead> {};
+class JpegFile : public TrnwTest, public ::testing::WithParamInterface<ToolJpegCase> {};
 
 TEST_P(JpegFile, DecodesWithinTwoOfTheReferenceDecoder)
 {
-    const JpegRead &c = GetParam();
+    const ToolJpegCase &c = GetParam();
     SKIP_WITHOUT(c.needs);
     Raster picture = MakePicture(77, 45, c.grey ? 8 : 24, 13, c.grey).Rgb();
     std::string in = TempPath(std::string("j_") + c.name + (c.grey ? ".pgm" : ".ppm"));
@@ -522,7 +522,7 @@ INSTANTIATE_TEST_SUITE_P(Tools, JpegFile, ::testing::ValuesIn(kJpegReads),
 // with an upsampling and colour conversion of its own: within 10 in colour.
 // This ImageMagick marks such a TIFF YCbCr after libtiff has turned it into
 // RGB: -set colorspace sRGB takes the mark off.
-struct JpegWrite {
+struct OurJpegCase {
     const char *name;
     int32_t type;
     bool grey;
@@ -530,7 +530,7 @@ struct JpegWrite {
     int tolerance = 2;
 };
 
-const JpegWrite kJpegWrites[] = {
+const OurJpegCase kJpegWrites[] = {
     {"Djpeg", IMG_TYPE_JPG, false, "djpeg", kDjpeg},
     {"DjpegGrey", IMG_TYPE_JPG, true, "djpeg", kDjpeg},
     {"Magick", IMG_TYPE_JPG, false, "convert", "{convert} '{out}' 'ppm:{ref}'"},
@@ -542,11 +542,11 @@ const JpegWrite kJpegWrites[] = {
     {"MagickType40Grey", IMG_TYPE_TIFF_JPEG, true, "convert", "{convert} '{out}' 'ppm:{ref}'"},
 };
 
-class OurJpeg : public TrnwTest, public ::testing::WithParamInterface<JpegWrite> {};
+class OurJpeg : public TrnwTest, public ::testing::WithParamInterface<OurJpegCase> {};
 
 TEST_P(OurJpeg, DecodesInTheToolAsInOurs)
 {
-    const JpegWrite &c = GetParam();
+    const OurJpegCase &c = GetParam();
     SKIP_WITHOUT(c.needs);
     Picture p = MakePicture(77, 45, c.grey ? 8 : 24, 17, c.grey);
     for (auto &row : p.rows) // blue follows red and green, for a picture JPEG codes closely
