@@ -558,6 +558,25 @@ int EncodeRows(Encoder &e, const EncodeJob &job)
     return 0;
 }
 
+/* Runs `work` on a decoder over `handle`; a libjpeg error jumps back here
+ * (this frame stays live while `work` runs), and the decoder is freed on
+ * every path. */
+template <typename Work> int WithDecoder(int handle, Work work)
+{
+    Decoder *d = NewDecoder();
+    if (!d)
+        return IMG_ERR_MEMORY;
+    if (setjmp(d->errors.jump)) {
+        int code = d->errors.code;
+        DeleteDecoder(d);
+        return code;
+    }
+    CreateDecoder(*d, handle);
+    int result = work(*d);
+    DeleteDecoder(d);
+    return result;
+}
+
 } // namespace
 
 int JpegRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSink headerSink,
@@ -566,34 +585,12 @@ int JpegRead(uint32_t start, ImgRowSink rowSink, void *sinkContext, ImgHeaderSin
     if (start & IMG_PAGE_FLAG)
         return IMG_ERR_PAGE; /* a stream holds one image */
     ImgSeek(handle, (int32_t)start, 0);
-    Decoder *d = NewDecoder();
-    if (!d)
-        return IMG_ERR_MEMORY;
-    if (setjmp(d->errors.jump)) {
-        int code = d->errors.code;
-        DeleteDecoder(d);
-        return code;
-    }
-    CreateDecoder(*d, handle);
-    int result = DecodeImage(*d, {rowSink, sinkContext, headerSink});
-    DeleteDecoder(d);
-    return result;
+    return WithDecoder(handle, [&](Decoder &d) { return DecodeImage(d, {rowSink, sinkContext, headerSink}); });
 }
 
 int JpegDecodeStrip(int handle, const JpegStrip &strip, JpegStripSink sink, void *context)
 {
-    Decoder *d = NewDecoder();
-    if (!d)
-        return IMG_ERR_MEMORY;
-    if (setjmp(d->errors.jump)) {
-        int code = d->errors.code;
-        DeleteDecoder(d);
-        return code;
-    }
-    CreateDecoder(*d, handle);
-    int result = DecodeStripRows(*d, strip, sink, context);
-    DeleteDecoder(d);
-    return result;
+    return WithDecoder(handle, [&](Decoder &d) { return DecodeStripRows(d, strip, sink, context); });
 }
 
 int JpegEncode(int handle, const uint8_t *header, ImgRowSource rowSource, void *sourceContext,
