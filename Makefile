@@ -21,23 +21,7 @@ test: deps
 	@bash scripts/test.sh
 
 bench: build
-	@./build/bin/bench_runs
-	@./build/bin/bench_rotate
-	@if [ -x ./build/bin/bench_lzw ]; then ./build/bin/bench_lzw; else echo "bench_lzw: not built (libtiff-dev missing)"; fi
-	@./build/bin/bench_ccitt_encode
-	@./build/bin/bench_palette
-	@./build/bin/bench_tiff_write
-	@if [ -x ./build/bin/bench_ccitt_decode ]; then ./build/bin/bench_ccitt_decode; fi
-	@./build/bin/bench_dither
-	@./build/bin/bench_cals
-	@./build/bin/bench_pcx
-	@if [ -x ./build/bin/bench_tiff_read ]; then ./build/bin/bench_tiff_read; fi
-	@./build/bin/bench_tga
-	@./build/bin/bench_display
-	@if [ -x ./build/bin/bench_gif ]; then ./build/bin/bench_gif; else echo "bench_gif: not built (libgif-dev missing)"; fi
-	@./build/bin/bench_png
-	@./build/bin/bench_jpeg
-	@bash bench/bench_batch.sh
+	@bash scripts/bench.sh
 
 fuzz: deps
 	@bash scripts/fuzz.sh $(FUZZ_SECONDS)

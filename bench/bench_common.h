@@ -39,6 +39,33 @@ static inline double BenchMedian(double *values, int n)
     return values[n / 2];
 }
 
+/* Times `runs` (at most 64) rounds of `ours` and `peer` taken in turn, so
+ * that a change in the machine's load touches both medians alike; stores
+ * the two medians in seconds. */
+static inline void BenchInterleaved(void (*ours)(void *), void (*peer)(void *), void *context, int runs,
+                                    double *ourMedian, double *peerMedian)
+{
+    double a[64], b[64];
+    runs = runs < 1 ? 1 : runs > 64 ? 64 : runs;
+    for (int run = 0; run < runs; run++) {
+        double t0 = BenchNow();
+        ours(context);
+        double t1 = BenchNow();
+        peer(context);
+        a[run] = t1 - t0;
+        b[run] = BenchNow() - t1;
+    }
+    *ourMedian = BenchMedian(a, runs);
+    *peerMedian = BenchMedian(b, runs);
+}
+
+/* One line of the summary that `make bench` gathers at its end:
+ * "RATIO <name> <peer time / ours>" or "MS <name> <milliseconds>". */
+static inline void BenchSummary(const char *kind, const char *name, double value)
+{
+    printf("%s %s %.2f\n", kind, name, value);
+}
+
 /* The median time of `runs` (at most 16) runs of a shell command, or -1
  * when it fails. */
 static inline double BenchTimeCommand(const char *command, int runs)
