@@ -38,12 +38,13 @@ namespace {
 constexpr int kIndexBits = 13; /* the longest code, EOL's 12 bits, plus one */
 constexpr int kIndexCount = 1 << kIndexBits;
 
-/* A colour's 13-bit table: the run (or 0x1000 for run 0, 0x1FFF for EOL) and
- * the code's length less one, for every index whose low bits begin with a
- * code; 0 and 0 where no code begins. */
+/* A colour's 13-bit table: for every index whose low bits begin with a
+ * code, the code's value in the low 12 bits (the run 0-2560, or CODE_EOL)
+ * and its length less one in the high 4 bits, so that one look-up gives
+ * both; 0 where no code begins (no code is one bit long, so a code's entry
+ * is never 0). */
 struct CodeTable {
-    uint16_t values[kIndexCount] = {};
-    uint8_t lengths[kIndexCount] = {};
+    uint16_t entries[kIndexCount] = {};
 };
 
 constexpr uint32_t CodeLength(const char *code)
@@ -60,40 +61,34 @@ constexpr void AddCode(CodeTable &table, const char *code, uint16_t value)
     uint32_t length = CodeLength(code), low = 0;
     for (uint32_t i = 0; i < length; i++)
         low |= (uint32_t)(code[i] - '0') << i;
-    for (uint32_t high = 0; high < (1u << (kIndexBits - length)); high++) {
-        table.values[low | high << length] = value;
-        table.lengths[low | high << length] = (uint8_t)(length - 1);
-    }
+    for (uint32_t high = 0; high < (1u << (kIndexBits - length)); high++)
+        table.entries[low | high << length] = (uint16_t)(value | (length - 1) << 12);
 }
 
 constexpr CodeTable BuildCodeTable(const char *const *terminating, const char *const *makeUp)
 {
     CodeTable table;
     for (int run = 0; run < 64; run++)
-        AddCode(table, terminating[run], run ? (uint16_t)run : 0x1000);
+        AddCode(table, terminating[run], (uint16_t)run);
     for (int i = 0; i < 27; i++)
         AddCode(table, makeUp[i], (uint16_t)(64 * (i + 1)));
     for (int i = 0; i < 13; i++)
         AddCode(table, ccittExtendedMakeUp[i], (uint16_t)(1792 + 64 * i));
-    AddCode(table, ccittEol, 0x1FFF);
+    AddCode(table, ccittEol, CODE_EOL);
     return table;
 }
 
 constexpr CodeTable kWhite = BuildCodeTable(ccittWhiteTerminating, ccittWhiteMakeUp);
 constexpr CodeTable kBlack = BuildCodeTable(ccittBlackTerminating, ccittBlackMakeUp);
 /* EOL (eleven 0 bits, then a 1) decodes as EOL in both colours. */
-static_assert(kWhite.values[1u << 11] == 0x1FFF && kBlack.values[1u << 11] == 0x1FFF);
-static_assert(kWhite.lengths[1u << 11] == 11);
+static_assert(kWhite.entries[1u << 11] == (CODE_EOL | 11 << 12) &&
+              kBlack.entries[1u << 11] == (CODE_EOL | 11 << 12));
+static_assert(kWhite.entries[0xAC] == 7 << 12); /* white 0, 00110101: a code for run 0 */
+
+/* The tables of white and black, by colour (0 white). */
+constexpr const uint16_t *kColourTables[2] = {kWhite.entries, kBlack.entries};
 
 } // namespace
-
-/* A colour's pair of tables. */
-typedef struct Colour {
-    const uint16_t *values;
-    const uint8_t *lengths;
-} Colour;
-
-static const Colour colours[2] = {{kWhite.values, kWhite.lengths}, {kBlack.values, kBlack.lengths}};
 
 namespace {
 
@@ -144,6 +139,40 @@ constexpr ModeTables BuildModeTables()
 constexpr ModeTables kModes = BuildModeTables();
 static_assert(kModes.mode[0x01] == kV0 && kModes.mode[0x04] == kHorizontal && kModes.mode[0x08] == kPass);
 
+/* Text codes a row as short strings of V0 codes, each followed by another
+ * mode.  One look-up at the next 10 bits gives both: the string's length
+ * (its 1 bits) in the low 4 bits and the step of the code behind it above
+ * them, whenever the 10 bits settle that code's step, whatever bits follow;
+ * 0 where they do not (a longer string, or a long code behind it). */
+constexpr int kEventBits = 10;
+
+struct EventTable {
+    uint16_t entry[1 << kEventBits] = {};
+};
+
+constexpr EventTable BuildEventTable(const ModeTables &modes)
+{
+    EventTable table;
+    for (uint32_t index = 0; index < (1u << kEventBits); index++) {
+        uint32_t ones = 0;
+        while (ones < kEventBits && (index >> ones & 1))
+            ones++;
+        if (ones == kEventBits)
+            continue;
+        uint32_t known = kEventBits - ones, rest = index >> ones;
+        uint8_t step = modes.step[rest & 0xFF];
+        bool settled = true;
+        for (uint32_t high = 1; known < 8 && high < (1u << (8 - known)) && settled; high++)
+            settled = modes.step[(rest | high << known) & 0xFF] == step;
+        if (settled)
+            table.entry[index] = (uint16_t)(ones | step << 4);
+    }
+    return table;
+}
+
+constexpr EventTable kEvents = BuildEventTable(kModes);
+static_assert(kEvents.entry[0x3FF] == 0 && kEvents.entry[0x5] == (1 | kModes.step[0x2] << 4)); /* 1 010: V0, VL1 */
+
 } // namespace
 
 /* ---- the bit reader ---- */
@@ -160,11 +189,12 @@ static_assert(kModes.mode[0x01] == kV0 && kModes.mode[0x04] == kHorizontal && kM
 
 /* The window: coded data is read as a 32-bit little-endian window stepped
  * 16 bits at a time, a code taken at a bit offset of 0-15 in it.  The reader
- * keeps one bit offset
- * from the buffer's start and take the window at the code's own byte, which
- * yields the same bits with one shift; the 16-bit steps remain where they
- * are observable: a refill keeps the tail from the word that holds the next
- * code, and the refill mark counts whole words consumed. */
+ * keeps one bit offset from the buffer's start instead, and the row decoders
+ * hold the bits from that offset on in a 64-bit register, topped up a few
+ * whole bytes at a time: the same bits, one look-up per code.  The 16-bit
+ * steps remain where they are observable: a refill keeps the tail from the
+ * word that holds the next code, and the refill mark counts whole words
+ * consumed. */
 typedef struct BitReader {
     uint8_t *buffer;
     uint32_t bits;     /* bit offset of the next code from the buffer's start */
@@ -180,13 +210,22 @@ typedef struct BitReader {
 /* Bit offsets are 32-bit: a non-reading buffer holds at most this much. */
 #define MAX_CODED_BYTES 0x1FFFFF00u
 
+/* Zero bytes kept behind the data: a top-up of the register at any bit
+ * offset below the end reads only data and these. */
+#define ZERO_TAIL 16
+
 static BitReader reader;
 
-/* The row decoders' copy of the reader's hot fields, held in registers. */
+/* The row decoders' copy of the reader's hot fields, held in registers:
+ * `window` holds the `have` bits from `at` on, first bit lowest, and 0
+ * above them; `next` is the byte behind them (at + have = 8 * next). */
 typedef struct Bits {
     const uint8_t *data;
+    uint64_t window;
     uint32_t at;   /* reader.bits */
     uint32_t fast; /* reader.fastBits */
+    uint32_t next;
+    uint32_t have; /* below 64 */
 } Bits;
 
 static void ReverseBytes(uint8_t *p, uint32_t count)
@@ -200,7 +239,7 @@ static void SetEnd(BitReader *r, uint32_t end)
     r->end = end;
     r->endBits = end * 8;
     r->fastBits = end >= 4 ? (end - 4) * 8 : 0;
-    memset(r->buffer + end, 0, 4); /* the window reads zero bits behind the data */
+    memset(r->buffer + end, 0, ZERO_TAIL); /* the window reads zero bits behind the data */
 }
 
 /* The unconsumed tail (from the 16-bit word of the next code) to the front,
@@ -236,54 +275,92 @@ static NOINLINE uint32_t SlowBits(BitReader *r, uint32_t at)
     return r->bits;
 }
 
+/* Eight bytes, the first lowest: one unaligned load. */
+static inline uint64_t Load64(const uint8_t *p)
+{
+    uint64_t v;
+    memcpy(&v, p, sizeof v);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    v = __builtin_bswap64(v);
+#endif
+    return v;
+}
+
+/* Fills the register to 56-63 bits with the whole bytes that fit, without
+ * a branch.  Only while `at` lies below the end of the data (the fast or
+ * slow check done): it reads at most 15 bytes beyond at / 8. */
+static ALWAYS_INLINE void TopUp(Bits *b)
+{
+    b->window |= Load64(b->data + b->next) << b->have;
+    b->next += (63 - b->have) >> 3;
+    b->have |= 56;
+}
+
+static ALWAYS_INLINE void Consume(Bits *b, uint32_t count)
+{
+    b->at += count;
+    b->window >>= count;
+    b->have -= count;
+}
+
+/* Loads the register afresh at `at`. */
+static inline void Restart(Bits *b)
+{
+    b->window = 0;
+    b->have = 0;
+    b->next = b->at >> 3;
+    TopUp(b);
+    b->window >>= b->at & 7;
+    b->have -= b->at & 7;
+}
+
 /* Near the end of the buffer: 0 once every data bit is consumed. */
 static inline int MoreBits(BitReader *r, Bits *b)
 {
     b->at = SlowBits(r, b->at);
     b->fast = r->fastBits;
-    return b->at < r->endBits;
+    int more = b->at < r->endBits;
+    if (more)
+        Restart(b); /* the data may have moved */
+    return more;
 }
 
 static inline void BitsFrom(const BitReader *r, Bits *b)
 {
     b->data = r->buffer;
+    b->window = 0;
     b->at = r->bits;
     b->fast = r->fastBits;
+    b->next = b->at >> 3;
+    b->have = 0;
+    if (b->at < r->endBits)
+        Restart(b);
 }
 
-static inline uint32_t LoadWindow(const uint8_t *p)
-{
-    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
-}
-
-/* The next 8..25 bits, first bit lowest (the fast or slow check done). */
-static inline uint32_t Peek(const Bits *b)
-{
-    return LoadWindow(b->data + (b->at >> 3)) >> (b->at & 7);
-}
-
-/* One code: the run length 0-2560, CODE_EOL, or CODE_END. */
-static inline int ReadCode(BitReader *r, Bits *b, const Colour *colour)
+/* One code: the run length 0-2560, CODE_EOL, or CODE_END.  An index where
+ * no code begins costs one bit. */
+static ALWAYS_INLINE int ReadCode(BitReader *r, Bits *b, const uint16_t *table)
 {
     for (;;) {
         if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
             return CODE_END;
-        uint32_t index = Peek(b) & 0x1FFF; /* one look-up, 13 bits */
-        b->at += 1u + colour->lengths[index];
-        if (colour->values[index])
-            return colour->values[index] & 0xFFF;
+        TopUp(b);
+        uint32_t entry = table[b->window & (kIndexCount - 1)];
+        Consume(b, 1 + (entry >> 12));
+        if (entry)
+            return (int)(entry & 0xFFF);
     }
 }
 
-/* The 1 bits at the bottom of a window that starts with one (V0 codes);
- * the top bit counts as 0, so at most 31. */
-static inline uint32_t CountTrailingOnes(uint32_t window)
+/* The 1 bits at the bottom of a window, at most `limit` (below 64). */
+static inline uint32_t CountTrailingOnes(uint64_t window, uint32_t limit)
 {
+    window = ~window | (uint64_t)1 << limit;
 #if defined(__GNUC__)
-    return (uint32_t)__builtin_ctz(~window | 0x80000000u);
+    return (uint32_t)__builtin_ctzll(window);
 #else
     uint32_t count = 0;
-    while (count < 31 && (window >> count & 1))
+    while (!(window >> count & 1))
         count++;
     return count;
 #endif
@@ -296,7 +373,7 @@ static int ReadBit(BitReader *r)
     BitsFrom(r, &b);
     int bit = 0;
     if (b.at < b.fast || MoreBits(r, &b)) {
-        bit = (int)(Peek(&b) & 1);
+        bit = (int)(b.window & 1);
         b.at++;
     }
     r->bits = b.at;
@@ -364,6 +441,8 @@ static struct {
     int32_t width;      /* the width they were set up for */
     int reference;      /* which of rows[] holds the reference row */
     int referenceEnd;   /* the index past its record */
+    int referenceChanges; /* its changes (all below the width), before the terminators */
+    int referenceRising;  /* 1: no two of them are equal */
     int32_t rowsProduced;
 } work;
 
@@ -374,7 +453,8 @@ static void FreeRows(void)
     work.rows[0] = work.rows[1] = NULL;
 }
 
-/* The row buffers, their first 200 words preset to width, width + 1, ... */
+/* The row buffers, their first 200 words preset to width, width + 1, ...
+ * and the rest 0 (the copies of strings of V0 codes read whole blocks). */
 static int AllocateRows(int32_t width)
 {
     FreeRows();
@@ -385,6 +465,7 @@ static int AllocateRows(int32_t width)
             FreeRows();
             return IMG_ERR_MEMORY;
         }
+        memset(work.rows[i], 0, bytes);
         for (int k = 0; k < 200; k++)
             work.rows[i][k] = (uint16_t)(width + k > 0xFFFF ? 0xFFFF : width + k);
     }
@@ -437,6 +518,7 @@ typedef struct ChangeList {
     int cancelFrom; /* LIST_START + width */
     int32_t last;   /* the last change, or 0 */
     int32_t width;
+    int repeated;   /* a change was stored equal to the one before it */
 } ChangeList;
 
 /* Inlined, so that the list's fields stay in registers in the row loops. */
@@ -451,6 +533,8 @@ static ALWAYS_INLINE void PutChangeSlow(ChangeList *c, int32_t position)
         c->last = c->n > LIST_START ? c->list[c->n - 1] : 0;
         return;
     }
+    if (position == c->last && c->n > LIST_START)
+        c->repeated = 1;
     c->list[c->n++] = (uint16_t)position;
     c->last = position;
 }
@@ -474,6 +558,7 @@ static void StartList(ChangeList *c, uint16_t *list, int32_t width)
     c->cancelFrom = LIST_START + width;
     c->last = 0;
     c->width = width;
+    c->repeated = 0;
 }
 
 /* Cuts the list at its first change at or beyond the width. */
@@ -491,12 +576,12 @@ static void CutAtWidth(ChangeList *c)
 
 /* One run of one colour (EOLs before it counted in mode 3 and 128): its end
  * goes into c.  0, RUN_STOP (after placing a run cut short) or ROW_PAGE_END. */
-static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour *colour,
+static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const uint16_t *table,
                               int32_t *position, int countEols, int *eols)
 {
     int32_t code;
     for (;;) {
-        code = ReadCode(r, b, colour);
+        code = ReadCode(r, b, table);
         if (code == CODE_END)
             return RUN_STOP;
         if (code != CODE_EOL)
@@ -506,7 +591,7 @@ static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour
     }
     int32_t run = code;
     while (code >= 64) {
-        code = ReadCode(r, b, colour);
+        code = ReadCode(r, b, table);
         if (code == CODE_END)
             break;
         run += code; /* an EOL here adds 4095 */
@@ -523,16 +608,16 @@ static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const Colour
  * until the width is reached.  countEols: mode 3 or 128 (EOLs counted in
  * *eols); otherwise EOLs are ignored.  Returns 0, ROW_PAGE_END, or 1 when
  * the data ended before the row began. */
-static inline int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countEols, int *eols)
+static ALWAYS_INLINE int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countEols, int *eols)
 {
     int32_t width = c->width, position = 0;
     if (b->at >= b->fast && !MoreBits(r, b))
         return 1;
     int eolCount = *eols, status = 0; /* a local count stays in a register */
     while (position < width && !status) {
-        status = Decode1DRun(r, b, c, &colours[0], &position, countEols, &eolCount);
+        status = Decode1DRun(r, b, c, kWhite.entries, &position, countEols, &eolCount);
         if (status == 0 && position < width)
-            status = Decode1DRun(r, b, c, &colours[1], &position, countEols, &eolCount);
+            status = Decode1DRun(r, b, c, kBlack.entries, &position, countEols, &eolCount);
     }
     *eols = eolCount;
     return status == ROW_PAGE_END ? ROW_PAGE_END : 0;
@@ -556,7 +641,7 @@ static int ReadEolCode(BitReader *r)
 {
     Bits b;
     BitsFrom(r, &b);
-    int code = ReadCode(r, &b, &colours[0]);
+    int code = ReadCode(r, &b, kWhite.entries);
     r->bits = b.at;
     return code;
 }
@@ -569,7 +654,7 @@ static int SeekEol(BitReader *r, int further)
     BitsFrom(r, &b);
     int result = IMG_ERR_INVALID;
     for (int i = 0; i <= further && result < 0; i++) {
-        int code = ReadCode(r, &b, &colours[0]);
+        int code = ReadCode(r, &b, kWhite.entries);
         if (code == CODE_EOL || code == CODE_END)
             result = 0;
     }
@@ -677,11 +762,107 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
 
 /* ---- the two-dimensional row (Group 4, and Group 3 with tag 0) ---- */
 
-/* Decodes one Modified READ row against the reference changes `ref` (a
- * list ending in entries beyond the width) into c.  Returns 0, or 1 when the
- * data ended before the row began. */
-static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, ChangeList *c)
+/* A reference row: its changes from `at` on (a list ending in entries
+ * beyond the width, then guard words), and how many of them lie below the
+ * width (all before the terminators) when those rise strictly, else -1. */
+typedef struct Reference {
+    const uint16_t *at;
+    int risingChanges;
+} Reference;
+
+/* A string of `count` (0-31) V0 codes (a1 = b1 each): the changes go into
+ * c, a0 and b move on.  Returns the codes taken: fewer when the row ends. */
+static ALWAYS_INLINE uint32_t TakeV0s(const Reference *ref, int *b, int32_t *a0, ChangeList *c,
+                                      uint32_t count)
 {
+    const uint16_t *from = ref->at + *b;
+    /* `&` and `|`, not `&&` and `||`: one branch, nearly always taken. */
+    if ((*b + (int)count <= ref->risingChanges) & ((count == 0) | (from[0] > *a0))) {
+        /* Rising changes below the width and beyond a0 (so beyond the last
+         * change, which never passes a0): each would be stored as it is, so
+         * they are copied in blocks of 16 (the row buffers hold the blocks'
+         * overshoot). */
+        uint16_t *to = c->list + c->n;
+        memcpy(to, from, 32);
+        if (RARELY(count > 16))
+            memcpy(to + 16, from + 16, 32);
+        int32_t lastTaken = from[(int)count - 1]; /* from[-1] lies in the buffer too */
+        c->n += (int)count;
+        *b += (int)count;
+        *a0 = count ? lastTaken : *a0;
+        c->last = count ? lastTaken : c->last;
+        return count;
+    }
+    uint32_t used = 0;
+    while (used < count && *a0 < c->width) {
+        int32_t a1 = ref->at[(*b)++];
+        if (a1 < *a0)
+            a1 = *a0;
+        PutChange(c, a1);
+        *a0 = a1;
+        used++;
+    }
+    return used;
+}
+
+/* A vertical mode (V0 read from the mode table, VR1..3, VL1..3): a1 is b1
+ * moved by `mode`, and b walks on to the first change beyond a1 of the
+ * colour opposite to a1's.  V0 steps one change on; VR1 at most one pair
+ * further; VR2 and VR3 (a1 held at the width) and VL1..3 (one change back
+ * first, unless b1 is the first change) walk on while the change lies at or
+ * before a1.  Written without a branch on the mode: the modes mix
+ * unpredictably in text. */
+static ALWAYS_INLINE void Vertical(const uint16_t *ref, int *b, int32_t *a0, ChangeList *c, int mode)
+{
+    int32_t a1 = ref[*b] + mode;
+    int32_t capped = a1 < c->width ? a1 : c->width;
+    a1 = mode >= kVR2 ? capped : a1; /* the walk then stops at the width + 1 terminators */
+    int next = *b + 1 - 2 * ((mode < 0) & (*b > 0));
+    int skip = (mode != kV0) & (ref[next] <= a1);
+    next += 2 * skip;
+    int more = (mode != kV0) & (mode != kVR1);
+    while ((ref[next] <= a1) & more)
+        next += 2;
+    *b = next;
+    a1 = a1 < *a0 ? *a0 : a1;
+    PutChange(c, a1);
+    *a0 = a1;
+}
+
+/* The two runs of a horizontal mode, a0's colour first, each a terminating
+ * code behind any make-up codes; their ends go into c.  0, or RUN_STOP when
+ * the data ended. */
+static ALWAYS_INLINE int Horizontal(BitReader *r, Bits *bits, int *b, const uint16_t *ref,
+                                    int32_t *a0, ChangeList *c)
+{
+    /* a0's colour: every change adds or cancels one list entry, so white
+     * has an even count (the list starts at LIST_START, even). */
+    int white = !(c->n & 1);
+    const uint16_t *first = kColourTables[!white], *second = kColourTables[white];
+    int32_t run1 = 0, run2 = 0, code;
+    do {
+        code = ReadCode(r, bits, first);
+        run1 += code == CODE_END ? 0 : code;
+    } while (code >= 64 && code != CODE_END && run1 < 0x20000);
+    if (code != CODE_END) {
+        do {
+            code = ReadCode(r, bits, second);
+            run2 += code == CODE_END ? 0 : code;
+        } while (code >= 64 && code != CODE_END && run2 < 0x20000);
+    }
+    PutChange(c, *a0 + run1);
+    PutChange(c, *a0 + run1 + run2);
+    *a0 = *a0 + run1 + run2 < c->width ? *a0 + run1 + run2 : c->width;
+    while (ref[*b] <= *a0)
+        *b += 2;
+    return code == CODE_END ? RUN_STOP : 0;
+}
+
+/* Decodes one Modified READ row against the reference row into c.  Returns
+ * 0, or 1 when the data ended before the row began. */
+static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference *reference, ChangeList *c)
+{
+    const uint16_t *ref = reference->at;
     int32_t width = c->width, a0 = 0;
     int b = 0; /* index into ref of b1 */
     if (bits->at >= bits->fast && !MoreBits(r, bits))
@@ -689,107 +870,56 @@ static inline int Decode2DRowAt(BitReader *r, Bits *bits, const uint16_t *ref, C
     while (a0 < width) {
         if (RARELY(bits->at >= bits->fast) && !MoreBits(r, bits))
             return 0;
-        uint32_t window = Peek(bits);
-        if (window & 1) {
-            /* A string of V0 codes (one 1 bit each, the usual text): copied
-             * from the reference row without going back to the reader. */
-            uint32_t count = CountTrailingOnes(window), used = 0;
-            do {
-                int32_t a1 = ref[b++];
-                if (a1 < a0)
-                    a1 = a0;
-                PutChange(c, a1);
-                a0 = a1;
-                used++;
-            } while (used < count && a0 < width);
-            bits->at += used;
+        TopUp(bits);
+        uint32_t event = kEvents.entry[bits->window & ((1u << kEventBits) - 1)];
+        if (RARELY(!event)) {
+            /* A longer string of V0 codes, at most as many as a 32-bit
+             * window at the code's byte holds. */
+            uint32_t shift = bits->at & 7, limit = shift ? 32 - shift : 31;
+            uint32_t count = CountTrailingOnes(bits->window, limit);
+            Consume(bits, TakeV0s(reference, &b, &a0, c, count));
             continue;
         }
-        uint32_t step = kModes.step[window & 0xFF];
-        bits->at += step >> 4;
+        /* A string of V0 codes (one 1 bit each), then the code behind it. */
+        uint32_t used = TakeV0s(reference, &b, &a0, c, event & 15);
+        Consume(bits, used);
+        if (RARELY(a0 >= width || (used && bits->at >= bits->fast)))
+            continue; /* the row ended, or the data runs low */
+        uint32_t step = event >> 4;
+        Consume(bits, step >> 4);
         int mode = (int)(step & 15) - 3;
-        int32_t a1;
-        switch (mode) {
-        case kV0:
-            a1 = ref[b];
-            b++;
-            break;
-        case kVR1:
-            a1 = ref[b] + 1;
-            b++;
-            if (ref[b] <= a1)
-                b += 2;
-            break;
-        case kVR2:
-        case kVR3:
-            a1 = ref[b] + mode;
-            if (a1 > width)
-                a1 = width; /* the walk then stops at the width + 1 terminators */
-            b++;
-            while (ref[b] <= a1)
-                b += 2;
-            break;
-        case kVL1:
-        case kVL2:
-        case kVL3:
-            a1 = ref[b] + mode;
-            b--;
-            if (b < 0)
-                b += 2; /* before the first change: the next of that colour */
-            while (ref[b] <= a1)
-                b += 2;
-            break;
-        case kHorizontal: {
-            /* a0's colour: every change adds or cancels one list entry, so
-             * white has an even count (the list starts at LIST_START, even). */
-            int white = !(c->n & 1);
-            const Colour *first = &colours[!white], *second = &colours[white];
-            int32_t run1 = 0, run2 = 0, code;
-            do {
-                code = ReadCode(r, bits, first);
-                run1 += code == CODE_END ? 0 : code;
-            } while (code >= 64 && code != CODE_END && run1 < 0x20000);
-            if (code != CODE_END) {
-                do {
-                    code = ReadCode(r, bits, second);
-                    run2 += code == CODE_END ? 0 : code;
-                } while (code >= 64 && code != CODE_END && run2 < 0x20000);
-            }
-            PutChange(c, a0 + run1);
-            PutChange(c, a0 + run1 + run2);
-            a0 = a0 + run1 + run2 < width ? a0 + run1 + run2 : width;
-            while (ref[b] <= a0)
-                b += 2;
-            if (code == CODE_END)
+        if (mode <= kVR3) {
+            Vertical(ref, &b, &a0, c, mode);
+        } else if (mode == kHorizontal) {
+            if (Horizontal(r, bits, &b, ref, &a0, c) == RUN_STOP)
                 return 0;
-            continue;
-        }
-        case kPass:
+        } else { /* pass: a0 moves under b2, no change, the colour kept */
             b++;
             if (ref[b] > a0)
                 a0 = ref[b];
             b++;
-            continue;
-        default:
-            return 0;
         }
-        if (a1 < a0)
-            a1 = a0;
-        PutChange(c, a1);
-        a0 = a1;
     }
     return 0;
 }
 
-static int Decode2DRow(BitReader *r, const uint16_t *ref, ChangeList *c)
+static int Decode2DRow(BitReader *r, const Reference *reference, ChangeList *c)
 {
     Bits b;
     BitsFrom(r, &b);
     ChangeList list = *c;
-    int result = Decode2DRowAt(r, &b, ref, &list);
+    int result = Decode2DRowAt(r, &b, reference, &list);
     r->bits = b.at;
     *c = list;
     return result;
+}
+
+/* The reference row as the next row's decode reads it. */
+static Reference CurrentReference(void)
+{
+    Reference reference = {work.rows[work.reference] + LIST_START,
+                           work.referenceRising ? work.referenceChanges : -1};
+    return reference;
 }
 
 /* Sets the reference row of an image's first row: `count` terminators. */
@@ -799,6 +929,8 @@ static void WhiteReference(int32_t width, int count)
                                (uint16_t)(width + 1)};
     work.reference = 0;
     work.referenceEnd = Terminate(work.rows[0], LIST_START, terminators, count, width);
+    work.referenceChanges = 0;
+    work.referenceRising = 1;
 }
 
 /* The end of a row of the two-dimensional decoders: the list `c` decoded
@@ -817,6 +949,8 @@ static int EmitReferenceRow(ChangeList *c, int status, int *dataEnded, int32_t r
     else
         work.rowsProduced = rowIndex + 1;
     CutAtWidth(c);
+    work.referenceChanges = c->n - LIST_START;
+    work.referenceRising = !c->repeated;
     int n = Terminate(c->list, c->n, terminators, 4, width);
     work.reference = !work.reference;
     work.referenceEnd = n;
@@ -863,9 +997,10 @@ int CcittDecode2D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
         ChangeList c;
         StartList(&c, row, width);
         int status = 1;
-        if (!dataEnded)
-            status = oneD ? Decode1DRow(r, &c, 0, &eols)
-                          : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
+        if (!dataEnded) {
+            Reference reference = CurrentReference();
+            status = oneD ? Decode1DRow(r, &c, 0, &eols) : Decode2DRow(r, &reference, &c);
+        }
         last = EmitReferenceRow(&c, status, &dataEnded, rowIndex, 0, rowCallback, context);
         if (last < 0)
             return last;
@@ -903,7 +1038,8 @@ int CcittDecodeG4(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
         uint16_t *row = work.rows[!work.reference];
         ChangeList c;
         StartList(&c, row, width);
-        int status = dataEnded ? 1 : Decode2DRow(r, work.rows[work.reference] + LIST_START, &c);
+        Reference reference = CurrentReference();
+        int status = dataEnded ? 1 : Decode2DRow(r, &reference, &c);
         last = EmitReferenceRow(&c, status, &dataEnded, rowIndex, leadingZero, rowCallback,
                                 context);
         if (last < 0)
