@@ -45,7 +45,12 @@ constexpr int kIndexCount = 1 << kIndexBits;
  * is never 0). */
 struct CodeTable {
     uint16_t entries[kIndexCount] = {};
+    /* The entries of the codes of up to kShortBits bits by their first
+     * kShortBits bits, 0 elsewhere: a small table the usual codes find in
+     * the first level of the cache. */
+    uint16_t shortEntries[1 << 9] = {};
 };
+constexpr int kShortBits = 9;
 
 constexpr uint32_t CodeLength(const char *code)
 {
@@ -75,6 +80,9 @@ constexpr CodeTable BuildCodeTable(const char *const *terminating, const char *c
     for (int i = 0; i < 13; i++)
         AddCode(table, ccittExtendedMakeUp[i], (uint16_t)(1792 + 64 * i));
     AddCode(table, ccittEol, CODE_EOL);
+    for (uint32_t i = 0; i < (1u << kShortBits); i++)
+        if (table.entries[i] && (table.entries[i] >> 12) < kShortBits)
+            table.shortEntries[i] = table.entries[i];
     return table;
 }
 
@@ -85,8 +93,39 @@ static_assert(kWhite.entries[1u << 11] == (CODE_EOL | 11 << 12) &&
               kBlack.entries[1u << 11] == (CODE_EOL | 11 << 12));
 static_assert(kWhite.entries[0xAC] == 7 << 12); /* white 0, 00110101: a code for run 0 */
 
+/* A one-dimensional row alternates white and black runs, mostly short in
+ * text.  One look-up at the next 12 bits gives a white run and the black
+ * run behind it when both are terminating codes within those bits: the
+ * white run in bits 0-5, the black in 6-11 and the two codes' length above;
+ * 0 elsewhere. */
+constexpr int kPairBits = 12;
+
+struct PairTable {
+    uint16_t entry[1 << kPairBits] = {};
+};
+
+constexpr PairTable BuildPairTable(const CodeTable &white, const CodeTable &black)
+{
+    PairTable table;
+    for (uint32_t index = 0; index < (1u << kPairBits); index++) {
+        uint32_t first = white.entries[index], whiteLength = (first >> 12) + 1;
+        if (!first || (first & 0xFFF) >= 64 || whiteLength >= kPairBits)
+            continue;
+        uint32_t second = black.entries[index >> whiteLength];
+        uint32_t length = whiteLength + (second >> 12) + 1;
+        if (!second || (second & 0xFFF) >= 64 || length > kPairBits)
+            continue;
+        table.entry[index] = (uint16_t)((first & 63) | (second & 63) << 6 | length << 12);
+    }
+    return table;
+}
+
+constexpr PairTable kPairs = BuildPairTable(kWhite, kBlack);
+/* white 2 (0111), black 3 (10): 01 then 1110 first bit lowest */
+static_assert(kPairs.entry[0x1E] == (2 | 3 << 6 | 6 << 12));
+
 /* The tables of white and black, by colour (0 white). */
-constexpr const uint16_t *kColourTables[2] = {kWhite.entries, kBlack.entries};
+constexpr const CodeTable *kColourTables[2] = {&kWhite, &kBlack};
 
 } // namespace
 
@@ -217,12 +256,12 @@ typedef struct BitReader {
 static BitReader reader;
 
 /* The row decoders' copy of the reader's hot fields, held in registers:
- * `window` holds the `have` bits from `at` on, first bit lowest, and 0
- * above them; `next` is the byte behind them (at + have = 8 * next). */
+ * `window` holds the `have` bits from the bit offset on (reader.bits), first
+ * bit lowest, and 0 above them; `next` is the byte behind them, so that the
+ * offset is 8 * next - have. */
 typedef struct Bits {
     const uint8_t *data;
     uint64_t window;
-    uint32_t at;   /* reader.bits */
     uint32_t fast; /* reader.fastBits */
     uint32_t next;
     uint32_t have; /* below 64 */
@@ -286,9 +325,22 @@ static inline uint64_t Load64(const uint8_t *p)
     return v;
 }
 
+/* The bit offset of the next code. */
+static ALWAYS_INLINE uint32_t Offset(const Bits *b)
+{
+    return 8 * b->next - b->have;
+}
+
+/* The window at the offset may reach past the data: the slow check due. */
+static ALWAYS_INLINE int RunningLow(const Bits *b)
+{
+    return Offset(b) >= b->fast;
+}
+
 /* Fills the register to 56-63 bits with the whole bytes that fit, without
- * a branch.  Only while `at` lies below the end of the data (the fast or
- * slow check done): it reads at most 15 bytes beyond at / 8. */
+ * a branch.  It reads at most 15 bytes beyond offset / 8; the offset never
+ * passes the end of the data by more than a code and a byte alignment (a
+ * code is read only below the end), so the reads stay in the zero tail. */
 static ALWAYS_INLINE void TopUp(Bits *b)
 {
     b->window |= Load64(b->data + b->next) << b->have;
@@ -298,54 +350,57 @@ static ALWAYS_INLINE void TopUp(Bits *b)
 
 static ALWAYS_INLINE void Consume(Bits *b, uint32_t count)
 {
-    b->at += count;
     b->window >>= count;
     b->have -= count;
 }
 
-/* Loads the register afresh at `at`. */
-static inline void Restart(Bits *b)
+/* Loads the register afresh at bit offset `at`. */
+static inline void Restart(Bits *b, uint32_t at)
 {
     b->window = 0;
     b->have = 0;
-    b->next = b->at >> 3;
+    b->next = at >> 3;
     TopUp(b);
-    b->window >>= b->at & 7;
-    b->have -= b->at & 7;
+    Consume(b, at & 7);
 }
 
-/* Near the end of the buffer: 0 once every data bit is consumed. */
-static inline int MoreBits(BitReader *r, Bits *b)
+/* Near the end of the buffer: 0 once every data bit is consumed.  Out of
+ * line on a copy of the bits, so that the row loops keep theirs in
+ * registers. */
+static NOINLINE int MoreBitsOf(BitReader *r, Bits *b)
 {
-    b->at = SlowBits(r, b->at);
+    uint32_t at = SlowBits(r, Offset(b));
     b->fast = r->fastBits;
-    int more = b->at < r->endBits;
-    if (more)
-        Restart(b); /* the data may have moved */
+    Restart(b, at); /* the data may have moved */
+    return at < r->endBits;
+}
+
+static ALWAYS_INLINE int MoreBits(BitReader *r, Bits *b)
+{
+    Bits copy = *b;
+    int more = MoreBitsOf(r, &copy);
+    *b = copy;
     return more;
 }
 
 static inline void BitsFrom(const BitReader *r, Bits *b)
 {
     b->data = r->buffer;
-    b->window = 0;
-    b->at = r->bits;
     b->fast = r->fastBits;
-    b->next = b->at >> 3;
-    b->have = 0;
-    if (b->at < r->endBits)
-        Restart(b);
+    Restart(b, r->bits);
 }
 
 /* One code: the run length 0-2560, CODE_EOL, or CODE_END.  An index where
  * no code begins costs one bit. */
-static ALWAYS_INLINE int ReadCode(BitReader *r, Bits *b, const uint16_t *table)
+static ALWAYS_INLINE int ReadCode(BitReader *r, Bits *b, const CodeTable *table)
 {
     for (;;) {
-        if (RARELY(b->at >= b->fast) && !MoreBits(r, b))
+        if (RARELY(RunningLow(b)) && !MoreBits(r, b))
             return CODE_END;
         TopUp(b);
-        uint32_t entry = table[b->window & (kIndexCount - 1)];
+        uint32_t entry = table->shortEntries[b->window & ((1u << kShortBits) - 1)];
+        if (RARELY(!entry))
+            entry = table->entries[b->window & (kIndexCount - 1)];
         Consume(b, 1 + (entry >> 12));
         if (entry)
             return (int)(entry & 0xFFF);
@@ -372,11 +427,11 @@ static int ReadBit(BitReader *r)
     Bits b;
     BitsFrom(r, &b);
     int bit = 0;
-    if (b.at < b.fast || MoreBits(r, &b)) {
+    if (!RunningLow(&b) || MoreBits(r, &b)) {
         bit = (int)(b.window & 1);
-        b.at++;
+        Consume(&b, 1);
     }
-    r->bits = b.at;
+    r->bits = Offset(&b);
     return bit;
 }
 
@@ -513,33 +568,47 @@ static int EmitRecord(uint16_t *row, int n, int leadingZero, int32_t width, int3
  * width); past `width` entries a change equal to the last cancels it, so a
  * list holds at most 2 * width + 1 changes. */
 typedef struct ChangeList {
-    uint16_t *list;
-    int n;          /* next free index */
-    int cancelFrom; /* LIST_START + width */
+    uint16_t *list; /* the row buffer, the changes from LIST_START on */
+    uint16_t *out;  /* the next free word */
     int32_t last;   /* the last change, or 0 */
     int32_t width;
     int repeated;   /* a change was stored equal to the one before it */
 } ChangeList;
 
-/* Inlined, so that the list's fields stay in registers in the row loops. */
-static ALWAYS_INLINE void PutChangeSlow(ChangeList *c, int32_t position)
+/* The index past the last change. */
+static inline int ListEnd(const ChangeList *c)
+{
+    return (int)(c->out - c->list);
+}
+
+static NOINLINE void PutChangeSlowOf(ChangeList *c, int32_t position)
 {
     if (position > c->width)
         position = c->width;
     if (position < c->last)
         position = c->last;
-    if (c->n >= c->cancelFrom && position == c->last && c->n > LIST_START) {
-        c->n--;
-        c->last = c->n > LIST_START ? c->list[c->n - 1] : 0;
+    int n = ListEnd(c);
+    if (n >= LIST_START + c->width && position == c->last && n > LIST_START) {
+        c->out--;
+        c->last = n - 1 > LIST_START ? c->out[-1] : 0;
         return;
     }
-    if (position == c->last && c->n > LIST_START)
+    if (position == c->last && n > LIST_START)
         c->repeated = 1;
-    c->list[c->n++] = (uint16_t)position;
+    *c->out++ = (uint16_t)position;
     c->last = position;
 }
 
-static inline void PutChange(ChangeList *c, int32_t position)
+/* Out of line on a copy of the list, so that the row loops keep theirs in
+ * registers. */
+static ALWAYS_INLINE void PutChangeSlow(ChangeList *c, int32_t position)
+{
+    ChangeList copy = *c;
+    PutChangeSlowOf(&copy, position);
+    *c = copy;
+}
+
+static ALWAYS_INLINE void PutChange(ChangeList *c, int32_t position)
 {
     /* The usual case: a change beyond the last one, inside the row (the
      * cancelling needs an equal change, which takes the slow way anyway). */
@@ -547,15 +616,28 @@ static inline void PutChange(ChangeList *c, int32_t position)
         PutChangeSlow(c, position);
         return;
     }
-    c->list[c->n++] = (uint16_t)position;
+    *c->out++ = (uint16_t)position;
     c->last = position;
+}
+
+/* PutChange for a1 of the two-dimensional row, at or beyond a0 (below the
+ * width), which is at or beyond the last change: the usual case, a1 beyond
+ * a0 and inside the row, is told from a0 alone, which the row loop holds
+ * in a register anyway. */
+static ALWAYS_INLINE void PutChangeFrom(ChangeList *c, int32_t a0, int32_t a1)
+{
+    if (RARELY((uint32_t)(a1 - a0 - 1) >= (uint32_t)(c->width - a0))) {
+        PutChangeSlow(c, a1);
+        return;
+    }
+    *c->out++ = (uint16_t)a1;
+    c->last = a1;
 }
 
 static void StartList(ChangeList *c, uint16_t *list, int32_t width)
 {
     c->list = list;
-    c->n = LIST_START;
-    c->cancelFrom = LIST_START + width;
+    c->out = list + LIST_START;
     c->last = 0;
     c->width = width;
     c->repeated = 0;
@@ -564,8 +646,8 @@ static void StartList(ChangeList *c, uint16_t *list, int32_t width)
 /* Cuts the list at its first change at or beyond the width. */
 static void CutAtWidth(ChangeList *c)
 {
-    while (c->n > LIST_START && c->list[c->n - 1] >= c->width)
-        c->n--;
+    while (ListEnd(c) > LIST_START && c->out[-1] >= c->width)
+        c->out--;
 }
 
 /* ---- the one-dimensional row ---- */
@@ -576,7 +658,7 @@ static void CutAtWidth(ChangeList *c)
 
 /* One run of one colour (EOLs before it counted in mode 3 and 128): its end
  * goes into c.  0, RUN_STOP (after placing a run cut short) or ROW_PAGE_END. */
-static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const uint16_t *table,
+static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const CodeTable *table,
                               int32_t *position, int countEols, int *eols)
 {
     int32_t code;
@@ -611,13 +693,28 @@ static inline int Decode1DRun(BitReader *r, Bits *b, ChangeList *c, const uint16
 static ALWAYS_INLINE int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int countEols, int *eols)
 {
     int32_t width = c->width, position = 0;
-    if (b->at >= b->fast && !MoreBits(r, b))
+    if (RunningLow(b) && !MoreBits(r, b))
         return 1;
     int eolCount = *eols, status = 0; /* a local count stays in a register */
     while (position < width && !status) {
-        status = Decode1DRun(r, b, c, kWhite.entries, &position, countEols, &eolCount);
+        if (Offset(b) + kPairBits < b->fast) {
+            /* A short white run and a short black run in one look-up (the
+             * fast check holds for both codes). */
+            TopUp(b);
+            uint32_t pair = kPairs.entry[b->window & ((1u << kPairBits) - 1)];
+            if (pair && position + (int32_t)(pair & 63) < width) {
+                position += pair & 63;
+                PutChange(c, position);
+                position += (pair >> 6) & 63;
+                PutChange(c, position);
+                eolCount = 0;
+                Consume(b, pair >> 12);
+                continue;
+            }
+        }
+        status = Decode1DRun(r, b, c, &kWhite, &position, countEols, &eolCount);
         if (status == 0 && position < width)
-            status = Decode1DRun(r, b, c, kBlack.entries, &position, countEols, &eolCount);
+            status = Decode1DRun(r, b, c, &kBlack, &position, countEols, &eolCount);
     }
     *eols = eolCount;
     return status == ROW_PAGE_END ? ROW_PAGE_END : 0;
@@ -631,7 +728,7 @@ static int Decode1DRow(BitReader *r, ChangeList *c, int countEols, int *eols)
     BitsFrom(r, &b);
     ChangeList list = *c;
     int result = Decode1DRowAt(r, &b, &list, countEols, eols);
-    r->bits = b.at;
+    r->bits = Offset(&b);
     *c = list;
     return result;
 }
@@ -641,8 +738,8 @@ static int ReadEolCode(BitReader *r)
 {
     Bits b;
     BitsFrom(r, &b);
-    int code = ReadCode(r, &b, kWhite.entries);
-    r->bits = b.at;
+    int code = ReadCode(r, &b, &kWhite);
+    r->bits = Offset(&b);
     return code;
 }
 
@@ -654,11 +751,11 @@ static int SeekEol(BitReader *r, int further)
     BitsFrom(r, &b);
     int result = IMG_ERR_INVALID;
     for (int i = 0; i <= further && result < 0; i++) {
-        int code = ReadCode(r, &b, kWhite.entries);
+        int code = ReadCode(r, &b, &kWhite);
         if (code == CODE_EOL || code == CODE_END)
             result = 0;
     }
-    r->bits = b.at;
+    r->bits = Offset(&b);
     return result;
 }
 
@@ -748,7 +845,7 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
             }
         }
         uint16_t terminators[3] = {(uint16_t)width, (uint16_t)width, (uint16_t)width};
-        int n = Terminate(row, c.n, terminators, 3, width);
+        int n = Terminate(row, ListEnd(&c), terminators, 3, width);
         last = EmitRecord(row, n, leadingZero, width, rowIndex, rowCallback, context);
         if (last < 0) {
             FreeRows();
@@ -782,12 +879,12 @@ static ALWAYS_INLINE uint32_t TakeV0s(const Reference *ref, int *b, int32_t *a0,
          * change, which never passes a0): each would be stored as it is, so
          * they are copied in blocks of 16 (the row buffers hold the blocks'
          * overshoot). */
-        uint16_t *to = c->list + c->n;
+        uint16_t *to = c->out;
         memcpy(to, from, 32);
         if (RARELY(count > 16))
             memcpy(to + 16, from + 16, 32);
         int32_t lastTaken = from[(int)count - 1]; /* from[-1] lies in the buffer too */
-        c->n += (int)count;
+        c->out += count;
         *b += (int)count;
         *a0 = count ? lastTaken : *a0;
         c->last = count ? lastTaken : c->last;
@@ -798,7 +895,7 @@ static ALWAYS_INLINE uint32_t TakeV0s(const Reference *ref, int *b, int32_t *a0,
         int32_t a1 = ref->at[(*b)++];
         if (a1 < *a0)
             a1 = *a0;
-        PutChange(c, a1);
+        PutChangeFrom(c, *a0, a1);
         *a0 = a1;
         used++;
     }
@@ -825,7 +922,7 @@ static ALWAYS_INLINE void Vertical(const uint16_t *ref, int *b, int32_t *a0, Cha
         next += 2;
     *b = next;
     a1 = a1 < *a0 ? *a0 : a1;
-    PutChange(c, a1);
+    PutChangeFrom(c, *a0, a1);
     *a0 = a1;
 }
 
@@ -837,8 +934,8 @@ static ALWAYS_INLINE int Horizontal(BitReader *r, Bits *bits, int *b, const uint
 {
     /* a0's colour: every change adds or cancels one list entry, so white
      * has an even count (the list starts at LIST_START, even). */
-    int white = !(c->n & 1);
-    const uint16_t *first = kColourTables[!white], *second = kColourTables[white];
+    int white = !(ListEnd(c) & 1);
+    const CodeTable *first = kColourTables[!white], *second = kColourTables[white];
     int32_t run1 = 0, run2 = 0, code;
     do {
         code = ReadCode(r, bits, first);
@@ -858,6 +955,7 @@ static ALWAYS_INLINE int Horizontal(BitReader *r, Bits *bits, int *b, const uint
     return code == CODE_END ? RUN_STOP : 0;
 }
 
+
 /* Decodes one Modified READ row against the reference row into c.  Returns
  * 0, or 1 when the data ended before the row began. */
 static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference *reference, ChangeList *c)
@@ -865,17 +963,17 @@ static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference
     const uint16_t *ref = reference->at;
     int32_t width = c->width, a0 = 0;
     int b = 0; /* index into ref of b1 */
-    if (bits->at >= bits->fast && !MoreBits(r, bits))
+    if (RunningLow(bits) && !MoreBits(r, bits))
         return 1;
     while (a0 < width) {
-        if (RARELY(bits->at >= bits->fast) && !MoreBits(r, bits))
+        if (RARELY(RunningLow(bits)) && !MoreBits(r, bits))
             return 0;
         TopUp(bits);
         uint32_t event = kEvents.entry[bits->window & ((1u << kEventBits) - 1)];
         if (RARELY(!event)) {
             /* A longer string of V0 codes, at most as many as a 32-bit
              * window at the code's byte holds. */
-            uint32_t shift = bits->at & 7, limit = shift ? 32 - shift : 31;
+            uint32_t shift = Offset(bits) & 7, limit = shift ? 32 - shift : 31;
             uint32_t count = CountTrailingOnes(bits->window, limit);
             Consume(bits, TakeV0s(reference, &b, &a0, c, count));
             continue;
@@ -883,7 +981,7 @@ static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference
         /* A string of V0 codes (one 1 bit each), then the code behind it. */
         uint32_t used = TakeV0s(reference, &b, &a0, c, event & 15);
         Consume(bits, used);
-        if (RARELY(a0 >= width || (used && bits->at >= bits->fast)))
+        if (RARELY(a0 >= width || (used && RunningLow(bits))))
             continue; /* the row ended, or the data runs low */
         uint32_t step = event >> 4;
         Consume(bits, step >> 4);
@@ -909,7 +1007,7 @@ static int Decode2DRow(BitReader *r, const Reference *reference, ChangeList *c)
     BitsFrom(r, &b);
     ChangeList list = *c;
     int result = Decode2DRowAt(r, &b, reference, &list);
-    r->bits = b.at;
+    r->bits = Offset(&b);
     *c = list;
     return result;
 }
@@ -949,9 +1047,9 @@ static int EmitReferenceRow(ChangeList *c, int status, int *dataEnded, int32_t r
     else
         work.rowsProduced = rowIndex + 1;
     CutAtWidth(c);
-    work.referenceChanges = c->n - LIST_START;
+    work.referenceChanges = ListEnd(c) - LIST_START;
     work.referenceRising = !c->repeated;
-    int n = Terminate(c->list, c->n, terminators, 4, width);
+    int n = Terminate(c->list, ListEnd(c), terminators, 4, width);
     work.reference = !work.reference;
     work.referenceEnd = n;
     int result = EmitRecord(c->list, n, leadingZero, width, rowIndex, callback, context);
