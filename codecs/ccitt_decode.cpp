@@ -257,14 +257,15 @@ static BitReader reader;
 
 /* The row decoders' copy of the reader's hot fields, held in registers:
  * `window` holds the `have` bits from the bit offset on (reader.bits), first
- * bit lowest, and 0 above them; `next` is the byte behind them, so that the
- * offset is 8 * next - have. */
+ * bit lowest, and 0 above them; `next` points at the byte behind them, so
+ * that the offset is 8 * (next - data) - have. */
 typedef struct Bits {
     const uint8_t *data;
+    const uint8_t *next;
+    const uint8_t *nearEnd; /* data + fast / 8: before it the offset is below fast */
     uint64_t window;
-    uint32_t fast; /* reader.fastBits */
-    uint32_t next;
     uint32_t have; /* below 64 */
+    uint32_t fast; /* reader.fastBits */
 } Bits;
 
 static void ReverseBytes(uint8_t *p, uint32_t count)
@@ -328,13 +329,14 @@ static inline uint64_t Load64(const uint8_t *p)
 /* The bit offset of the next code. */
 static ALWAYS_INLINE uint32_t Offset(const Bits *b)
 {
-    return 8 * b->next - b->have;
+    return 8 * (uint32_t)(b->next - b->data) - b->have;
 }
 
-/* The window at the offset may reach past the data: the slow check due. */
+/* The window at the offset may reach past the data: the slow check due.
+ * The pointer test first: the offset is below 8 * (next - data). */
 static ALWAYS_INLINE int RunningLow(const Bits *b)
 {
-    return Offset(b) >= b->fast;
+    return RARELY(b->next >= b->nearEnd) && Offset(b) >= b->fast;
 }
 
 /* Fills the register to 56-63 bits with the whole bytes that fit, without
@@ -343,7 +345,7 @@ static ALWAYS_INLINE int RunningLow(const Bits *b)
  * code is read only below the end), so the reads stay in the zero tail. */
 static ALWAYS_INLINE void TopUp(Bits *b)
 {
-    b->window |= Load64(b->data + b->next) << b->have;
+    b->window |= Load64(b->next) << b->have;
     b->next += (63 - b->have) >> 3;
     b->have |= 56;
 }
@@ -357,9 +359,10 @@ static ALWAYS_INLINE void Consume(Bits *b, uint32_t count)
 /* Loads the register afresh at bit offset `at`. */
 static inline void Restart(Bits *b, uint32_t at)
 {
+    b->nearEnd = b->data + b->fast / 8;
     b->window = 0;
     b->have = 0;
-    b->next = at >> 3;
+    b->next = b->data + (at >> 3);
     TopUp(b);
     Consume(b, at & 7);
 }
@@ -566,11 +569,11 @@ static int EmitRecord(uint16_t *row, int n, int leadingZero, int32_t width, int3
 
 /* Appends a change (clamped to at least the previous change and at most the
  * width); past `width` entries a change equal to the last cancels it, so a
- * list holds at most 2 * width + 1 changes. */
+ * list holds at most 2 * width + 1 changes.  The word before the first
+ * change is 0, so that out[-1] is always the last change, or 0. */
 typedef struct ChangeList {
     uint16_t *list; /* the row buffer, the changes from LIST_START on */
     uint16_t *out;  /* the next free word */
-    int32_t last;   /* the last change, or 0 */
     int32_t width;
     int repeated;   /* a change was stored equal to the one before it */
 } ChangeList;
@@ -583,20 +586,19 @@ static inline int ListEnd(const ChangeList *c)
 
 static NOINLINE void PutChangeSlowOf(ChangeList *c, int32_t position)
 {
+    int32_t last = c->out[-1];
     if (position > c->width)
         position = c->width;
-    if (position < c->last)
-        position = c->last;
+    if (position < last)
+        position = last;
     int n = ListEnd(c);
-    if (n >= LIST_START + c->width && position == c->last && n > LIST_START) {
+    if (n >= LIST_START + c->width && position == last && n > LIST_START) {
         c->out--;
-        c->last = n - 1 > LIST_START ? c->out[-1] : 0;
         return;
     }
-    if (position == c->last && n > LIST_START)
+    if (position == last && n > LIST_START)
         c->repeated = 1;
     *c->out++ = (uint16_t)position;
-    c->last = position;
 }
 
 /* Out of line on a copy of the list, so that the row loops keep theirs in
@@ -612,12 +614,12 @@ static ALWAYS_INLINE void PutChange(ChangeList *c, int32_t position)
 {
     /* The usual case: a change beyond the last one, inside the row (the
      * cancelling needs an equal change, which takes the slow way anyway). */
-    if (RARELY((uint32_t)(position - c->last - 1) >= (uint32_t)(c->width - c->last))) {
+    int32_t last = c->out[-1];
+    if (RARELY((uint32_t)(position - last - 1) >= (uint32_t)(c->width - last))) {
         PutChangeSlow(c, position);
         return;
     }
     *c->out++ = (uint16_t)position;
-    c->last = position;
 }
 
 /* PutChange for a1 of the two-dimensional row, at or beyond a0 (below the
@@ -631,14 +633,13 @@ static ALWAYS_INLINE void PutChangeFrom(ChangeList *c, int32_t a0, int32_t a1)
         return;
     }
     *c->out++ = (uint16_t)a1;
-    c->last = a1;
 }
 
 static void StartList(ChangeList *c, uint16_t *list, int32_t width)
 {
     c->list = list;
     c->out = list + LIST_START;
-    c->last = 0;
+    c->out[-1] = 0;
     c->width = width;
     c->repeated = 0;
 }
@@ -697,9 +698,10 @@ static ALWAYS_INLINE int Decode1DRowAt(BitReader *r, Bits *b, ChangeList *c, int
         return 1;
     int eolCount = *eols, status = 0; /* a local count stays in a register */
     while (position < width && !status) {
-        if (Offset(b) + kPairBits < b->fast) {
+        if (b->next + 2 < b->nearEnd) {
             /* A short white run and a short black run in one look-up (the
-             * fast check holds for both codes). */
+             * fast check holds for both codes: the offset and 12 bits stay
+             * below 8 * (next - data) + 12 < fast). */
             TopUp(b);
             uint32_t pair = kPairs.entry[b->window & ((1u << kPairBits) - 1)];
             if (pair && position + (int32_t)(pair & 63) < width) {
@@ -886,8 +888,10 @@ static ALWAYS_INLINE uint32_t TakeV0s(const Reference *ref, int *b, int32_t *a0,
         int32_t lastTaken = from[(int)count - 1]; /* from[-1] lies in the buffer too */
         c->out += count;
         *b += (int)count;
-        *a0 = count ? lastTaken : *a0;
-        c->last = count ? lastTaken : c->last;
+        /* a0 = lastTaken unless count is 0, without a branch: count is 0
+         * about as often as not. */
+        int32_t keep = -(int32_t)(count == 0);
+        *a0 = (lastTaken & ~keep) | (*a0 & keep);
         return count;
     }
     uint32_t used = 0;
