@@ -268,9 +268,20 @@ typedef struct Bits {
     uint32_t fast; /* reader.fastBits */
 } Bits;
 
+/* Reverses the bits of every byte: eight bytes at a time by swapping
+ * neighbouring bits, pairs and nibbles, the rest by table. */
 static void ReverseBytes(uint8_t *p, uint32_t count)
 {
-    for (uint32_t i = 0; i < count; i++)
+    uint32_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        uint64_t v;
+        memcpy(&v, p + i, sizeof v);
+        v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
+        v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
+        v = (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
+        memcpy(p + i, &v, sizeof v);
+    }
+    for (; i < count; i++)
         p[i] = kBitReversal[p[i]];
 }
 
@@ -871,12 +882,12 @@ typedef struct Reference {
 
 /* A string of `count` (0-31) V0 codes (a1 = b1 each): the changes go into
  * c, a0 and b move on.  Returns the codes taken: fewer when the row ends. */
-static ALWAYS_INLINE uint32_t TakeV0s(const Reference *ref, int *b, int32_t *a0, ChangeList *c,
-                                      uint32_t count)
+static ALWAYS_INLINE uint32_t TakeV0s(const uint16_t *ref, int risingChanges, int *b, int32_t *a0,
+                                      ChangeList *c, uint32_t count)
 {
-    const uint16_t *from = ref->at + *b;
+    const uint16_t *from = ref + *b;
     /* `&` and `|`, not `&&` and `||`: one branch, nearly always taken. */
-    if ((*b + (int)count <= ref->risingChanges) & ((count == 0) | (from[0] > *a0))) {
+    if ((*b + (int)count <= risingChanges) & ((count == 0) | (from[0] > *a0))) {
         /* Rising changes below the width and beyond a0 (so beyond the last
          * change, which never passes a0): each would be stored as it is, so
          * they are copied in blocks of 16 (the row buffers hold the blocks'
@@ -896,7 +907,7 @@ static ALWAYS_INLINE uint32_t TakeV0s(const Reference *ref, int *b, int32_t *a0,
     }
     uint32_t used = 0;
     while (used < count && *a0 < c->width) {
-        int32_t a1 = ref->at[(*b)++];
+        int32_t a1 = ref[(*b)++];
         if (a1 < *a0)
             a1 = *a0;
         PutChangeFrom(c, *a0, a1);
@@ -965,6 +976,7 @@ static ALWAYS_INLINE int Horizontal(BitReader *r, Bits *bits, int *b, const uint
 static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference *reference, ChangeList *c)
 {
     const uint16_t *ref = reference->at;
+    const int risingChanges = reference->risingChanges;
     int32_t width = c->width, a0 = 0;
     int b = 0; /* index into ref of b1 */
     if (RunningLow(bits) && !MoreBits(r, bits))
@@ -979,11 +991,11 @@ static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference
              * window at the code's byte holds. */
             uint32_t shift = Offset(bits) & 7, limit = shift ? 32 - shift : 31;
             uint32_t count = CountTrailingOnes(bits->window, limit);
-            Consume(bits, TakeV0s(reference, &b, &a0, c, count));
+            Consume(bits, TakeV0s(ref, risingChanges, &b, &a0, c, count));
             continue;
         }
         /* A string of V0 codes (one 1 bit each), then the code behind it. */
-        uint32_t used = TakeV0s(reference, &b, &a0, c, event & 15);
+        uint32_t used = TakeV0s(ref, risingChanges, &b, &a0, c, event & 15);
         Consume(bits, used);
         if (RARELY(a0 >= width || (used && RunningLow(bits))))
             continue; /* the row ended, or the data runs low */
