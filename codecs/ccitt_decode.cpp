@@ -3,14 +3,17 @@
  * raw fax entry points IMG_decompress_fax, IMG_decompress_fax_mem and
  * IMG_decompress_fax_mem_size.
  *
- * One bit reader (least significant bit first, a 32-bit little-endian window
- * at the next code's byte, refilled in 16-bit steps), one pair of 13-bit
- * code tables per colour, one 8-bit mode table (strings of V0 codes taken
- * at once), and run records as output: rows are never expanded to pixels
- * here.
+ * One bit reader (least significant bit first; the row decoders hold the
+ * next bits in a 64-bit register), one 13-bit code table per colour with a
+ * small table of its short codes in front, one 8-bit mode table, and run
+ * records as output: rows are never expanded to pixels here.  The usual
+ * codes of text cost one look-up for two codes: a white and a black run of
+ * a one-dimensional row from a 12-bit table; a string of V0 codes and the
+ * mode behind it from a 10-bit table, the string's changes copied from the
+ * reference row in blocks.
  *
  * Hardening (docs/DEVIATIONS.md, CCITT decoder): the bit reader knows how many
- * bytes of the buffer hold data and reads zero bits behind them (the 4 bytes
+ * bytes of the buffer hold data and reads zero bits behind them (the 16 bytes
  * behind the data are cleared); once every data bit is consumed it reports
  * the end of the data, which ends the row in progress, satisfies an EOL
  * search and leaves the remaining rows white.  Every stored change lies in
@@ -37,6 +40,7 @@ namespace {
 
 constexpr int kIndexBits = 13; /* the longest code, EOL's 12 bits, plus one */
 constexpr int kIndexCount = 1 << kIndexBits;
+constexpr int kShortBits = 9;  /* the usual codes of text are no longer */
 
 /* A colour's 13-bit table: for every index whose low bits begin with a
  * code, the code's value in the low 12 bits (the run 0-2560, or CODE_EOL)
@@ -48,9 +52,8 @@ struct CodeTable {
     /* The entries of the codes of up to kShortBits bits by their first
      * kShortBits bits, 0 elsewhere: a small table the usual codes find in
      * the first level of the cache. */
-    uint16_t shortEntries[1 << 9] = {};
+    uint16_t shortEntries[1 << kShortBits] = {};
 };
-constexpr int kShortBits = 9;
 
 constexpr uint32_t CodeLength(const char *code)
 {
@@ -210,6 +213,17 @@ constexpr EventTable BuildEventTable(const ModeTables &modes)
 }
 
 constexpr EventTable kEvents = BuildEventTable(kModes);
+
+/* Bits that start with a 0 always settle the code: so a window without an
+ * entry starts with a V0 code, and taking the string moves on. */
+constexpr bool EveryCodeSettled(const EventTable &table)
+{
+    for (uint32_t index = 0; index < (1u << kEventBits); index += 2)
+        if (!table.entry[index])
+            return false;
+    return true;
+}
+static_assert(EveryCodeSettled(kEvents));
 static_assert(kEvents.entry[0x3FF] == 0 && kEvents.entry[0x5] == (1 | kModes.step[0x2] << 4)); /* 1 010: V0, VL1 */
 
 } // namespace
@@ -510,8 +524,7 @@ static struct {
     int32_t width;      /* the width they were set up for */
     int reference;      /* which of rows[] holds the reference row */
     int referenceEnd;   /* the index past its record */
-    int referenceChanges; /* its changes (all below the width), before the terminators */
-    int referenceRising;  /* 1: no two of them are equal */
+    int referenceCopyable; /* its first changes that strings of V0 codes may copy whole */
     int32_t rowsProduced;
 } work;
 
@@ -540,6 +553,7 @@ static int AllocateRows(int32_t width)
     }
     work.width = width;
     work.reference = 0;
+    work.referenceCopyable = 0;
     return 0;
 }
 
@@ -819,6 +833,7 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
     result = SetUp(width, firstRow);
     if (result < 0)
         return result;
+    work.referenceCopyable = 0; /* the rows below overwrite a row buffer */
     work.rowsProduced = firstRow;
     BitReader *r = &reader;
     StartReader(buffer, p, handle, mode != 128);
@@ -873,21 +888,22 @@ int CcittDecode1D(uint8_t *buffer, int32_t rowCount, int32_t firstRow,
 /* ---- the two-dimensional row (Group 4, and Group 3 with tag 0) ---- */
 
 /* A reference row: its changes from `at` on (a list ending in entries
- * beyond the width, then guard words), and how many of them lie below the
- * width (all before the terminators) when those rise strictly, else -1. */
+ * beyond the width, then guard words), and how many of the first ones a
+ * string of V0 codes may copy whole: all of its changes (those lie below
+ * the width) when they rise strictly, else none. */
 typedef struct Reference {
     const uint16_t *at;
-    int risingChanges;
+    int copyable;
 } Reference;
 
 /* A string of `count` (0-31) V0 codes (a1 = b1 each): the changes go into
  * c, a0 and b move on.  Returns the codes taken: fewer when the row ends. */
-static ALWAYS_INLINE uint32_t TakeV0s(const uint16_t *ref, int risingChanges, int *b, int32_t *a0,
+static ALWAYS_INLINE uint32_t TakeV0s(const uint16_t *ref, int copyable, int *b, int32_t *a0,
                                       ChangeList *c, uint32_t count)
 {
     const uint16_t *from = ref + *b;
     /* `&` and `|`, not `&&` and `||`: one branch, nearly always taken. */
-    if ((*b + (int)count <= risingChanges) & ((count == 0) | (from[0] > *a0))) {
+    if ((*b + (int)count <= copyable) & ((count == 0) | (from[0] > *a0))) {
         /* Rising changes below the width and beyond a0 (so beyond the last
          * change, which never passes a0): each would be stored as it is, so
          * they are copied in blocks of 16 (the row buffers hold the blocks'
@@ -970,13 +986,12 @@ static ALWAYS_INLINE int Horizontal(BitReader *r, Bits *bits, int *b, const uint
     return code == CODE_END ? RUN_STOP : 0;
 }
 
-
 /* Decodes one Modified READ row against the reference row into c.  Returns
  * 0, or 1 when the data ended before the row began. */
 static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference *reference, ChangeList *c)
 {
     const uint16_t *ref = reference->at;
-    const int risingChanges = reference->risingChanges;
+    const int copyable = reference->copyable;
     int32_t width = c->width, a0 = 0;
     int b = 0; /* index into ref of b1 */
     if (RunningLow(bits) && !MoreBits(r, bits))
@@ -991,11 +1006,11 @@ static ALWAYS_INLINE int Decode2DRowAt(BitReader *r, Bits *bits, const Reference
              * window at the code's byte holds. */
             uint32_t shift = Offset(bits) & 7, limit = shift ? 32 - shift : 31;
             uint32_t count = CountTrailingOnes(bits->window, limit);
-            Consume(bits, TakeV0s(ref, risingChanges, &b, &a0, c, count));
+            Consume(bits, TakeV0s(ref, copyable, &b, &a0, c, count));
             continue;
         }
         /* A string of V0 codes (one 1 bit each), then the code behind it. */
-        uint32_t used = TakeV0s(ref, risingChanges, &b, &a0, c, event & 15);
+        uint32_t used = TakeV0s(ref, copyable, &b, &a0, c, event & 15);
         Consume(bits, used);
         if (RARELY(a0 >= width || (used && RunningLow(bits))))
             continue; /* the row ended, or the data runs low */
@@ -1031,8 +1046,7 @@ static int Decode2DRow(BitReader *r, const Reference *reference, ChangeList *c)
 /* The reference row as the next row's decode reads it. */
 static Reference CurrentReference(void)
 {
-    Reference reference = {work.rows[work.reference] + LIST_START,
-                           work.referenceRising ? work.referenceChanges : -1};
+    Reference reference = {work.rows[work.reference] + LIST_START, work.referenceCopyable};
     return reference;
 }
 
@@ -1043,8 +1057,7 @@ static void WhiteReference(int32_t width, int count)
                                (uint16_t)(width + 1)};
     work.reference = 0;
     work.referenceEnd = Terminate(work.rows[0], LIST_START, terminators, count, width);
-    work.referenceChanges = 0;
-    work.referenceRising = 1;
+    work.referenceCopyable = 0;
 }
 
 /* The end of a row of the two-dimensional decoders: the list `c` decoded
@@ -1063,8 +1076,7 @@ static int EmitReferenceRow(ChangeList *c, int status, int *dataEnded, int32_t r
     else
         work.rowsProduced = rowIndex + 1;
     CutAtWidth(c);
-    work.referenceChanges = ListEnd(c) - LIST_START;
-    work.referenceRising = !c->repeated;
+    work.referenceCopyable = c->repeated ? 0 : ListEnd(c) - LIST_START;
     int n = Terminate(c->list, ListEnd(c), terminators, 4, width);
     work.reference = !work.reference;
     work.referenceEnd = n;
