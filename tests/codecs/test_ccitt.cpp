@@ -115,8 +115,20 @@ RoundTrip Dense()
     }
     return t;
 }
+// Single pixels alternating across the widest row, twice: the second row is
+// one long string of V0 codes, the first one white and black runs of 1.
+RoundTrip AlternatingWidest()
+{
+    RoundTrip t{"alternating pixels across the widest row, twice", RUN_MAX_WIDTH, {}};
+    std::vector<std::pair<int, int>> spans;
+    for (int x = 1; x < RUN_MAX_WIDTH; x += 2)
+        spans.push_back({x, x + 1});
+    t.rows = {spans, spans};
+    return t;
+}
 const RoundTrip kRoundTrips[] = {
     Dense(),
+    AlternatingWidest(),
     {"one white pixel", 1, {{}}},
     {"one black pixel", 1, {{{0, 1}}}},
     {"all white 1728", 1728, {{}, {}}},
