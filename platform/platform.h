@@ -16,11 +16,6 @@ void *PlatformRealloc(void *pointer, size_t size);
 /* Frees a block of this layer; a pointer that is not the start of a block is
  * left alone. */
 void PlatformFree(void *pointer);
-/* Has the system back the pages of `size` bytes from `pointer` in one go
- * where it can, instead of one page fault at a time as they are first
- * written: for a large fresh block about to be filled.  Only a hint: where
- * the system has no such call the pages come in as usual. */
-void PlatformPrepareWrite(void *pointer, size_t size);
 /* The size of the block that starts at pointer; 0 when the pointer is not the
  * start of a live block, the block is discarded, or its size is 0. */
 size_t PlatformBlockSize(const void *pointer);

@@ -10,7 +10,6 @@
 #ifndef _WIN32
 
 #define _POSIX_C_SOURCE 200809L
-#define _DEFAULT_SOURCE /* madvise */
 #include "platform/platform.h"
 
 #include <errno.h>
@@ -18,7 +17,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -148,22 +146,6 @@ void PlatformFree(void *pointer)
         return;
     BlockRemove(entry);
     free(pointer);
-}
-
-void PlatformPrepareWrite(void *pointer, size_t size)
-{
-#ifdef MADV_POPULATE_WRITE
-    /* Whole pages inside the range; kernels before 5.14 refuse the call
-     * (EINVAL) and the pages fault in as usual. */
-    uintptr_t page = (uintptr_t)sysconf(_SC_PAGESIZE);
-    uintptr_t start = ((uintptr_t)pointer + page - 1) & ~(page - 1);
-    uintptr_t end = ((uintptr_t)pointer + size) & ~(page - 1);
-    if (end > start)
-        (void)madvise((void *)start, end - start, MADV_POPULATE_WRITE);
-#else
-    (void)pointer;
-    (void)size;
-#endif
 }
 
 size_t PlatformBlockSize(const void *pointer)

@@ -49,13 +49,6 @@ void PlatformFree(void *pointer)
     GlobalFree(block);
 }
 
-void PlatformPrepareWrite(void *pointer, size_t size)
-{
-    /* Nothing to ask for: the pages of a fresh block come in as written. */
-    (void)pointer;
-    (void)size;
-}
-
 size_t PlatformBlockSize(const void *pointer)
 {
     if (!pointer)

@@ -18,6 +18,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <bit>
+
 #include "core/guard.h"
 #include "core/progress.h"
 #include "core/dib.h"
@@ -25,13 +27,11 @@
 #include "core/imgapi.h"
 #include "core/imgio.h"
 #include "core/runs.h"
-#include "platform/platform.h"
 
 #define ROTATE_PI 3.14159265358979323846
 #define RESULT_SLACK 8192u       /* slack behind every result block */
 #define BLOCK_LIMIT 0x7FFFFFFFu  /* the largest block a 32-bit size describes */
 #define QUARTER_EXTRA_ROWS 33    /* rows of a quarter turn's block: width + 33 */
-#define PREPARE_BYTES (1u << 20) /* a pixel area this large has its pages backed in one go */
 
 /* ---- shared pieces ---- */
 
@@ -54,8 +54,6 @@ static uint8_t *NewResultBlock(const ImgDescriptor *d, uint64_t pixelBytes, int 
     if (!block)
         return NULL;
     memcpy(block, d->dib, offset);
-    if (pixelBytes >= PREPARE_BYTES)
-        PlatformPrepareWrite(block + offset, (size_t)pixelBytes);
     if (fill >= 0)
         memset(block + offset, fill, (size_t)(pixelBytes + RESULT_SLACK));
     return block;
@@ -146,8 +144,8 @@ static void InstallCodedStore(ImgDescriptor *d, ImgDescriptor *store)
 
 /* ---- quarter turn ---- */
 
-#define TURN_BAND 32 /* new rows per band of a byte-depth turn */
-#define TURN_TILE 64 /* pixels of a new row per tile: a tile's reads and writes stay in L1 */
+#define TURN_BAND 8 /* new rows per band of a byte-depth turn */
+#define TURN_TILE 256 /* pixels of a new row per tile: a tile's reads and writes stay in L1 */
 
 /* Progress for `count` new rows. */
 static int ReportRows(int32_t count, int32_t total)
@@ -236,17 +234,55 @@ static void ClearRowPadding(const Raster *target, int32_t j0, int32_t j1, size_t
                (size_t)target->stride - used);
 }
 
-/* Whole pixels of Size bytes: new rows j0 .. j1 - 1, pixels r0 .. r1 - 1. */
+/* Stores the pixels of Size bytes of `Group<Size>` old rows, from `at` on,
+ * rows `step` apart, as one run of a new row: 8 / Size pixels in one word,
+ * four 3-byte pixels in 12 bytes, each 3-byte pixel read as 4 (the caller
+ * knows the byte behind it lies in the block).  Little-endian: the first
+ * pixel in the low bytes. */
+template <size_t Size>
+constexpr int Group = Size == 3 ? 4 : (int)(8 / Size);
+
+template <size_t Size>
+static inline void StoreGroup(const uint8_t *first, ptrdiff_t at, ptrdiff_t step, uint8_t *out)
+{
+    if constexpr (Size == 3) {
+        uint32_t p[4];
+        for (int g = 0; g < 4; g++)
+            memcpy(&p[g], first + at + g * step, 4);
+        uint64_t low = (uint64_t)(p[0] & 0xFFFFFF) | (uint64_t)(p[1] & 0xFFFFFF) << 24 | (uint64_t)p[2] << 48;
+        uint32_t high = (p[2] >> 16 & 0xFF) | p[3] << 8;
+        memcpy(out, &low, 8);
+        memcpy(out + 8, &high, 4);
+    } else {
+        uint64_t word = 0;
+        for (int g = 0; g < Group<Size>; g++) {
+            uint64_t pixel = 0;
+            memcpy(&pixel, first + at + g * step, Size);
+            word |= pixel << (8 * Size * g);
+        }
+        memcpy(out, &word, 8);
+    }
+}
+
+/* Whole pixels of Size bytes: new rows j0 .. j1 - 1, pixels r0 .. r1 - 1,
+ * a group of old rows per store where the machine's byte order allows. */
 template <size_t Size>
 static void TurnPixelTile(const PlainTurn &turn, const Raster *target, int32_t j0, int32_t j1,
                           int32_t r0, int32_t r1)
 {
     const uint8_t *first = turn.RowStart(r0);
     ptrdiff_t step = turn.RowStep();
+    /* Only the last pixel of the last row can end the block. */
+    bool roomBehind = (uint64_t)turn.stride > (uint64_t)turn.width * Size;
     for (int32_t j = j0; j < j1; j++) {
-        ptrdiff_t at = (ptrdiff_t)turn.Column(j) * (ptrdiff_t)Size;
+        int32_t column = turn.Column(j);
+        ptrdiff_t at = (ptrdiff_t)column * (ptrdiff_t)Size;
         uint8_t *out = target->pixels + (size_t)j * (size_t)target->stride + (size_t)r0 * Size;
-        for (int32_t r = r0; r < r1; r++, at += step, out += Size)
+        int32_t r = r0;
+        if (std::endian::native == std::endian::little && (Size != 3 || roomBehind || column + 1 < turn.width))
+            for (; r1 - r >= Group<Size>; r += Group<Size>, at += Group<Size> * step, out += Group<Size> * Size)
+                StoreGroup<Size>(first, at, step, out);
+        for (; r < r1; r++, at += step, out += Size)
             memcpy(out, first + at, Size);
     }
 }
@@ -390,21 +426,17 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 
 /* ---- quarter turn of coded rows ---- */
 
-#define BAND_WORDS 4             /* a band of a coded turn: 4 words of 64 columns */
-#define BAND_COLUMNS (64 * BAND_WORDS)
-#define NO_CHANGE_RIGHT INT32_MAX /* `edge` when no change is left to the right */
-#define NO_CHANGE_LEFT (-1)       /* ... or to the left */
+/* The pixels of a coded page are expanded a chunk of columns at a time, for
+ * every row; a chunk's words stay within this budget (second-level cache). */
+#define CHUNK_BUDGET_WORDS 32768
 
 /* The colour changes of one coded row below the width, in increasing
- * order.  The bands are read in order from one side: `cursor` counts the
- * changes left of the band being read, `edge` is the change next to it on
- * the side still to be read (read from the left: at[cursor]; from the
- * right: at[cursor - 1]), so that a row without changes in a band is passed
- * over without reading its record. */
+ * order; the chunks are read in order from one side, `cursor` counting the
+ * changes left of the chunk read next (from the left) or of the end of the
+ * chunk read last (from the right). */
 typedef struct RowChanges {
     const uint16_t *at;
     uint32_t count, cursor;
-    int32_t edge;
 } RowChanges;
 
 /* Whether toggling the colour at each position below the width gives what
@@ -466,7 +498,7 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
     for (int32_t r = 0; r < d->height; r++) {
         uint32_t bytes;
         const uint16_t *record = RunStoreRow(d, r, &bytes);
-        rows[r] = RowChanges{NULL, 0, 0, 0};
+        rows[r] = RowChanges{NULL, 0, 0};
         if (!record) /* not described by the index: white */
             continue;
         if (ChangesInOrder(record, bytes / 2, d->width, &rows[r].count))
@@ -499,144 +531,121 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
     return 0;
 }
 
-/* The pixels x0 .. x0 + BAND_COLUMNS - 1 of a row into words[w][k]
- * (w = 0 .. BAND_WORDS - 1; bit 63 first, 1 white), the bands read from
- * the left (FromLeft) or from the right.  The colour toggles at each change:
- * the toggles are set as bits and summed from the left by xor, starting
- * from the colour after the changes left of x0. */
+/* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0 .. words) (bit 63
+ * first, 1 white), the chunks read from the left (FromLeft) or from the
+ * right.  The colour toggles at each change: the toggles are set as bits
+ * and summed from the left by xor, starting from the colour after the
+ * changes left of x0. */
 template <bool FromLeft>
-static void BandBits(RowChanges *row, int32_t x0, uint64_t words[][64], int k)
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *out)
 {
-    uint64_t toggles[BAND_WORDS] = {};
+    for (int32_t w = 0; w < words; w++)
+        out[w] = 0;
+    const uint16_t *at = row->at;
     uint32_t before; /* changes left of x0 */
-    bool none;
     if (FromLeft) {
-        before = row->cursor;
-        none = row->edge >= x0 + BAND_COLUMNS;
-        if (!none) {
-            uint32_t i = before;
-            int32_t edge = row->edge;
-            do {
-                uint32_t offset = (uint32_t)(edge - x0);
-                toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
-                i++;
-                edge = i < row->count ? row->at[i] : NO_CHANGE_RIGHT;
-            } while (edge < x0 + BAND_COLUMNS);
-            row->cursor = i;
-            row->edge = edge;
+        int32_t x1 = x0 + 64 * words;
+        uint32_t i = row->cursor;
+        before = i;
+        for (; i < row->count && at[i] < x1; i++) {
+            uint32_t offset = (uint32_t)(at[i] - x0);
+            out[offset / 64] ^= (1ull << 63) >> (offset % 64);
         }
+        row->cursor = i;
     } else {
-        none = row->edge < x0;
-        if (!none) {
-            uint32_t i = row->cursor;
-            int32_t edge = row->edge;
-            do {
-                uint32_t offset = (uint32_t)(edge - x0);
-                toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
-                i--;
-                edge = i > 0 ? row->at[i - 1] : NO_CHANGE_LEFT;
-            } while (edge >= x0);
-            row->cursor = i;
-            row->edge = edge;
+        uint32_t i = row->cursor;
+        for (; i > 0 && at[i - 1] >= x0; i--) {
+            uint32_t offset = (uint32_t)(at[i - 1] - x0);
+            out[offset / 64] ^= (1ull << 63) >> (offset % 64);
         }
-        before = row->cursor;
+        row->cursor = before = i;
     }
-    uint64_t parity = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
-    if (none) {
-        for (int w = 0; w < BAND_WORDS; w++)
-            words[w][k] = ~parity;
-        return;
-    }
-    for (int w = 0; w < BAND_WORDS; w++) {
-        uint64_t t = toggles[w];
+    uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
+    for (int32_t w = 0; w < words; w++) {
+        uint64_t t = out[w];
         t ^= t >> 1;
         t ^= t >> 2;
         t ^= t >> 4;
         t ^= t >> 8;
         t ^= t >> 16;
         t ^= t >> 32;
-        t ^= parity;
-        words[w][k] = ~t;
-        parity = (t & 1) ? ~0ull : 0;
+        t ^= black;
+        out[w] = ~t;
+        black = (t & 1) ? ~0ull : 0;
     }
 }
 
-/* The changes of the new rows of the old columns x0 .. x0 + BAND_COLUMNS - 1:
- * rows[i] of `rowWords` words is column x0 + i, bit c % 64 of word c / 64
- * set where its pixel c differs from pixel c - 1 (pixel -1 white); pixel c
- * is the old row height - 1 - c (clockwise, bands from the left) or c (from
- * the right).  64 x 64 blocks are turned at a time, their rows put in from
- * the bottom so that pixel c lands in bit c % 64. */
+/* The changes of the 64 new rows of one word column w of an expanded chunk
+ * (`words` words per old row): rows[i] of `rowWords` words is old column
+ * 64 w + i of the chunk, bit c % 64 of word c / 64 set where its pixel c
+ * differs from pixel c - 1 (pixel -1 white); pixel c is the old row
+ * height - 1 - c (clockwise) or c.  64 x 64 blocks are turned at a time,
+ * their rows put in from the bottom so that pixel c lands in bit c % 64. */
 template <bool Clockwise>
-static void TurnCodedBand(RowChanges *changes, int32_t height, int32_t x0, uint64_t *rows,
-                          size_t rowWords)
+static void TurnChunkWord(const uint64_t *chunk, int32_t words, int32_t w, int32_t height,
+                          uint64_t *rows, size_t rowWords)
 {
-    uint64_t above[BAND_WORDS]; /* the pixels of the row before, all white at first */
-    for (int w = 0; w < BAND_WORDS; w++)
-        above[w] = ~0ull;
+    uint64_t above = ~0ull; /* the pixels of the row before, all white at first */
     for (int32_t c0 = 0; c0 < height; c0 += 64) {
-        uint64_t blocks[BAND_WORDS][64];
+        uint64_t block[64];
+        uint64_t any = 0;
         for (int k = 0; k < 64; k++) {
             int32_t c = c0 + k;
-            int32_t ahead = c + 16 < height ? c + 16 : height - 1;
-            const RowChanges *later = &changes[Clockwise ? height - 1 - ahead : ahead];
-            __builtin_prefetch(later->at + later->cursor);
+            uint64_t pixels = ~0ull;
             if (c < height)
-                BandBits<Clockwise>(&changes[Clockwise ? height - 1 - c : c], x0, blocks, 63 - k);
-            else
-                for (int w = 0; w < BAND_WORDS; w++)
-                    blocks[w][63 - k] = ~0ull;
+                pixels = chunk[(size_t)(Clockwise ? height - 1 - c : c) * (size_t)words + (size_t)w];
+            block[63 - k] = pixels ^ above;
+            any |= block[63 - k];
+            above = pixels;
         }
-        for (int w = 0; w < BAND_WORDS; w++) {
-            uint64_t any = 0;
-            for (int k = 0; k < 64; k++) {
-                uint64_t pixels = blocks[w][63 - k];
-                blocks[w][63 - k] = pixels ^ above[w];
-                above[w] = pixels;
-                any |= blocks[w][63 - k];
-            }
-            if (any) /* a block without changes is its own transpose */
-                Transpose64(blocks[w]);
-            for (int i = 0; i < 64; i++)
-                rows[(size_t)(w * 64 + i) * rowWords + (size_t)c0 / 64] = blocks[w][i];
-        }
+        if (any) /* a block without changes is its own transpose */
+            Transpose64(block);
+        for (int i = 0; i < 64; i++)
+            rows[(size_t)i * rowWords + (size_t)c0 / 64] = block[i];
     }
 }
 
-/* Builds the turned rows band by band, 64 columns of the page at a time,
- * straight from the change positions (no expanded page), and codes them in
- * order: clockwise, new row t is old column t, pixel c the old row
- * height - 1 - c; counter-clockwise new row t is old column width - 1 - t,
- * pixel c the old row c.  Progress once per new row (total: the old width). */
+/* Builds the turned rows from the change positions, a chunk of columns at a
+ * time (never the whole page expanded), and codes them in order: clockwise,
+ * new row t is old column t, pixel c the old row height - 1 - c;
+ * counter-clockwise new row t is old column width - 1 - t, pixel c the old
+ * row c.  Progress once per new row (total: the old width). */
 template <bool Clockwise>
 static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChanges *changes)
 {
+    int32_t pageWords = (d->width + 63) / 64;
+    int32_t chunkWords = CHUNK_BUDGET_WORDS / d->height;
+    chunkWords = chunkWords < 1 ? 1 : chunkWords > pageWords ? pageWords : chunkWords;
     size_t rowWords = ((size_t)d->height + 63) / 64;
-    uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * BAND_COLUMNS * sizeof(uint64_t)));
+    uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc((size_t)d->height * (size_t)chunkWords * 8));
+    uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * 64 * 8));
     uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(d->height)));
-    int result = rows && record ? 0 : IMG_ERR_MEMORY;
-    for (int32_t r = 0; r < d->height; r++) {
-        RowChanges *row = &changes[r];
-        row->cursor = Clockwise ? 0 : row->count;
-        if (Clockwise)
-            row->edge = row->count ? row->at[0] : NO_CHANGE_RIGHT;
-        else
-            row->edge = row->count ? row->at[row->count - 1] : NO_CHANGE_LEFT;
-    }
-    int32_t bands = (d->width + BAND_COLUMNS - 1) / BAND_COLUMNS;
-    for (int32_t b = 0; result == 0 && b < bands; b++) {
-        int32_t x0 = BAND_COLUMNS * (Clockwise ? b : bands - 1 - b);
-        TurnCodedBand<Clockwise>(changes, d->height, x0, rows, rowWords);
-        int32_t count = d->width - x0 < BAND_COLUMNS ? d->width - x0 : BAND_COLUMNS;
-        for (int32_t n = 0; result == 0 && n < count; n++) {
-            int32_t i = Clockwise ? n : count - 1 - n;
-            int32_t t = Clockwise ? x0 + i : d->width - 1 - (x0 + i);
-            if ((result = ImgReportProgress(d->width)) < 0)
-                break;
-            int bytes = RunEncodeChanges(rows + (size_t)i * rowWords, d->height, record);
-            result = RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0);
+    int result = chunk && rows && record ? 0 : IMG_ERR_MEMORY;
+    for (int32_t r = 0; r < d->height; r++)
+        changes[r].cursor = Clockwise ? 0 : changes[r].count;
+    int32_t chunks = (pageWords + chunkWords - 1) / chunkWords;
+    for (int32_t q = 0; result == 0 && q < chunks; q++) {
+        int32_t w0 = chunkWords * (Clockwise ? q : chunks - 1 - q);
+        int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
+        for (int32_t r = 0; r < d->height; r++)
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, chunk + (size_t)r * (size_t)words);
+        for (int32_t n = 0; result == 0 && n < words; n++) {
+            int32_t w = Clockwise ? n : words - 1 - n;
+            TurnChunkWord<Clockwise>(chunk, words, w, d->height, rows, rowWords);
+            int32_t x0 = 64 * (w0 + w);
+            int32_t count = d->width - x0 < 64 ? d->width - x0 : 64;
+            for (int32_t m = 0; m < count; m++) {
+                int32_t i = Clockwise ? m : count - 1 - m;
+                int32_t t = Clockwise ? x0 + i : d->width - 1 - (x0 + i);
+                if ((result = ImgReportProgress(d->width)) < 0)
+                    break;
+                int bytes = RunEncodeChanges(rows + (size_t)i * rowWords, d->height, record);
+                if ((result = RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0)) < 0)
+                    break;
+            }
         }
     }
+    ImgFree(chunk);
     ImgFree(rows);
     ImgFree(record);
     return result;
