@@ -2,15 +2,17 @@
  * rotate.cpp - IMG_rotate_bitmap.
  *
  * 0 does nothing; 18000 is a flip left-right and a flip top-bottom (the
- * second without progress); 9000 and 27000 are quarter turns by
- * transposition; any other angle is a free rotation by the inverse 16.16
- * nearest-neighbour mapping, on a canvas grown by the folded
- * angle.  Run-coded images are expanded into a plain buffer, turned, and
- * re-coded row by row through core/runs.cpp.
+ * second without progress); 9000 and 27000 are quarter turns, written in one
+ * pass straight into the turned orientation; any other angle is a free
+ * rotation by the inverse 16.16 nearest-neighbour mapping, on a canvas grown
+ * by the folded angle.  A run-coded page turns a quarter from its change
+ * positions, a chunk of columns at a time, and is re-coded row by row; for
+ * a free rotation it is expanded into a plain buffer, turned and re-coded,
+ * all through core/runs.cpp.
  *
  * Every new picture is built beside the old one and put in place only when
  * complete, so a failure (memory, a negative progress result, a failing
- * flip) leaves the image as it was.  Empty or oversized canvases, reads in
+ * flip of a half turn) leaves the image as it was.  Empty or oversized canvases, reads in
  * the source block's slack and 32-bit products are handled as
  * docs/DEVIATIONS.md lists under rotate, flip and invert.
  */
@@ -144,8 +146,11 @@ static void InstallCodedStore(ImgDescriptor *d, ImgDescriptor *store)
 
 /* ---- quarter turn ---- */
 
-#define TURN_BAND 8 /* new rows per band of a byte-depth turn */
-#define TURN_TILE 256 /* pixels of a new row per tile: a tile's reads and writes stay in L1 */
+/* A byte-depth turn goes band by band of new rows and, in a band, tile by
+ * tile of pixels: a tile's reads (one short piece of each of 256 old rows)
+ * and writes stay in the first-level cache. */
+#define TURN_BAND 8
+#define TURN_TILE 256
 
 /* Progress for `count` new rows. */
 static int ReportRows(int32_t count, int32_t total)
@@ -234,14 +239,15 @@ static void ClearRowPadding(const Raster *target, int32_t j0, int32_t j1, size_t
                (size_t)target->stride - used);
 }
 
-/* Stores the pixels of Size bytes of `Group<Size>` old rows, from `at` on,
- * rows `step` apart, as one run of a new row: 8 / Size pixels in one word,
- * four 3-byte pixels in 12 bytes, each 3-byte pixel read as 4 (the caller
- * knows the byte behind it lies in the block).  Little-endian: the first
- * pixel in the low bytes. */
+/* Pixels of Size bytes stored at once: a word of them, or four 3-byte ones. */
 template <size_t Size>
 constexpr int Group = Size == 3 ? 4 : (int)(8 / Size);
 
+/* Stores the pixels of Group<Size> old rows, from `at` on, rows `step`
+ * apart, as one run of a new row: 8 / Size pixels in one word, four 3-byte
+ * pixels in 12 bytes, each 3-byte pixel read as 4 (the caller knows the
+ * byte behind it lies in the block).  Little-endian: the first pixel in the
+ * low bytes. */
 template <size_t Size>
 static inline void StoreGroup(const uint8_t *first, ptrdiff_t at, ptrdiff_t step, uint8_t *out)
 {
@@ -249,7 +255,8 @@ static inline void StoreGroup(const uint8_t *first, ptrdiff_t at, ptrdiff_t step
         uint32_t p[4];
         for (int g = 0; g < 4; g++)
             memcpy(&p[g], first + at + g * step, 4);
-        uint64_t low = (uint64_t)(p[0] & 0xFFFFFF) | (uint64_t)(p[1] & 0xFFFFFF) << 24 | (uint64_t)p[2] << 48;
+        uint64_t low = (uint64_t)(p[0] & 0xFFFFFF) | (uint64_t)(p[1] & 0xFFFFFF) << 24 |
+                       (uint64_t)p[2] << 48;
         uint32_t high = (p[2] >> 16 & 0xFF) | p[3] << 8;
         memcpy(out, &low, 8);
         memcpy(out + 8, &high, 4);
@@ -274,13 +281,15 @@ static void TurnPixelTile(const PlainTurn &turn, const Raster *target, int32_t j
     ptrdiff_t step = turn.RowStep();
     /* Only the last pixel of the last row can end the block. */
     bool roomBehind = (uint64_t)turn.stride > (uint64_t)turn.width * Size;
+    constexpr int group = Group<Size>;
     for (int32_t j = j0; j < j1; j++) {
         int32_t column = turn.Column(j);
         ptrdiff_t at = (ptrdiff_t)column * (ptrdiff_t)Size;
         uint8_t *out = target->pixels + (size_t)j * (size_t)target->stride + (size_t)r0 * Size;
         int32_t r = r0;
-        if (std::endian::native == std::endian::little && (Size != 3 || roomBehind || column + 1 < turn.width))
-            for (; r1 - r >= Group<Size>; r += Group<Size>, at += Group<Size> * step, out += Group<Size> * Size)
+        bool grouped = Size != 3 || roomBehind || column + 1 < turn.width;
+        if (std::endian::native == std::endian::little && grouped)
+            for (; r1 - r >= group; r += group, at += group * step, out += group * Size)
                 StoreGroup<Size>(first, at, step, out);
         for (; r < r1; r++, at += step, out += Size)
             memcpy(out, first + at, Size);
@@ -320,8 +329,8 @@ static void TurnNibbleBand(const PlainTurn &turn, const Raster *target, int32_t 
     ClearRowPadding(target, j0, j1, ((size_t)turn.height + 1) / 2);
 }
 
-/* 1 bit: the old columns x0 .. x0 + 63 (new rows Column(j) = x) in 64 x 64 bit
- * blocks; bits of pixels r >= height are 0. */
+/* 1 bit: the old columns x0 .. x0 + 63 (new rows j with Column(j) = x) in
+ * 64 x 64 bit blocks; bits of pixels r >= height are 0. */
 static void TurnBitBand(const PlainTurn &turn, const Raster *target, int32_t x0)
 {
     size_t sourceBytes = ((size_t)turn.width + 7) / 8, targetBytes = ((size_t)turn.height + 7) / 8;
@@ -397,15 +406,16 @@ static void TurnGeometry(ImgDescriptor *d, int32_t stride)
 }
 
 /* One pass into a new block.  Progress comes in two passes of the new
- * height, the second after the pixels are in place: callers count on a
- * plain quarter turn reporting every row twice. */
+ * height, the second after the pixels are in place: a plain quarter turn
+ * reports every new row twice (docs/DEVIATIONS.md). */
 static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 {
     int bits = ImgDescriptorBits(d);
     uint32_t offset = ImgDescriptorBitsOffset(d);
     uint64_t stride = DibStride((uint32_t)d->height, bits);
-    uint64_t area = DibStride((uint32_t)d->height + 1, bits) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
-    uint8_t *block = NewResultBlock(d, area, -1);
+    uint64_t area =
+        DibStride((uint32_t)d->height + 1, bits) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
+    uint8_t *block = NewResultBlock(d, area, -1); /* every byte of the new rows is written */
     if (!block)
         return IMG_ERR_MEMORY;
     PlainTurn turn = {d->dib + offset, d->width, d->height, d->stride, angle == 9000};
@@ -427,8 +437,10 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 /* ---- quarter turn of coded rows ---- */
 
 /* The pixels of a coded page are expanded a chunk of columns at a time, for
- * every row; a chunk's words stay within this budget (second-level cache). */
+ * every row; a chunk's words stay within this budget (second-level cache),
+ * at most CHUNK_WORDS words of 64 columns a row. */
 #define CHUNK_BUDGET_WORDS 32768
+#define CHUNK_WORDS 64
 
 /* The colour changes of one coded row below the width, in increasing
  * order; the chunks are read in order from one side, `cursor` counting the
@@ -523,7 +535,8 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
         if (!record || rows[r].at)
             continue;
         rows[r].at = next;
-        rows[r].count = ChangesOfExpandedRow(record, bytes, d->width, row, (uint32_t)d->stride, next);
+        rows[r].count =
+            ChangesOfExpandedRow(record, bytes, d->width, row, (uint32_t)d->stride, next);
         next += bytes / 2;
     }
     ImgFree(row);
@@ -531,16 +544,16 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
     return 0;
 }
 
-/* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0 .. words) (bit 63
- * first, 1 white), the chunks read from the left (FromLeft) or from the
- * right.  The colour toggles at each change: the toggles are set as bits
- * and summed from the left by xor, starting from the colour after the
- * changes left of x0. */
+/* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
+ * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
+ * left (FromLeft) or from the right.  The colour toggles at each change: the
+ * toggles are set as bits in `toggles` (all 0 on entry and on return) and
+ * summed from the left by xor, starting from the colour after the changes
+ * left of x0. */
 template <bool FromLeft>
-static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *out)
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *toggles,
+                        uint64_t *out, size_t stride)
 {
-    for (int32_t w = 0; w < words; w++)
-        out[w] = 0;
     const uint16_t *at = row->at;
     uint32_t before; /* changes left of x0 */
     if (FromLeft) {
@@ -549,20 +562,21 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *ou
         before = i;
         for (; i < row->count && at[i] < x1; i++) {
             uint32_t offset = (uint32_t)(at[i] - x0);
-            out[offset / 64] ^= (1ull << 63) >> (offset % 64);
+            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
         }
         row->cursor = i;
     } else {
         uint32_t i = row->cursor;
         for (; i > 0 && at[i - 1] >= x0; i--) {
             uint32_t offset = (uint32_t)(at[i - 1] - x0);
-            out[offset / 64] ^= (1ull << 63) >> (offset % 64);
+            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
         }
         row->cursor = before = i;
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
     for (int32_t w = 0; w < words; w++) {
-        uint64_t t = out[w];
+        uint64_t t = toggles[w];
+        toggles[w] = 0;
         t ^= t >> 1;
         t ^= t >> 2;
         t ^= t >> 4;
@@ -570,20 +584,20 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *ou
         t ^= t >> 16;
         t ^= t >> 32;
         t ^= black;
-        out[w] = ~t;
+        out[(size_t)w * stride] = ~t;
         black = (t & 1) ? ~0ull : 0;
     }
 }
 
-/* The changes of the 64 new rows of one word column w of an expanded chunk
- * (`words` words per old row): rows[i] of `rowWords` words is old column
- * 64 w + i of the chunk, bit c % 64 of word c / 64 set where its pixel c
- * differs from pixel c - 1 (pixel -1 white); pixel c is the old row
- * height - 1 - c (clockwise) or c.  64 x 64 blocks are turned at a time,
- * their rows put in from the bottom so that pixel c lands in bit c % 64. */
+/* The changes of the 64 new rows of one word column of an expanded chunk
+ * (`column`: that word of each old row, top row first): rows[i] of
+ * `rowWords` words is old column i of the word, bit c % 64 of word c / 64
+ * set where its pixel c differs from pixel c - 1 (pixel -1 white); pixel c
+ * is the old row height - 1 - c (clockwise) or c.  64 x 64 blocks are
+ * turned at a time, their rows put in from the bottom so that pixel c lands
+ * in bit c % 64. */
 template <bool Clockwise>
-static void TurnChunkWord(const uint64_t *chunk, int32_t words, int32_t w, int32_t height,
-                          uint64_t *rows, size_t rowWords)
+static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows, size_t rowWords)
 {
     uint64_t above = ~0ull; /* the pixels of the row before, all white at first */
     for (int32_t c0 = 0; c0 < height; c0 += 64) {
@@ -593,7 +607,7 @@ static void TurnChunkWord(const uint64_t *chunk, int32_t words, int32_t w, int32
             int32_t c = c0 + k;
             uint64_t pixels = ~0ull;
             if (c < height)
-                pixels = chunk[(size_t)(Clockwise ? height - 1 - c : c) * (size_t)words + (size_t)w];
+                pixels = column[Clockwise ? height - 1 - c : c];
             block[63 - k] = pixels ^ above;
             any |= block[63 - k];
             above = pixels;
@@ -615,11 +629,14 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
 {
     int32_t pageWords = (d->width + 63) / 64;
     int32_t chunkWords = CHUNK_BUDGET_WORDS / d->height;
-    chunkWords = chunkWords < 1 ? 1 : chunkWords > pageWords ? pageWords : chunkWords;
+    chunkWords = chunkWords < 1 ? 1 : chunkWords > CHUNK_WORDS ? CHUNK_WORDS : chunkWords;
+    chunkWords = chunkWords > pageWords ? pageWords : chunkWords;
     size_t rowWords = ((size_t)d->height + 63) / 64;
-    uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc((size_t)d->height * (size_t)chunkWords * 8));
+    size_t chunkBytes = (size_t)d->height * (size_t)chunkWords * 8;
+    uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc(chunkBytes));
     uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * 64 * 8));
     uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(d->height)));
+    uint64_t toggles[CHUNK_WORDS] = {};
     int result = chunk && rows && record ? 0 : IMG_ERR_MEMORY;
     for (int32_t r = 0; r < d->height; r++)
         changes[r].cursor = Clockwise ? 0 : changes[r].count;
@@ -627,11 +644,14 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
     for (int32_t q = 0; result == 0 && q < chunks; q++) {
         int32_t w0 = chunkWords * (Clockwise ? q : chunks - 1 - q);
         int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
+        /* The chunk word by word: word w of every old row, top row first. */
         for (int32_t r = 0; r < d->height; r++)
-            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, chunk + (size_t)r * (size_t)words);
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, toggles, chunk + r,
+                                   (size_t)d->height);
         for (int32_t n = 0; result == 0 && n < words; n++) {
             int32_t w = Clockwise ? n : words - 1 - n;
-            TurnChunkWord<Clockwise>(chunk, words, w, d->height, rows, rowWords);
+            const uint64_t *column = chunk + (size_t)w * (size_t)d->height;
+            TurnChunkWord<Clockwise>(column, d->height, rows, rowWords);
             int32_t x0 = 64 * (w0 + w);
             int32_t count = d->width - x0 < 64 ? d->width - x0 : 64;
             for (int32_t m = 0; m < count; m++) {
@@ -658,10 +678,12 @@ static int QuarterTurnCoded(ImgDescriptor *d, int32_t angle)
     uint32_t offset = ImgDescriptorBitsOffset(d);
     uint64_t stride = DibStride((uint32_t)d->height, 1);
     /* Refused like a plain turn when the turned page, held plain, would pass 2 GiB. */
-    uint64_t plain = DibStride((uint32_t)d->height + 1, 1) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
+    uint64_t plain =
+        DibStride((uint32_t)d->height + 1, 1) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
     if (offset + plain + RESULT_SLACK > BLOCK_LIMIT)
         return IMG_ERR_MEMORY;
-    RowChanges *changes = static_cast<RowChanges *>(ImgAlloc((size_t)d->height * sizeof(RowChanges)));
+    RowChanges *changes =
+        static_cast<RowChanges *>(ImgAlloc((size_t)d->height * sizeof(RowChanges)));
     if (!changes)
         return IMG_ERR_MEMORY;
     uint16_t *extra;
