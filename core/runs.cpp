@@ -9,6 +9,8 @@
 
 #include <string.h>
 
+#include <bit>
+
 #include "core/dib.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
@@ -48,6 +50,24 @@ static size_t SkipSolid(const uint8_t *row, size_t i, size_t end, uint8_t solid)
     return i;
 }
 
+/* Ends a record whose changes run up to `out`: `width` three times, four
+ * times when the length would otherwise equal the row's 1-bit stride.
+ * Returns the length. */
+static int FinishRecord(uint16_t *record, uint16_t *out, int32_t width)
+{
+    out[0] = out[1] = out[2] = (uint16_t)width;
+    out += 3;
+    int length = (int)((out - record) * 2);
+    if ((uint64_t)length == DibStride((uint32_t)width, 1)) {
+        *out++ = (uint16_t)width; /* a record never has the length of a plain row */
+        length += 2;
+    }
+    /* Word 0 wraps for records over 65535 bytes (very wide, very dense rows);
+     * the store and the sinks use the returned length, never word 0. */
+    record[0] = (uint16_t)length;
+    return length;
+}
+
 int RunEncodeRow(const uint8_t *row, int32_t width, uint16_t *record)
 {
     if (!changeTableReady)
@@ -75,17 +95,39 @@ int RunEncodeRow(const uint8_t *row, int32_t width, uint16_t *record)
         i++;
     }
 done:
-    out[0] = out[1] = out[2] = (uint16_t)width;
-    out += 3;
-    int length = (int)((out - record) * 2);
-    if ((uint64_t)length == DibStride((uint32_t)width, 1)) {
-        *out++ = (uint16_t)width; /* a record never has the length of a plain row */
-        length += 2;
+    return FinishRecord(record, out, width);
+}
+
+/* Writes base + k for each bit k set in `bits` (bits 0 .. 31 only), lowest
+ * first, and returns the end.  Rows of a turned page have a few changes in
+ * most words, so the first three steps take no branch: each writes a
+ * position and moves on only if a bit was there (a step past the last bit
+ * writes where the next position or terminator will go; bit 32 keeps the
+ * count of trailing zeros defined). */
+static uint16_t *WriteChangeBits(uint16_t *out, uint64_t bits, uint32_t base)
+{
+    for (int step = 0; step < 3; step++) {
+        *out = (uint16_t)(base + (uint32_t)std::countr_zero(bits | (uint64_t)1 << 32));
+        out += bits != 0;
+        bits &= bits - 1;
     }
-    /* Word 0 wraps for records over 65535 bytes (very wide, very dense rows);
-     * the store and the sinks use the returned length, never word 0. */
-    record[0] = (uint16_t)length;
-    return length;
+    for (; bits; bits &= bits - 1)
+        *out++ = (uint16_t)(base + (uint32_t)std::countr_zero(bits));
+    return out;
+}
+
+int RunEncodeChanges(const uint64_t *changes, int32_t width, uint16_t *record)
+{
+    uint16_t *out = record + 1;
+    size_t count = ((size_t)width + 63) / 64;
+    for (size_t i = 0; i < count; i++) {
+        uint64_t word = changes[i];
+        if (i + 1 == count && width % 64 != 0)
+            word &= ((uint64_t)1 << (width % 64)) - 1; /* bits beyond the width */
+        out = WriteChangeBits(out, word & 0xFFFFFFFFu, (uint32_t)i * 64);
+        out = WriteChangeBits(out, word >> 32, (uint32_t)i * 64 + 32);
+    }
+    return FinishRecord(record, out, width);
 }
 
 int RunWhiteRecord(int32_t width, uint16_t *record)

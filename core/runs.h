@@ -31,6 +31,11 @@ static inline size_t RunRecordMaxBytes(int32_t width)
  * record's byte length. */
 int RunEncodeRow(const uint8_t *row, int32_t width, uint16_t *record);
 
+/* The same for a row given by its changes: bit x % 64 of word x / 64 is set
+ * where pixel x differs from pixel x - 1 (pixel -1 white); bits at and
+ * beyond the width are not read as changes. */
+int RunEncodeChanges(const uint64_t *changes, int32_t width, uint16_t *record);
+
 /* The record of an all-white row (what RunEncodeRow gives for one); room
  * for 5 words.  Returns its byte length. */
 int RunWhiteRecord(int32_t width, uint16_t *record);

@@ -5,8 +5,9 @@
  * record.  The record is expanded into a row of exactly DibStride(width, 1)
  * bytes, which must never be written outside (ASan checks); the row is coded
  * again and the new record expanded: the two rows must agree in the first
- * `width` bits.  A third expansion into a row shorter than the width must
- * stay inside that row.  Every buffer is allocated at its exact size so
+ * `width` bits.  The row's changes as bits (stray bits set past the width)
+ * must give RunEncodeChanges the same record as RunEncodeRow.  A third
+ * expansion into a row shorter than the width must stay inside that row.  Every buffer is allocated at its exact size so
  * that ASan sees any access past it.
  */
 #include <stdint.h>
@@ -65,7 +66,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
      * first start at or past the limit, and a hostile one is not sorted.) */
     uint32_t shortBytes = recordBytes ? data[2] % stride : stride / 2;
     uint8_t *shortRow = static_cast<uint8_t *>(malloc(shortBytes ? shortBytes : 1));
-    if (row && again && coded && shortRow) {
+    size_t changeWords = ((size_t)width + 63) / 64;
+    uint64_t *changes = static_cast<uint64_t *>(malloc(changeWords * 8));
+    uint16_t *fromChanges = static_cast<uint16_t *>(malloc(maxBytes));
+    if (row && again && coded && shortRow && changes && fromChanges) {
         RunExpandRow(record, (uint32_t)recordBytes, width, row, stride);
 
         int length = RunEncodeRow(row, width, coded);
@@ -80,9 +84,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (!SameBits(row, again, (uint32_t)width))
             Fail("expand(encode(expand(record))) differs from expand(record)", width);
 
+        memset(changes, 0, changeWords * 8);
+        if (width % 64)
+            changes[changeWords - 1] = ~(uint64_t)0 << (width % 64); /* past the width */
+        unsigned before = 1;
+        for (int32_t x = 0; x < width; x++) {
+            unsigned pixel = (row[x / 8] >> (7 - x % 8)) & 1u;
+            if (pixel != before)
+                changes[x / 64] |= (uint64_t)1 << (x % 64);
+            before = pixel;
+        }
+        int changed = RunEncodeChanges(changes, width, fromChanges);
+        if (changed != length || memcmp(fromChanges, coded, (size_t)length) != 0)
+            Fail("RunEncodeChanges differs from RunEncodeRow", width);
+
         RunExpandRow(record, (uint32_t)recordBytes, width, shortRow, shortBytes);
     }
 
+    free(fromChanges);
+    free(changes);
     free(shortRow);
     free(coded);
     free(again);

@@ -2,21 +2,25 @@
  * rotate.cpp - IMG_rotate_bitmap.
  *
  * 0 does nothing; 18000 is a flip left-right and a flip top-bottom (the
- * second without progress); 9000 and 27000 are quarter turns by
- * transposition; any other angle is a free rotation by the inverse 16.16
- * nearest-neighbour mapping, on a canvas grown by the folded
- * angle.  Run-coded images are expanded into a plain buffer, turned, and
- * re-coded row by row through core/runs.cpp.
+ * second without progress); 9000 and 27000 are quarter turns, written in one
+ * pass straight into the turned orientation; any other angle is a free
+ * rotation by the inverse 16.16 nearest-neighbour mapping, on a canvas grown
+ * by the folded angle.  A run-coded page turns a quarter from its change
+ * positions, a chunk of columns at a time, and is re-coded row by row; for
+ * a free rotation it is expanded into a plain buffer, turned and re-coded,
+ * all through core/runs.cpp.
  *
  * Every new picture is built beside the old one and put in place only when
  * complete, so a failure (memory, a negative progress result, a failing
- * flip) leaves the image as it was.  Empty or oversized canvases, reads in
+ * flip of a half turn) leaves the image as it was.  Empty or oversized canvases, reads in
  * the source block's slack and 32-bit products are handled as
  * docs/DEVIATIONS.md lists under rotate, flip and invert.
  */
 #include <math.h>
 #include <stdint.h>
 #include <string.h>
+
+#include <bit>
 
 #include "core/guard.h"
 #include "core/progress.h"
@@ -90,20 +94,15 @@ static int BeginCodedStore(const ImgDescriptor *d, ImgDescriptor *store, int32_t
     return 0;
 }
 
-/* Codes the packed 1-bit rows of `plain` into `store` as rows 0, 1, ...,
- * taking them from the first or, with fromLast, from the last; progress once
- * per row when progressTotal is positive. */
-static int CodeRows(ImgDescriptor *store, const Raster *plain, int fromLast, int32_t progressTotal)
+/* Codes the packed 1-bit rows of `plain` into `store` as rows 0, 1, ... */
+static int CodeRows(ImgDescriptor *store, const Raster *plain)
 {
     uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(store->width)));
     if (!record)
         return IMG_ERR_MEMORY;
     int result = 0;
     for (int32_t t = 0; result == 0 && t < store->height; t++) {
-        if (progressTotal > 0 && (result = ImgReportProgress(progressTotal)) < 0)
-            break;
-        int32_t source = fromLast ? store->height - 1 - t : t;
-        const uint8_t *row = plain->pixels + (size_t)source * (size_t)plain->stride;
+        const uint8_t *row = plain->pixels + (size_t)t * (size_t)plain->stride;
         int bytes = RunEncodeRow(row, store->width, record);
         result = RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0);
     }
@@ -123,15 +122,12 @@ static void ExpandCodedRow(const ImgDescriptor *d, int32_t row, uint8_t *target,
         memset(target, 0xFF, bytes);
 }
 
-/* Puts a finished coded store in the image's place: the header part of
- * `header` (the result block) becomes the store's header. */
-/* Code a whole plain buffer into a new store; on failure nothing is left allocated. */
-static int CodeIntoStore(const ImgDescriptor *d, ImgDescriptor *store, const Raster *plain,
-                         int fromLast, int32_t progressTotal)
+/* Codes a whole plain buffer into a new store; on failure nothing is left allocated. */
+static int CodeIntoStore(const ImgDescriptor *d, ImgDescriptor *store, const Raster *plain)
 {
     int result = BeginCodedStore(d, store, plain->width, plain->height);
     if (result == 0) {
-        result = CodeRows(store, plain, fromLast, progressTotal);
+        result = CodeRows(store, plain);
         if (result < 0) {
             ImgFree(store->dib);
             ImgFree(store->rowIndex);
@@ -140,54 +136,23 @@ static int CodeIntoStore(const ImgDescriptor *d, ImgDescriptor *store, const Ras
     return result;
 }
 
-static void InstallCodedStore(ImgDescriptor *d, ImgDescriptor *store, const uint8_t *header)
+/* Puts a finished coded store, its header already set, in the image's place. */
+static void InstallCodedStore(ImgDescriptor *d, ImgDescriptor *store)
 {
-    memcpy(store->dib, header, ImgDescriptorBitsOffset(d));
     ImgDescriptorReplaceDib(d, store->dib, store->dibSize);
     ImgFree(d->rowIndex);
     d->rowIndex = store->rowIndex;
 }
 
-/* ---- quarter turn: transposition ---- */
+/* ---- quarter turn ---- */
 
-/* Hacker's Delight transpose8: byte b of the result holds, most significant
- * bit first, bit b (most significant first) of the eight input bytes. */
-static uint64_t Transpose8(uint64_t x)
-{
-    uint64_t t;
-    t = (x ^ (x >> 7)) & 0x00AA00AA00AA00AAull;
-    x = x ^ t ^ (t << 7);
-    t = (x ^ (x >> 14)) & 0x0000CCCC0000CCCCull;
-    x = x ^ t ^ (t << 14);
-    t = (x ^ (x >> 28)) & 0x00000000F0F0F0F0ull;
-    x = x ^ t ^ (t << 28);
-    return x;
-}
+/* A byte-depth turn goes band by band of new rows and, in a band, tile by
+ * tile of pixels: a tile's reads (one short piece of each of 256 old rows)
+ * and writes stay in the first-level cache. */
+#define TURN_BAND 8
+#define TURN_TILE 256
 
-/* Writes byte column `m` of the transposed rows from eight source rows
- * (rows[b] is the row whose pixels become bit b of that byte): target row k
- * takes bit k of each.  Rows all `skip` are not written (the target is
- * pre-filled with it); skip < 0 writes everything. */
-static void TransposeByteColumn(const uint8_t *const rows[8], int32_t sourceBytes, uint8_t *target,
-                                int32_t targetStride, int32_t targetRows, int32_t m, int skip)
-{
-    uint64_t solid = skip >= 0 ? 0x0101010101010101ull * (uint8_t)skip : 0;
-    for (int32_t n = 0; n < sourceBytes; n++) {
-        uint64_t x = 0;
-        for (int b = 0; b < 8; b++)
-            x = (x << 8) | rows[b][n];
-        if (skip >= 0 && x == solid)
-            continue;
-        x = Transpose8(x);
-        int32_t first = n * 8;
-        int32_t count = targetRows - first < 8 ? targetRows - first : 8;
-        uint8_t *out = target + (size_t)first * (size_t)targetStride + (size_t)m;
-        for (int i = 0; i < count; i++, out += targetStride)
-            out[0] = (uint8_t)(x >> (56 - 8 * i));
-    }
-}
-
-/* Progress for `count` target rows. */
+/* Progress for `count` new rows. */
 static int ReportRows(int32_t count, int32_t total)
 {
     for (int32_t i = 0; i < count; i++) {
@@ -198,99 +163,217 @@ static int ReportRows(int32_t count, int32_t total)
     return 0;
 }
 
-/* 1 bit: target storage row k, byte m takes bit k of source storage rows
- * 8m .. 8m + 7 (a target byte column at a time, so every target row is
- * reported first).  Source rows beyond the height read as 0 bits. */
-static int Transpose1(const Raster *source, Raster *target, const uint8_t *zeroRow)
+/* One step of Transpose64: in each pair of J x J blocks off the diagonal
+ * (rows k .. k + J - 1, bits of `mask`, and rows k + J .. k + 2J - 1, the
+ * bits J places higher) the two blocks trade places. */
+template <int J>
+static inline void TransposeStep(uint64_t a[64], uint64_t mask)
 {
-    int result = ReportRows(target->height, target->height);
-    if (result < 0)
-        return result;
-    int32_t sourceBytes = (source->width + 7) / 8;
-    for (int32_t m = 0; m < target->stride; m++) {
-        const uint8_t *rows[8];
-        for (int b = 0; b < 8; b++) {
-            int64_t r = (int64_t)m * 8 + b;
-            rows[b] = r < source->height ? source->pixels + (size_t)r * (size_t)source->stride
-                                         : zeroRow;
+    for (int k = 0; k < 64; k += 2 * J)
+        for (int l = k; l < k + J; l++) {
+            uint64_t t = (a[l] ^ (a[l + J] >> J)) & mask;
+            a[l] ^= t;
+            a[l + J] ^= t << J;
         }
-        TransposeByteColumn(rows, sourceBytes, target->pixels, target->stride, target->height, m,
-                            -1);
-    }
-    return 0;
 }
 
-/* 4 bits: target storage row k, nibble r takes nibble k of source storage
- * row r; the padding nibble and bytes are 0. */
-static void Transpose4Band(const Raster *source, Raster *target, int32_t first, int32_t count)
+/* Transposes a 64 x 64 bit matrix by swapping ever smaller blocks (Hacker's
+ * Delight, transpose32 widened): on entry bit 63 - i of a[k] is element
+ * (k, i), on return bit 63 - k of a[i]. */
+static void Transpose64(uint64_t a[64])
 {
-    for (int32_t r = 0; r < source->height; r++) {
-        const uint8_t *in = source->pixels + (size_t)r * (size_t)source->stride;
-        int shift = (r & 1) ? 0 : 4;
-        for (int32_t k = first; k < first + count; k++) {
-            unsigned nibble = (k & 1) ? in[k >> 1] & 0x0F : in[k >> 1] >> 4;
-            uint8_t *out = target->pixels + (size_t)k * (size_t)target->stride + (size_t)(r >> 1);
-            *out = (uint8_t)((shift ? 0 : *out & 0xF0) | (nibble << shift));
-        }
-    }
-    int32_t used = (source->height + 1) / 2;
-    for (int32_t k = first; k < first + count; k++)
-        memset(target->pixels + (size_t)k * (size_t)target->stride + used, 0,
-               (size_t)(target->stride - used));
+    TransposeStep<32>(a, 0x00000000FFFFFFFFull);
+    TransposeStep<16>(a, 0x0000FFFF0000FFFFull);
+    TransposeStep<8>(a, 0x00FF00FF00FF00FFull);
+    TransposeStep<4>(a, 0x0F0F0F0F0F0F0F0Full);
+    TransposeStep<2>(a, 0x3333333333333333ull);
+    TransposeStep<1>(a, 0x5555555555555555ull);
 }
 
-/* 8/16/24/32 bits: whole pixels of `size` bytes, target storage row k,
- * pixel r from source storage row r, pixel k; in tiles of 32 x 32. */
-static inline void TransposePixelTile(const Raster *source, Raster *target, int32_t k0, int32_t k1,
-                                      int32_t r0, int32_t r1, const int size)
+/* Up to 8 bytes as a word, the first byte most significant; missing bytes
+ * read as 0. */
+static uint64_t LoadBits(const uint8_t *p, size_t count)
 {
-    for (int32_t k = k0; k < k1; k++) {
-        uint8_t *out = target->pixels + (size_t)k * (size_t)target->stride + (size_t)r0 * size;
-        const uint8_t *in = source->pixels + (size_t)r0 * (size_t)source->stride + (size_t)k * size;
-        for (int32_t r = r0; r < r1; r++, out += size, in += source->stride)
-            memcpy(out, in, (size_t)size);
-    }
+    if (count >= 8)
+        return (uint64_t)p[0] << 56 | (uint64_t)p[1] << 48 | (uint64_t)p[2] << 40 |
+               (uint64_t)p[3] << 32 | (uint64_t)p[4] << 24 | (uint64_t)p[5] << 16 |
+               (uint64_t)p[6] << 8 | (uint64_t)p[7];
+    uint64_t word = 0;
+    for (size_t i = 0; i < 8; i++)
+        word = word << 8 | (i < count ? p[i] : 0u);
+    return word;
 }
 
-static void TransposePixelsBand(const Raster *source, Raster *target, int32_t first, int32_t count,
-                                int size)
+/* The first `count` (at most 8) bytes of a word, most significant first. */
+static void StoreBits(uint8_t *p, uint64_t word, size_t count)
 {
-    for (int32_t r0 = 0; r0 < source->height; r0 += 32) {
-        int32_t r1 = source->height - r0 < 32 ? source->height : r0 + 32;
-        switch (size) {
-        case 1: TransposePixelTile(source, target, first, first + count, r0, r1, 1); break;
-        case 2: TransposePixelTile(source, target, first, first + count, r0, r1, 2); break;
-        case 3: TransposePixelTile(source, target, first, first + count, r0, r1, 3); break;
-        default: TransposePixelTile(source, target, first, first + count, r0, r1, 4); break;
-        }
+    if (count >= 8) {
+        for (int i = 0; i < 8; i++)
+            p[i] = (uint8_t)(word >> (56 - 8 * i));
+        return;
     }
-    size_t used = (size_t)source->height * (size_t)size;
-    for (int32_t k = first; k < first + count; k++)
-        memset(target->pixels + (size_t)k * (size_t)target->stride + used, 0,
+    for (size_t i = 0; i < count; i++)
+        p[i] = (uint8_t)(word >> (56 - 8 * i));
+}
+
+/* A plain quarter turn reads new storage row j, pixel r from old storage
+ * row Row(r), pixel Column(j): clockwise (rows are stored bottom-up) row r,
+ * pixel width - 1 - j; counter-clockwise row height - 1 - r, pixel j. */
+struct PlainTurn {
+    const uint8_t *pixels;
+    int32_t width, height, stride;
+    bool clockwise;
+
+    int32_t Row(int32_t r) const { return clockwise ? r : height - 1 - r; }
+    int32_t Column(int32_t j) const { return clockwise ? width - 1 - j : j; }
+    const uint8_t *RowStart(int32_t r) const { return pixels + (size_t)Row(r) * (size_t)stride; }
+    /* From the row of pixel r to the row of pixel r + 1. */
+    ptrdiff_t RowStep() const { return clockwise ? stride : -(ptrdiff_t)stride; }
+};
+
+/* Clears the bytes of new rows j0 .. j1 - 1 behind their first `used`. */
+static void ClearRowPadding(const Raster *target, int32_t j0, int32_t j1, size_t used)
+{
+    for (int32_t j = j0; j < j1; j++)
+        memset(target->pixels + (size_t)j * (size_t)target->stride + used, 0,
                (size_t)target->stride - used);
 }
 
-/* The transposition of a plain picture, progress once per target row. */
-static int TransposePlain(const Raster *source, Raster *target)
+/* Pixels of Size bytes stored at once: a word of them, or four 3-byte ones. */
+template <size_t Size>
+constexpr int Group = Size == 3 ? 4 : (int)(8 / Size);
+
+/* Stores the pixels of Group<Size> old rows, from `at` on, rows `step`
+ * apart, as one run of a new row: 8 / Size pixels in one word, four 3-byte
+ * pixels in 12 bytes, each 3-byte pixel read as 4 (the caller knows the
+ * byte behind it lies in the block).  Little-endian: the first pixel in the
+ * low bytes. */
+template <size_t Size>
+static inline void StoreGroup(const uint8_t *first, ptrdiff_t at, ptrdiff_t step, uint8_t *out)
 {
-    if (source->bits == 1) {
-        uint8_t *zeroRow = static_cast<uint8_t *>(ImgAlloc((size_t)source->stride));
-        if (!zeroRow)
-            return IMG_ERR_MEMORY;
-        memset(zeroRow, 0, (size_t)source->stride);
-        int result = Transpose1(source, target, zeroRow);
-        ImgFree(zeroRow);
-        return result;
+    if constexpr (Size == 3) {
+        uint32_t p[4];
+        for (int g = 0; g < 4; g++)
+            memcpy(&p[g], first + at + g * step, 4);
+        uint64_t low = (uint64_t)(p[0] & 0xFFFFFF) | (uint64_t)(p[1] & 0xFFFFFF) << 24 |
+                       (uint64_t)p[2] << 48;
+        uint32_t high = (p[2] >> 16 & 0xFF) | p[3] << 8;
+        memcpy(out, &low, 8);
+        memcpy(out + 8, &high, 4);
+    } else {
+        uint64_t word = 0;
+        for (int g = 0; g < Group<Size>; g++) {
+            uint64_t pixel = 0;
+            memcpy(&pixel, first + at + g * step, Size);
+            word |= pixel << (8 * Size * g);
+        }
+        memcpy(out, &word, 8);
     }
-    for (int32_t first = 0; first < target->height; first += 32) {
-        int32_t count = target->height - first < 32 ? target->height - first : 32;
-        int result = ReportRows(count, target->height);
+}
+
+/* Whole pixels of Size bytes: new rows j0 .. j1 - 1, pixels r0 .. r1 - 1,
+ * a group of old rows per store where the machine's byte order allows. */
+template <size_t Size>
+static void TurnPixelTile(const PlainTurn &turn, const Raster *target, int32_t j0, int32_t j1,
+                          int32_t r0, int32_t r1)
+{
+    const uint8_t *first = turn.RowStart(r0);
+    ptrdiff_t step = turn.RowStep();
+    /* Only the last pixel of the last row can end the block. */
+    bool roomBehind = (uint64_t)turn.stride > (uint64_t)turn.width * Size;
+    constexpr int group = Group<Size>;
+    for (int32_t j = j0; j < j1; j++) {
+        int32_t column = turn.Column(j);
+        ptrdiff_t at = (ptrdiff_t)column * (ptrdiff_t)Size;
+        uint8_t *out = target->pixels + (size_t)j * (size_t)target->stride + (size_t)r0 * Size;
+        int32_t r = r0;
+        bool grouped = Size != 3 || roomBehind || column + 1 < turn.width;
+        if (std::endian::native == std::endian::little && grouped)
+            for (; r1 - r >= group; r += group, at += group * step, out += group * Size)
+                StoreGroup<Size>(first, at, step, out);
+        for (; r < r1; r++, at += step, out += Size)
+            memcpy(out, first + at, Size);
+    }
+}
+
+template <size_t Size>
+static void TurnPixelBand(const PlainTurn &turn, const Raster *target, int32_t j0, int32_t j1)
+{
+    for (int32_t r0 = 0; r0 < turn.height; r0 += TURN_TILE) {
+        int32_t r1 = turn.height - r0 < TURN_TILE ? turn.height : r0 + TURN_TILE;
+        TurnPixelTile<Size>(turn, target, j0, j1, r0, r1);
+    }
+    ClearRowPadding(target, j0, j1, (size_t)turn.height * Size);
+}
+
+/* 4 bits: two pixels per byte, high nibble first; the padding nibble of an
+ * odd height is 0.  Tiles start at even pixels, so no byte is split. */
+static void TurnNibbleBand(const PlainTurn &turn, const Raster *target, int32_t j0, int32_t j1)
+{
+    ptrdiff_t step = turn.RowStep();
+    for (int32_t r0 = 0; r0 < turn.height; r0 += TURN_TILE) {
+        int32_t r1 = turn.height - r0 < TURN_TILE ? turn.height : r0 + TURN_TILE;
+        const uint8_t *first = turn.RowStart(r0);
+        for (int32_t j = j0; j < j1; j++) {
+            int32_t column = turn.Column(j);
+            int shift = (column & 1) ? 0 : 4;
+            ptrdiff_t at = column >> 1;
+            uint8_t *out = target->pixels + (size_t)j * (size_t)target->stride + (size_t)(r0 >> 1);
+            for (int32_t r = r0; r < r1; r += 2, at += 2 * step) {
+                unsigned high = (first[at] >> shift) & 0x0F;
+                unsigned low = r + 1 < r1 ? (first[at + step] >> shift) & 0x0F : 0;
+                *out++ = (uint8_t)(high << 4 | low);
+            }
+        }
+    }
+    ClearRowPadding(target, j0, j1, ((size_t)turn.height + 1) / 2);
+}
+
+/* 1 bit: the old columns x0 .. x0 + 63 (new rows j with Column(j) = x) in
+ * 64 x 64 bit blocks; bits of pixels r >= height are 0. */
+static void TurnBitBand(const PlainTurn &turn, const Raster *target, int32_t x0)
+{
+    size_t sourceBytes = ((size_t)turn.width + 7) / 8, targetBytes = ((size_t)turn.height + 7) / 8;
+    size_t column = (size_t)x0 / 8;
+    int32_t count = turn.width - x0 < 64 ? turn.width - x0 : 64;
+    for (int32_t r0 = 0; r0 < turn.height; r0 += 64) {
+        uint64_t block[64];
+        for (int32_t k = 0; k < 64; k++)
+            block[k] = r0 + k < turn.height
+                           ? LoadBits(turn.RowStart(r0 + k) + column, sourceBytes - column)
+                           : 0;
+        Transpose64(block);
+        size_t at = (size_t)r0 / 8;
+        for (int32_t i = 0; i < count; i++) {
+            int32_t j = turn.clockwise ? turn.width - 1 - (x0 + i) : x0 + i;
+            StoreBits(target->pixels + (size_t)j * (size_t)target->stride + at, block[i],
+                      targetBytes - at);
+        }
+    }
+    for (int32_t i = 0; i < count; i++) {
+        int32_t j = turn.clockwise ? turn.width - 1 - (x0 + i) : x0 + i;
+        ClearRowPadding(target, j, j + 1, targetBytes);
+    }
+}
+
+/* Fills every byte of the new rows (row padding 0), band by band, progress
+ * once per new row. */
+static int TurnPlain(const PlainTurn &turn, const Raster *target)
+{
+    int32_t band = target->bits == 1 ? 64 : TURN_BAND;
+    for (int32_t first = 0; first < target->height; first += band) {
+        int32_t last = target->height - first < band ? target->height : first + band;
+        int result = ReportRows(last - first, target->height);
         if (result < 0)
             return result;
-        if (source->bits == 4)
-            Transpose4Band(source, target, first, count);
-        else
-            TransposePixelsBand(source, target, first, count, source->bits / 8);
+        switch (target->bits) {
+        case 1: TurnBitBand(turn, target, first); break;
+        case 4: TurnNibbleBand(turn, target, first, last); break;
+        case 8: TurnPixelBand<1>(turn, target, first, last); break;
+        case 16: TurnPixelBand<2>(turn, target, first, last); break;
+        case 24: TurnPixelBand<3>(turn, target, first, last); break;
+        default: TurnPixelBand<4>(turn, target, first, last); break;
+        }
     }
     return 0;
 }
@@ -322,75 +405,270 @@ static void TurnGeometry(ImgDescriptor *d, int32_t stride)
     d->stride = stride;
 }
 
-static int QuarterTurnPlain(ImgDescriptor *d, int32_t handle, int32_t angle)
+/* One pass into a new block.  Progress comes in two passes of the new
+ * height, the second after the pixels are in place: a plain quarter turn
+ * reports every new row twice (docs/DEVIATIONS.md). */
+static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 {
     int bits = ImgDescriptorBits(d);
     uint32_t offset = ImgDescriptorBitsOffset(d);
     uint64_t stride = DibStride((uint32_t)d->height, bits);
-    uint64_t area = DibStride((uint32_t)d->height + 1, bits) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
-    uint8_t *block = NewResultBlock(d, area, bits == 1 ? 0x00 : -1);
+    uint64_t area =
+        DibStride((uint32_t)d->height + 1, bits) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
+    uint8_t *block = NewResultBlock(d, area, -1); /* every byte of the new rows is written */
     if (!block)
         return IMG_ERR_MEMORY;
-    Raster source = {d->dib + offset, d->width, d->height, d->stride, bits};
+    PlainTurn turn = {d->dib + offset, d->width, d->height, d->stride, angle == 9000};
     Raster target = {block + offset, d->height, d->width, (int32_t)stride, bits};
-    int result = TransposePlain(&source, &target);
+    int result = TurnPlain(turn, &target);
+    if (result == 0)
+        result = ReportRows(d->width, d->width);
     if (result < 0) {
         ImgFree(block);
         return result;
     }
     SetHeaderGeometry(block, d->height, d->width, stride * (uint64_t)d->width);
-
-    /* In place with the old block set aside until the flip has succeeded. */
-    ImgDescriptor saved = *d;
-    d->dib = block;
-    d->callerOwnsDib = 0;
-    d->dibSize = (uint32_t)(offset + stride * (uint64_t)d->width);
+    ImgDescriptorReplaceDib(d, block, (uint32_t)(offset + stride * (uint64_t)d->width));
     TurnGeometry(d, (int32_t)stride);
-    TurnCrop(d, 1, 1);
-    result = angle == 9000 ? IMG_flip_bitmapy(handle) : IMG_flip_bitmapx(handle);
-    if (result < 0) {
-        ImgFree(d->dib); /* the new block, or the flip's replacement of it */
-        *d = saved;
-        return result;
-    }
-    uint8_t *turned = d->dib;
-    uint32_t turnedSize = d->dibSize;
-    d->dib = saved.dib;
-    d->callerOwnsDib = saved.callerOwnsDib;
-    ImgDescriptorReplaceDib(d, turned, turnedSize);
+    TurnCrop(d, angle == 9000, angle == 27000);
     return 0;
 }
 
-/* Expands coded rows into the columns of `target` (pre-filled 0xFF):
- * column c holds the old row H - 1 - c for 9000 and row c for 27000, so that
- * taking target rows from the first (9000) or the last (27000) turns the
- * picture clockwise or counter-clockwise. */
-static int ExpandIntoColumns(const ImgDescriptor *d, Raster *target, int clockwise)
+/* ---- quarter turn of coded rows ---- */
+
+/* The pixels of a coded page are expanded a chunk of columns at a time, for
+ * every row; a chunk's words stay within this budget (second-level cache),
+ * at most CHUNK_WORDS words of 64 columns a row. */
+#define CHUNK_BUDGET_WORDS 32768
+#define CHUNK_WORDS 64
+
+/* The colour changes of one coded row below the width, in increasing
+ * order; the chunks are read in order from one side, `cursor` counting the
+ * changes left of the chunk read next (from the left) or of the end of the
+ * chunk read last (from the right). */
+typedef struct RowChanges {
+    const uint16_t *at;
+    uint32_t count, cursor;
+} RowChanges;
+
+/* Whether toggling the colour at each position below the width gives what
+ * RunExpandRow draws: true when those positions do not decrease and the
+ * expansion stops at the first one at or beyond the width (a start, or an
+ * end followed by nothing below the width).  *count receives how many lie
+ * below the width. */
+static bool ChangesInOrder(const uint16_t *record, uint32_t words, int32_t width, uint32_t *count)
 {
-    size_t rowBytes = (size_t)d->stride;
-    uint8_t *scratch = static_cast<uint8_t *>(ImgAlloc(rowBytes * 9));
-    if (!scratch)
-        return IMG_ERR_MEMORY;
-    uint8_t *white = scratch + rowBytes * 8;
-    memset(white, 0xFF, rowBytes);
-    int32_t sourceBytes = (d->width + 7) / 8;
-    for (int32_t m = 0; m < target->stride; m++) {
-        const uint8_t *rows[8];
-        for (int b = 0; b < 8; b++) {
-            int64_t column = (int64_t)m * 8 + b;
-            int64_t row = clockwise ? d->height - 1 - column : column;
-            if (row < 0 || row >= d->height) {
-                rows[b] = white;
-                continue;
-            }
-            ExpandCodedRow(d, (int32_t)row, scratch + rowBytes * (size_t)b, (uint32_t)rowBytes);
-            rows[b] = scratch + rowBytes * (size_t)b;
-        }
-        TransposeByteColumn(rows, sourceBytes, target->pixels, target->stride, target->height, m,
-                            0xFF);
+    /* Usually the words never fall from the first position to the last
+     * terminator: the changes are then the words below the width. */
+    unsigned falls = 0;
+    for (uint32_t k = 2; k < words; k++)
+        falls |= record[k] < record[k - 1];
+    if (!falls) {
+        uint32_t end = words > 1 ? words : 1;
+        while (end > 1 && (int32_t)record[end - 1] >= width)
+            end--;
+        *count = end - 1;
+        return true;
     }
-    ImgFree(scratch);
+    uint32_t i = 1;
+    while (i < words && (int32_t)record[i] < width) {
+        if (i > 1 && record[i] < record[i - 1])
+            return false;
+        i++;
+    }
+    *count = i - 1;
+    bool endBeyond = i < words && (i & 1) == 0; /* words 1, 3, ... start runs */
+    return !endBeyond || i + 1 >= words || (int32_t)record[i + 1] >= width;
+}
+
+/* The changes of a record out of order (overlapping or reversed runs, as a
+ * damaged file can give): the row is expanded and its changes read off bit
+ * by bit into `out`.  The runs' union has at most one change per position
+ * of the record plus one, and every change is a position of the record, so
+ * `out` needs the record's word count and each change fits 16 bits. */
+static uint32_t ChangesOfExpandedRow(const uint16_t *record, uint32_t recordBytes, int32_t width,
+                                     uint8_t *row, uint32_t rowBytes, uint16_t *out)
+{
+    RunExpandRow(record, recordBytes, width, row, rowBytes);
+    uint32_t count = 0;
+    unsigned colour = 1;
+    for (int32_t x = 0; x < width; x++) {
+        unsigned bit = (row[x >> 3] >> (7 - (x & 7))) & 1u;
+        if (bit != colour)
+            out[count++] = (uint16_t)x;
+        colour = bit;
+    }
+    return count;
+}
+
+/* The changes of every coded row (top row first).  Rows in order are read
+ * where they lie in the store; the others are rebuilt into *extra (NULL when
+ * there are none), which the caller frees. */
+static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **extra)
+{
+    uint64_t extraWords = 0;
+    for (int32_t r = 0; r < d->height; r++) {
+        uint32_t bytes;
+        const uint16_t *record = RunStoreRow(d, r, &bytes);
+        rows[r] = RowChanges{NULL, 0, 0};
+        if (!record) /* not described by the index: white */
+            continue;
+        if (ChangesInOrder(record, bytes / 2, d->width, &rows[r].count))
+            rows[r].at = record + 1;
+        else
+            extraWords += bytes / 2;
+    }
+    *extra = NULL;
+    if (extraWords == 0)
+        return 0;
+    uint16_t *changes = static_cast<uint16_t *>(ImgAlloc((size_t)extraWords * 2));
+    uint8_t *row = static_cast<uint8_t *>(ImgAlloc((size_t)d->stride));
+    if (!changes || !row) {
+        ImgFree(changes);
+        ImgFree(row);
+        return IMG_ERR_MEMORY;
+    }
+    uint16_t *next = changes;
+    for (int32_t r = 0; r < d->height; r++) {
+        uint32_t bytes;
+        const uint16_t *record = RunStoreRow(d, r, &bytes);
+        if (!record || rows[r].at)
+            continue;
+        rows[r].at = next;
+        rows[r].count =
+            ChangesOfExpandedRow(record, bytes, d->width, row, (uint32_t)d->stride, next);
+        next += bytes / 2;
+    }
+    ImgFree(row);
+    *extra = changes;
     return 0;
+}
+
+/* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
+ * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
+ * left (FromLeft) or from the right.  The colour toggles at each change: the
+ * toggles are set as bits in `toggles` (all 0 on entry and on return) and
+ * summed from the left by xor, starting from the colour after the changes
+ * left of x0. */
+template <bool FromLeft>
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *toggles,
+                        uint64_t *out, size_t stride)
+{
+    const uint16_t *at = row->at;
+    uint32_t before; /* changes left of x0 */
+    if (FromLeft) {
+        int32_t x1 = x0 + 64 * words;
+        uint32_t i = row->cursor;
+        before = i;
+        for (; i < row->count && at[i] < x1; i++) {
+            uint32_t offset = (uint32_t)(at[i] - x0);
+            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
+        }
+        row->cursor = i;
+    } else {
+        uint32_t i = row->cursor;
+        for (; i > 0 && at[i - 1] >= x0; i--) {
+            uint32_t offset = (uint32_t)(at[i - 1] - x0);
+            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
+        }
+        row->cursor = before = i;
+    }
+    uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
+    for (int32_t w = 0; w < words; w++) {
+        uint64_t t = toggles[w];
+        toggles[w] = 0;
+        t ^= t >> 1;
+        t ^= t >> 2;
+        t ^= t >> 4;
+        t ^= t >> 8;
+        t ^= t >> 16;
+        t ^= t >> 32;
+        t ^= black;
+        out[(size_t)w * stride] = ~t;
+        black = (t & 1) ? ~0ull : 0;
+    }
+}
+
+/* The changes of the 64 new rows of one word column of an expanded chunk
+ * (`column`: that word of each old row, top row first): rows[i] of
+ * `rowWords` words is old column i of the word, bit c % 64 of word c / 64
+ * set where its pixel c differs from pixel c - 1 (pixel -1 white); pixel c
+ * is the old row height - 1 - c (clockwise) or c.  64 x 64 blocks are
+ * turned at a time, their rows put in from the bottom so that pixel c lands
+ * in bit c % 64. */
+template <bool Clockwise>
+static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows, size_t rowWords)
+{
+    uint64_t above = ~0ull; /* the pixels of the row before, all white at first */
+    for (int32_t c0 = 0; c0 < height; c0 += 64) {
+        uint64_t block[64];
+        uint64_t any = 0;
+        for (int k = 0; k < 64; k++) {
+            int32_t c = c0 + k;
+            uint64_t pixels = ~0ull;
+            if (c < height)
+                pixels = column[Clockwise ? height - 1 - c : c];
+            block[63 - k] = pixels ^ above;
+            any |= block[63 - k];
+            above = pixels;
+        }
+        if (any) /* a block without changes is its own transpose */
+            Transpose64(block);
+        for (int i = 0; i < 64; i++)
+            rows[(size_t)i * rowWords + (size_t)c0 / 64] = block[i];
+    }
+}
+
+/* Builds the turned rows from the change positions, a chunk of columns at a
+ * time (never the whole page expanded), and codes them in order: clockwise,
+ * new row t is old column t, pixel c the old row height - 1 - c;
+ * counter-clockwise new row t is old column width - 1 - t, pixel c the old
+ * row c.  Progress once per new row (total: the old width). */
+template <bool Clockwise>
+static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChanges *changes)
+{
+    int32_t pageWords = (d->width + 63) / 64;
+    int32_t chunkWords = CHUNK_BUDGET_WORDS / d->height;
+    chunkWords = chunkWords < 1 ? 1 : chunkWords > CHUNK_WORDS ? CHUNK_WORDS : chunkWords;
+    chunkWords = chunkWords > pageWords ? pageWords : chunkWords;
+    size_t rowWords = ((size_t)d->height + 63) / 64;
+    size_t chunkBytes = (size_t)d->height * (size_t)chunkWords * 8;
+    uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc(chunkBytes));
+    uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * 64 * 8));
+    uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(d->height)));
+    uint64_t toggles[CHUNK_WORDS] = {};
+    int result = chunk && rows && record ? 0 : IMG_ERR_MEMORY;
+    for (int32_t r = 0; r < d->height; r++)
+        changes[r].cursor = Clockwise ? 0 : changes[r].count;
+    int32_t chunks = (pageWords + chunkWords - 1) / chunkWords;
+    for (int32_t q = 0; result == 0 && q < chunks; q++) {
+        int32_t w0 = chunkWords * (Clockwise ? q : chunks - 1 - q);
+        int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
+        /* The chunk word by word: word w of every old row, top row first. */
+        for (int32_t r = 0; r < d->height; r++)
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, toggles, chunk + r,
+                                   (size_t)d->height);
+        for (int32_t n = 0; result == 0 && n < words; n++) {
+            int32_t w = Clockwise ? n : words - 1 - n;
+            const uint64_t *column = chunk + (size_t)w * (size_t)d->height;
+            TurnChunkWord<Clockwise>(column, d->height, rows, rowWords);
+            int32_t x0 = 64 * (w0 + w);
+            int32_t count = d->width - x0 < 64 ? d->width - x0 : 64;
+            for (int32_t m = 0; m < count; m++) {
+                int32_t i = Clockwise ? m : count - 1 - m;
+                int32_t t = Clockwise ? x0 + i : d->width - 1 - (x0 + i);
+                if ((result = ImgReportProgress(d->width)) < 0)
+                    break;
+                int bytes = RunEncodeChanges(rows + (size_t)i * rowWords, d->height, record);
+                if ((result = RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0)) < 0)
+                    break;
+            }
+        }
+    }
+    ImgFree(chunk);
+    ImgFree(rows);
+    ImgFree(record);
+    return result;
 }
 
 static int QuarterTurnCoded(ImgDescriptor *d, int32_t angle)
@@ -399,22 +677,34 @@ static int QuarterTurnCoded(ImgDescriptor *d, int32_t angle)
         return IMG_ERR_TYPE; /* the turned rows could not be run-coded */
     uint32_t offset = ImgDescriptorBitsOffset(d);
     uint64_t stride = DibStride((uint32_t)d->height, 1);
-    uint64_t area = DibStride((uint32_t)d->height + 1, 1) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
-    uint8_t *block = NewResultBlock(d, area, 0xFF);
-    if (!block)
+    /* Refused like a plain turn when the turned page, held plain, would pass 2 GiB. */
+    uint64_t plain =
+        DibStride((uint32_t)d->height + 1, 1) * ((uint64_t)d->width + QUARTER_EXTRA_ROWS);
+    if (offset + plain + RESULT_SLACK > BLOCK_LIMIT)
         return IMG_ERR_MEMORY;
-    Raster buffer = {block + offset, d->height, d->width, (int32_t)stride, 1};
+    RowChanges *changes =
+        static_cast<RowChanges *>(ImgAlloc((size_t)d->height * sizeof(RowChanges)));
+    if (!changes)
+        return IMG_ERR_MEMORY;
+    uint16_t *extra;
+    int result = CollectChanges(d, changes, &extra);
     ImgDescriptor store;
-    int result = ExpandIntoColumns(d, &buffer, angle == 9000);
     if (result == 0)
-        result = CodeIntoStore(d, &store, &buffer, angle == 27000, d->width);
-    if (result < 0) {
-        ImgFree(block);
-        return result;
+        result = BeginCodedStore(d, &store, d->height, d->width);
+    if (result == 0) {
+        result = angle == 9000 ? CodeTurnedRows<true>(d, &store, changes)
+                               : CodeTurnedRows<false>(d, &store, changes);
+        if (result < 0) {
+            ImgFree(store.dib);
+            ImgFree(store.rowIndex);
+        }
     }
-    SetHeaderGeometry(block, d->height, d->width, stride * (uint64_t)d->width);
-    InstallCodedStore(d, &store, block);
-    ImgFree(block);
+    ImgFree(changes);
+    ImgFree(extra);
+    if (result < 0)
+        return result;
+    SetHeaderGeometry(store.dib, d->height, d->width, stride * (uint64_t)d->width);
+    InstallCodedStore(d, &store);
     TurnGeometry(d, (int32_t)stride);
     TurnCrop(d, angle == 9000, angle == 27000);
     return 0;
@@ -677,13 +967,14 @@ static int FreeRotateCoded(ImgDescriptor *d, int32_t angle)
     ImgFree(plain);
     ImgDescriptor store;
     if (result == 0)
-        result = CodeIntoStore(d, &store, &target, 0, 0);
+        result = CodeIntoStore(d, &store, &target);
     if (result < 0) {
         ImgFree(block);
         return result;
     }
     FinishFree(d, block, 1, width, height, stride);
-    InstallCodedStore(d, &store, block);
+    memcpy(store.dib, block, ImgDescriptorBitsOffset(d));
+    InstallCodedStore(d, &store);
     ImgFree(block);
     return 0;
 }
@@ -737,7 +1028,7 @@ int32_t IMGAPI IMG_rotate_bitmap(int32_t handle, int32_t angle)
         if (angle == 18000)
             return HalfTurn(handle);
         if (angle == 9000 || angle == 27000)
-            return d->codedRows ? QuarterTurnCoded(d, angle) : QuarterTurnPlain(d, handle, angle);
+            return d->codedRows ? QuarterTurnCoded(d, angle) : QuarterTurnPlain(d, angle);
         return d->codedRows ? FreeRotateCoded(d, angle) : FreeRotatePlain(d, angle);
     });
 }

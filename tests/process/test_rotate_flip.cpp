@@ -41,12 +41,31 @@ void Canvas(int angle, int w, int h, long long &dw, long long &dh)
     dh = 2 * (Round((std::cos(t) + 1) * (h / 2) + std::sin(t) * (w / 2)) - h);
 }
 
-struct Turn { int bits, width, height, angle; bool coded; }; // angle -1: flips and invert
+// angle -1: flips and invert; damaged: coded rows with runs out of order
+struct Turn { int bits, width, height, angle; bool coded, damaged = false; };
 std::string Name(const ::testing::TestParamInfo<Turn> &i)
 {
     const Turn &t = i.param;
     return std::to_string(t.bits) + "bit_" + std::to_string(t.width) + "x" + std::to_string(t.height) + "_" +
-           (t.angle < 0 ? "minus" : "") + std::to_string(std::abs(t.angle)) + (t.coded ? "_coded" : "");
+           (t.angle < 0 ? "minus" : "") + std::to_string(std::abs(t.angle)) + (t.coded ? "_coded" : "") +
+           (t.damaged ? "_damaged" : "");
+}
+
+// Records as a damaged file leaves them: a run ending before it starts
+// (first two changes swapped), runs overlapping (the third change moved
+// back over the first), a run to the width followed by one further left.
+// The image then shows what RunExpandRow draws of them, which a turn keeps.
+void DamageRecords(int32_t handle)
+{
+    ImgDescriptor *d = ImgTableGet(handle);
+    for (int32_t r = 0; r < d->height; r++) {
+        uint32_t bytes;
+        uint16_t *record = const_cast<uint16_t *>(RunStoreRow(d, r, &bytes));
+        if (!record || bytes < 12 || record[4] >= d->width) continue;
+        if (r % 3 == 0) std::swap(record[1], record[2]);
+        else if (r % 5 == 1) record[3] = (uint16_t)(record[1] / 2);
+        else if (r % 7 == 2) record[2] = (uint16_t)d->width, record[3] = (uint16_t)(record[1] / 2);
+    }
 }
 class Rotate : public TrnwTest, public ::testing::WithParamInterface<Turn> {
   protected:
@@ -71,6 +90,10 @@ TEST_P(Rotate, PixelsFollowTheReferenceMapping)
     int32_t h = ImageOf(p);
     ASSERT_GE(h, 0);
     ASSERT_EQ(t.coded ? IMG_dib_to_runs(h) : 0, 0);
+    if (t.damaged) {
+        DamageRecords(h);
+        p = PictureOf(h);
+    }
     const int W = t.width, H = t.height;
     uint32_t white = t.bits == 1 ? 1 : 0;
     switch (t.angle) {
@@ -147,6 +170,18 @@ std::vector<Turn> Turns()
     for (int angle : {1250, 4500, 20000, -3000, 36000})
         for (int bits : {1, 8, 24}) v.push_back({bits, 41, 30, angle, false});
     for (int angle : {-1, 9000, 18000, 27000, 4500, 31000}) v.push_back({1, 77, 21, angle, true});
+    // Quarter turns across the edges of their blocks: 64 x 64 bits, tiles of
+    // 8 x 256 pixels (4 x 257 at 24 bits: the last pixel of a row ends the
+    // block), and for coded pages the chunks of columns expanded at a time
+    // (449 x 4097: 7 words of 64 columns a chunk; 65 x 32769: one word).
+    for (int angle : {9000, 27000}) {
+        for (int bits : {1, 4, 8, 16, 24, 32})
+            for (auto size : {std::pair<int, int>{1, 1}, {1, 9}, {9, 1}, {4, 257}, {65, 63}, {130, 66}})
+                v.push_back({bits, size.first, size.second, angle, false});
+        for (auto size : {std::pair<int, int>{1, 1}, {1, 130}, {130, 1}, {63, 65}, {449, 4097}, {65, 32769}})
+            v.push_back({1, size.first, size.second, angle, true});
+        for (auto size : {std::pair<int, int>{77, 21}, {449, 4097}}) v.push_back({1, size.first, size.second, angle, true, true});
+    }
     return v;
 }
 INSTANTIATE_TEST_SUITE_P(Pictures, Rotate, ::testing::ValuesIn(Turns()), Name);
