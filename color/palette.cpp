@@ -705,9 +705,11 @@ static inline int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
  * cube exceeds the greatest distance of some other entry, which is then
  * strictly nearer everywhere in the cube; so the answer, ties included,
  * is that of the search over all entries.  A cell's list is made when it
- * is first needed, in index order, into a pool of 65536 indices; a cell
- * whose list no longer fits is searched over all entries. */
-#define OCTREE_CANDIDATE_POOL 65536
+ * is first needed, in index order, into a pool of 32768 places; a cell
+ * whose list no longer fits is searched over all entries.  Entries are
+ * listed as their halved components and index in one word,
+ * B | G << 8 | R << 16 | index << 24. */
+#define OCTREE_CANDIDATE_POOL 32768
 #define OCTREE_LIST_UNMADE 0xFFFFFFFFu /* else start << 9 | count */
 
 /* The mapping's state beside the tree: the palette made, its halved
@@ -716,14 +718,13 @@ static inline int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
 typedef struct OctreeMap {
     uint8_t palette[PALETTE_ENTRIES][4]; /* B, G, R, 0 */
     int32_t entries;
-    uint8_t halfBlue[PALETTE_ENTRIES], halfGreen[PALETTE_ENTRIES], halfRed[PALETTE_ENTRIES];
+    uint32_t halved[PALETTE_ENTRIES];    /* every entry, listed as candidates are */
     uint32_t colour[PALETTE_ENTRIES];    /* B | G << 8 | R << 16 */
     uint16_t top[OCTREE_CELLS];
     uint32_t topColour[OCTREE_CELLS];    /* the colour of a found index */
     uint32_t lists[OCTREE_CELLS];
     uint32_t candidatesUsed;
-    uint8_t candidates[OCTREE_CANDIDATE_POOL];
-    uint8_t everyEntry[PALETTE_ENTRIES]; /* 0 .. 255: the list of a cell that does not fit */
+    uint32_t candidates[OCTREE_CANDIDATE_POOL];
 } OctreeMap;
 
 /* The palette from the leaves: depth first, a node before its children. */
@@ -754,9 +755,7 @@ static void OctreeMapInit(OctreeMap *map, const OctreeQuantizer *q)
     for (int i = 0; i < PALETTE_ENTRIES; i++) {
         const uint8_t *p = map->palette[i];
         map->colour[i] = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16;
-        map->halfBlue[i] = (uint8_t)(p[0] >> 1);
-        map->halfGreen[i] = (uint8_t)(p[1] >> 1);
-        map->halfRed[i] = (uint8_t)(p[2] >> 1);
+        map->halved[i] = (map->colour[i] >> 1 & 0x7F7F7Fu) | (uint32_t)i << 24;
     }
     for (uint32_t cell = 0; cell < OCTREE_CELLS; cell++) {
         const uint8_t corner[3] = {(uint8_t)(cell >> 8 << 4), (uint8_t)((cell >> 4 & 15) << 4),
@@ -769,8 +768,6 @@ static void OctreeMapInit(OctreeMap *map, const OctreeQuantizer *q)
     }
     memset(map->lists, 0xFF, sizeof map->lists);
     map->candidatesUsed = 0;
-    for (int i = 0; i < PALETTE_ENTRIES; i++)
-        map->everyEntry[i] = (uint8_t)i;
 }
 
 /* The squared distance of halved component `p` to the nearest and to the
@@ -794,18 +791,18 @@ static uint32_t OctreeMakeList(OctreeMap *map, uint32_t cell)
             red = (int32_t)(cell & 15) * 8;
     uint32_t nearest[PALETTE_ENTRIES], bound = UINT32_MAX;
     for (int32_t i = 0; i < map->entries; i++) {
-        nearest[i] = NearSquare(map->halfBlue[i], blue) + NearSquare(map->halfGreen[i], green) +
-                     NearSquare(map->halfRed[i], red);
-        uint32_t farthest = FarSquare(map->halfBlue[i], blue) + FarSquare(map->halfGreen[i], green) +
-                            FarSquare(map->halfRed[i], red);
+        int32_t b = (int32_t)(map->halved[i] & 0x7F), g = (int32_t)(map->halved[i] >> 8 & 0x7F),
+                r = (int32_t)(map->halved[i] >> 16 & 0x7F);
+        nearest[i] = NearSquare(b, blue) + NearSquare(g, green) + NearSquare(r, red);
+        uint32_t farthest = FarSquare(b, blue) + FarSquare(g, green) + FarSquare(r, red);
         bound = farthest < bound ? farthest : bound;
     }
     uint32_t start = map->candidatesUsed, count = 0;
     if (start + (uint32_t)map->entries > OCTREE_CANDIDATE_POOL)
-        return (uint32_t)map->entries; /* every entry, from everyEntry (start 0 there) */
+        return (uint32_t)map->entries; /* every entry, from halved (start 0 there) */
     for (int32_t i = 0; i < map->entries; i++)
         if (nearest[i] <= bound)
-            map->candidates[start + count++] = (uint8_t)i;
+            map->candidates[start + count++] = map->halved[i];
     map->candidatesUsed += count;
     return (start + 1) << 9 | count;
 }
@@ -819,13 +816,14 @@ static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c, uint32_t cell)
     if (map->lists[cell] == OCTREE_LIST_UNMADE)
         map->lists[cell] = OctreeMakeList(map, cell);
     uint32_t list = map->lists[cell], count = list & 511;
-    const uint8_t *candidates = list >> 9 ? map->candidates + (list >> 9) - 1 : map->everyEntry;
+    const uint32_t *candidates = list >> 9 ? map->candidates + (list >> 9) - 1 : map->halved;
     int32_t b = c[0] >> 1, g = c[1] >> 1, r = c[2] >> 1;
     uint32_t best = NEAREST_START << 8;
     for (uint32_t n = 0; n < count; n++) {
-        uint32_t i = candidates[n];
-        int32_t db = b - map->halfBlue[i], dg = g - map->halfGreen[i], dr = r - map->halfRed[i];
-        uint32_t key = (uint32_t)(db * db + dg * dg + dr * dr) << 8 | i;
+        uint32_t e = candidates[n];
+        int32_t db = b - (int32_t)(e & 0x7F), dg = g - (int32_t)(e >> 8 & 0x7F),
+                dr = r - (int32_t)(e >> 16 & 0x7F);
+        uint32_t key = (uint32_t)(db * db + dg * dg + dr * dr) << 8 | e >> 24;
         best = key < best ? key : best;
     }
     return best & 0xFF;
