@@ -705,11 +705,11 @@ static inline int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
  * cube exceeds the greatest distance of some other entry, which is then
  * strictly nearer everywhere in the cube; so the answer, ties included,
  * is that of the search over all entries.  A cell's list is made when it
- * is first needed, in index order, into a pool of 32768 places; a cell
- * whose list no longer fits is searched over all entries.  Entries are
- * listed as their halved components and index in one word,
+ * is first needed, in index order, into a pool with room for every entry in
+ * every cell (only the lists made are ever touched).  Entries are listed as
+ * their halved components and index in one word,
  * B | G << 8 | R << 16 | index << 24. */
-#define OCTREE_CANDIDATE_POOL 32768
+#define OCTREE_CANDIDATE_POOL (OCTREE_CELLS * PALETTE_ENTRIES)
 #define OCTREE_LIST_UNMADE 0xFFFFFFFFu /* else start << 9 | count */
 
 /* The mapping's state beside the tree: the palette made, its halved
@@ -798,13 +798,11 @@ static uint32_t OctreeMakeList(OctreeMap *map, uint32_t cell)
         bound = farthest < bound ? farthest : bound;
     }
     uint32_t start = map->candidatesUsed, count = 0;
-    if (start + (uint32_t)map->entries > OCTREE_CANDIDATE_POOL)
-        return (uint32_t)map->entries; /* every entry, from halved (start 0 there) */
     for (int32_t i = 0; i < map->entries; i++)
         if (nearest[i] <= bound)
             map->candidates[start + count++] = map->halved[i];
     map->candidatesUsed += count;
-    return (start + 1) << 9 | count;
+    return start << 9 | count;
 }
 
 /* The nearest entry by halved components, lowest index winning ties.  Each
@@ -816,7 +814,7 @@ static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c, uint32_t cell)
     if (map->lists[cell] == OCTREE_LIST_UNMADE)
         map->lists[cell] = OctreeMakeList(map, cell);
     uint32_t list = map->lists[cell], count = list & 511;
-    const uint32_t *candidates = list >> 9 ? map->candidates + (list >> 9) - 1 : map->halved;
+    const uint32_t *candidates = map->candidates + (list >> 9);
     int32_t b = c[0] >> 1, g = c[1] >> 1, r = c[2] >> 1;
     uint32_t best = NEAREST_START << 8;
     for (uint32_t n = 0; n < count; n++) {

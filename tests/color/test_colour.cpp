@@ -235,6 +235,13 @@ TEST_F(Colour, PopularityAndOctreeKeepFewColours)
     int32_t r8 = make();
     EXPECT_LT(IMG_octree_color(r8, 6, nullptr, 0), 0);
     EXPECT_EQ(IMG_octree_color(-1, 8, nullptr, 0), IMG_ERR_HANDLE);
+    // 256 colours of distinct top three bits covering all 64 two-bit prefixes
+    // need 1 + 8 + 64 + 6 x 256 = 1609 nodes, past the 1600 of the pool: -1,
+    // and the image stays as it was.
+    int32_t wide = Image24(256, 1, [](int x, int) { return Rgb{(x & 3) << 6 | 9, (x >> 2 & 7) << 5 | 17, x >> 5 << 5 | x * 7 % 32}; });
+    Raster before = ImageRgb(wide);
+    EXPECT_EQ(IMG_octree_color(wide, 8, nullptr, 256), IMG_ERR_MEMORY);
+    EXPECT_EQ(RasterDiff(ImageRgb(wide), before), 0);
 }
 
 // Mapping onto a given palette diffuses each error Floyd-Steinberg fashion,
