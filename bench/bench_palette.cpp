@@ -7,13 +7,16 @@
  *   IMG_octree_color(256, 8 bits)  vs  convert in.bmp -dither FloydSteinberg -colors 256 out.bmp
  *   IMG_mediancut_color            vs  convert in.bmp -colors 256 out.bmp
  *
- * Ours is timed in memory around the call (the median of several runs, each
- * on a fresh copy made outside the timing).  ImageMagick is /usr/bin/convert
- * (Debian's), timed with the wall clock around the whole command; its
- * start-up, BMP reading and writing are estimated by a trivial convert of a
- * 1 x 1 BMP and of the picture itself without quantisation, and the ratio is
- * printed against the whole command and against the command less that
- * plain convert of the same picture.  No timing is asserted.
+ * Ours is timed in memory around the call, each run on a fresh copy made
+ * outside the timing.  ImageMagick is /usr/bin/convert (Debian's), timed
+ * with the wall clock around the whole command; its start-up, BMP reading
+ * and writing are estimated by a trivial convert of a 1 x 1 BMP and of the
+ * picture itself without quantisation, and the ratio is printed against the
+ * whole command and against the command less that plain convert of the same
+ * picture.  The octree and its three ImageMagick commands are timed in turn,
+ * 9 runs each, and their medians compared; the median cut against 3 runs of
+ * ImageMagick.  The summary line is the octree's ratio less start-up and
+ * I/O.  No timing is asserted.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <math.h>
@@ -29,7 +32,7 @@
 #include "core/imgapi.h"
 #include "core/imgio.h"
 
-constexpr int PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 5, MAGICK_RUNS = 3;
+constexpr int PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 9, MAGICK_COLORS_RUNS = 3;
 
 static const char magick[] = "/usr/bin/convert";
 
@@ -100,30 +103,34 @@ static uint8_t *Photo(uint32_t *size)
     return dib;
 }
 
-/* Ours: the median time of `op` on a fresh copy of `dib`. */
-static double TimeOurs(const uint8_t *dib, uint32_t size, int octree, int32_t *made)
+/* Ours: the time of `op` on a fresh copy of `dib`, or -1. */
+static double TimeOnce(const uint8_t *dib, uint32_t size, int octree, int32_t *made)
 {
-    double times[RUNS];
-    for (int run = 0; run < RUNS; run++) {
-        uint8_t *copy = static_cast<uint8_t *>(ImgAlloc(size));
-        if (!copy)
-            return -1;
-        memcpy(copy, dib, size);
-        int32_t handle = IMG_create_handle_keep(copy);
-        if (handle < 0)
-            return -1;
-        double t0 = BenchNow();
-        int32_t result = octree ? IMG_octree_color(handle, 8, NULL, 256) : IMG_mediancut_color(handle);
-        times[run] = BenchNow() - t0;
-        if (result < 0) {
-            fprintf(stderr, "bench_palette: operation failed: %d\n", (int)result);
-            return -1;
-        }
-        *made = result;
-        IMG_delete_bitmap_keep(handle); /* frees the new block, leaves the copy */
-        ImgFree(copy);
+    uint8_t *copy = static_cast<uint8_t *>(ImgAlloc(size));
+    if (!copy)
+        return -1;
+    memcpy(copy, dib, size);
+    int32_t handle = IMG_create_handle_keep(copy);
+    if (handle < 0)
+        return -1;
+    double t0 = BenchNow();
+    int32_t result = octree ? IMG_octree_color(handle, 8, NULL, 256) : IMG_mediancut_color(handle);
+    double time = BenchNow() - t0;
+    IMG_delete_bitmap_keep(handle); /* frees the new block, leaves the copy */
+    ImgFree(copy);
+    if (result < 0) {
+        fprintf(stderr, "bench_palette: operation failed: %d\n", (int)result);
+        return -1;
     }
-    return BenchMedian(times, RUNS);
+    *made = result;
+    return time;
+}
+
+/* The time of one run of a shell command, or -1 when it fails. */
+static double TimeCommand(const char *command)
+{
+    double t0 = BenchNow();
+    return system(command) == 0 ? BenchNow() - t0 : -1;
 }
 
 static int SaveBmp(const uint8_t *dib, uint32_t size, const char *path)
@@ -154,47 +161,59 @@ int main(void)
         fprintf(stderr, "bench_palette: cannot make the pictures\n");
         return 1;
     }
-    printf("bench_palette: %d x %d 24-bit picture; ours median of %d, ImageMagick median of %d "
-           "(wall clock)\n",
-           PHOTO_W, PHOTO_H, RUNS, MAGICK_RUNS);
-    int32_t madeOctree = 0, madeFixed = 0;
-    double octree = TimeOurs(photo, photoSize, 1, &madeOctree);
-    double fixed = TimeOurs(photo, photoSize, 0, &madeFixed);
-    if (octree < 0 || fixed < 0)
-        return 1;
-    printf("  IMG_octree_color (256, 8 bits)  %8.2f ms  (%d entries)\n", octree * 1e3, (int)madeOctree);
-    printf("  IMG_mediancut_color             %8.2f ms\n", fixed * 1e3);
-
+    printf("bench_palette: %d x %d 24-bit picture; medians of %d runs in turn (wall clock)\n", PHOTO_W,
+           PHOTO_H, RUNS);
     snprintf(command, sizeof command, "%s -version >/dev/null 2>&1", magick);
-    if (system(command) != 0) {
+    int haveMagick = system(command) == 0;
+    char startUpCommand[2048], plainCommand[2048], fsCommand[2048];
+    snprintf(startUpCommand, sizeof startUpCommand, "%s '%s' '%s' >/dev/null 2>&1", magick, tiny, out);
+    snprintf(plainCommand, sizeof plainCommand, "%s '%s' '%s' >/dev/null 2>&1", magick, in, out);
+    snprintf(fsCommand, sizeof fsCommand, "%s '%s' -dither FloydSteinberg -colors 256 '%s' >/dev/null 2>&1",
+             magick, in, out);
+    double octree[RUNS], fixed[RUNS], startUp[RUNS], plain[RUNS], magickFs[RUNS];
+    int32_t madeOctree = 0, madeFixed = 0;
+    for (int run = 0; run < RUNS; run++) {
+        octree[run] = TimeOnce(photo, photoSize, 1, &madeOctree);
+        fixed[run] = TimeOnce(photo, photoSize, 0, &madeFixed);
+        if (octree[run] < 0 || fixed[run] < 0)
+            return 1;
+        if (!haveMagick)
+            continue;
+        startUp[run] = TimeCommand(startUpCommand);
+        plain[run] = TimeCommand(plainCommand);
+        magickFs[run] = TimeCommand(fsCommand);
+        if (startUp[run] < 0 || plain[run] < 0 || magickFs[run] < 0) {
+            printf("  ImageMagick: a command failed\n");
+            return 1;
+        }
+    }
+    double o = BenchMedian(octree, RUNS), f = BenchMedian(fixed, RUNS);
+    printf("  IMG_octree_color (256, 8 bits)  %8.2f ms  (%d entries)\n", o * 1e3, (int)madeOctree);
+    printf("  IMG_mediancut_color             %8.2f ms\n", f * 1e3);
+    if (!haveMagick) {
         printf("  ImageMagick (%s): not installed\n", magick);
         return 0;
     }
-    snprintf(command, sizeof command, "%s '%s' '%s' >/dev/null 2>&1", magick, tiny, out);
-    double startUp = BenchTimeCommand(command, MAGICK_RUNS);
-    snprintf(command, sizeof command, "%s '%s' '%s' >/dev/null 2>&1", magick, in, out);
-    double plain = BenchTimeCommand(command, MAGICK_RUNS);
-    snprintf(command, sizeof command,
-             "%s '%s' -dither FloydSteinberg -colors 256 '%s' >/dev/null 2>&1", magick, in, out);
-    double magickFs = BenchTimeCommand(command, MAGICK_RUNS);
+    double su = BenchMedian(startUp, RUNS), pl = BenchMedian(plain, RUNS), fs = BenchMedian(magickFs, RUNS);
     snprintf(command, sizeof command, "%s '%s' -colors 256 '%s' >/dev/null 2>&1", magick, in, out);
-    double magickColors = BenchTimeCommand(command, MAGICK_RUNS);
-    if (startUp < 0 || plain < 0 || magickFs < 0 || magickColors < 0) {
+    double magickColors = BenchTimeCommand(command, MAGICK_COLORS_RUNS);
+    if (magickColors < 0) {
         printf("  ImageMagick: a command failed\n");
         return 1;
     }
-    printf("  convert 1x1.bmp out.bmp (start-up)          %8.2f ms\n", startUp * 1e3);
-    printf("  convert in.bmp out.bmp (start-up and I/O)   %8.2f ms\n", plain * 1e3);
-    printf("  convert -dither FloydSteinberg -colors 256  %8.2f ms\n", magickFs * 1e3);
-    printf("  convert -colors 256                         %8.2f ms\n", magickColors * 1e3);
+    printf("  convert 1x1.bmp out.bmp (start-up)          %8.2f ms\n", su * 1e3);
+    printf("  convert in.bmp out.bmp (start-up and I/O)   %8.2f ms\n", pl * 1e3);
+    printf("  convert -dither FloydSteinberg -colors 256  %8.2f ms\n", fs * 1e3);
+    printf("  convert -colors 256 (median of %d)           %8.2f ms\n", MAGICK_COLORS_RUNS, magickColors * 1e3);
     printf("  ratio ImageMagick/ours, octree vs -dither FloydSteinberg -colors 256:"
            " %.2f whole, %.2f less start-up, %.2f less start-up and I/O\n",
-           magickFs / octree, (magickFs - startUp) / octree, (magickFs - plain) / octree);
+           fs / o, (fs - su) / o, (fs - pl) / o);
     printf("  ratio ImageMagick/ours, mediancut vs -colors 256:"
            " %.2f whole, %.2f less start-up, %.2f less start-up and I/O\n",
-           magickColors / fixed, (magickColors - startUp) / fixed, (magickColors - plain) / fixed);
+           magickColors / f, (magickColors - su) / f, (magickColors - pl) / f);
     remove(out);
     ImgFree(photo);
     ImgFree(one);
+    BenchSummary("RATIO", "octree", (fs - pl) / o);
     return 0;
 }

@@ -17,9 +17,9 @@
  * goes out through a scratch string in pieces, rows being delivered between
  * them, so that no stream can write past the output buffer.
  *
- * The encoder: a hash table in a 20580-byte block maps (string
- * code, byte) to codes; codes go into the 2100-byte output buffer, 2000
- * bytes at a time to the byte sink.
+ * The encoder: a hash table of 32768 slots maps (string code, byte) to
+ * codes; codes go through a 64-bit bit accumulator into the 2100-byte
+ * output buffer, 2000 bytes at a time to the byte sink.
  */
 #include "codecs/lzw.h"
 
@@ -486,20 +486,35 @@ int LzwDecodeStrip(int handle, uint8_t *codedBuffer, int32_t firstRow, int32_t r
 
 /* ---- encoding ---- */
 
-#define LZW_HASH_BLOCK 20580    /* the hash table */
-#define LZW_HASH_SLOTS 5119     /* a prime; 4-byte slots within the block */
+/* The string table: (prefix code, byte) -> code by open addressing over
+ * 32768 four-byte slots, probed one slot on.  At most 3822 strings exist
+ * between two Clears, so the table stays under an eighth full and nearly
+ * every lookup ends at its first slot.  A slot holds
+ * (prefix << 20 | byte << 12 | code); all ones is empty (code 4095 is never
+ * assigned). */
+#define LZW_HASH_BITS 15
+#define LZW_HASH_SLOTS (1u << LZW_HASH_BITS)
+#define LZW_HASH_MASK (LZW_HASH_SLOTS - 1)
+#define LZW_HASH_BLOCK (LZW_HASH_SLOTS * 4)
+#define LZW_SLOT_EMPTY 0xFFFFFFFFu
 #define LZW_OUT_SIZE 2100
 #define LZW_OUT_FLUSH 2000
 
-/* A slot holds (prefix << 20 | byte << 12 | code); all ones is empty (code
- * 4095 is never assigned). */
-#define LZW_SLOT_EMPTY 0xFFFFFFFFu
+/* The home slot of a (prefix << 8 | byte) key: the top bits of its product
+ * with an odd constant near 2^32 / golden ratio, which scatters the keys of
+ * neighbouring codes over the whole table. */
+static inline uint32_t LzwHome(uint32_t key)
+{
+    return (key * 0x9E3779B1u) >> (32 - LZW_HASH_BITS);
+}
 
 typedef struct LzwEncoder {
     int handle;
-    uint32_t *slots;    /* the 20580-byte block, all 0xFF when empty */
-    uint8_t *out;       /* LZW_OUT_SIZE bytes */
-    uint32_t bitPosition;
+    uint32_t *slots;       /* LZW_HASH_SLOTS, all ones when empty */
+    uint8_t *out;          /* LZW_OUT_SIZE bytes */
+    uint32_t outBytes;     /* whole bytes in out */
+    uint64_t pending;      /* the bits after them, in the low pendingBits bits */
+    uint32_t pendingBits;  /* 0 .. 7 between codes */
     uint32_t width;
     uint32_t nextFree;
     uint32_t limit;
@@ -510,23 +525,36 @@ static void LzwHashClear(LzwEncoder *e)
     memset(e->slots, 0xFF, LZW_HASH_BLOCK);
 }
 
-/* Writes one code of the current width, flushing 2000 bytes when full. */
-static inline int LzwPutCode(LzwEncoder *e, uint32_t code)
+/* The first 2000 bytes go to the sink; the partly filled byte behind
+ * them moves to the front. */
+static int LzwFlush(LzwEncoder *e)
 {
-    uint32_t byte = e->bitPosition >> 3, bit = e->bitPosition & 7;
-    uint32_t v = code << (24 - e->width - bit);
-    e->out[byte] |= (uint8_t)(v >> 16);
-    e->out[byte + 1] = (uint8_t)(v >> 8);
-    e->out[byte + 2] = (uint8_t)v;
-    e->bitPosition += e->width;
-    if (e->bitPosition >= LZW_OUT_FLUSH * 8) {
-        if (ImgWrite(e->handle, e->out, LZW_OUT_FLUSH) != LZW_OUT_FLUSH)
-            return IMG_ERR_WRITE;
-        memcpy(e->out, e->out + LZW_OUT_FLUSH, 3);
-        memset(e->out + 3, 0, LZW_OUT_FLUSH);
-        e->bitPosition -= LZW_OUT_FLUSH * 8;
-    }
+    if (ImgWrite(e->handle, e->out, LZW_OUT_FLUSH) != LZW_OUT_FLUSH)
+        return IMG_ERR_WRITE;
+    e->outBytes -= LZW_OUT_FLUSH;
+    memcpy(e->out, e->out + LZW_OUT_FLUSH, 4);
     return 0;
+}
+
+/* Appends one code of `width` bits to the pending bits and writes them,
+ * most significant first, as one big-endian word at the first unfinished
+ * byte of out (the bits not yet written read as zeros); the whole bytes are
+ * counted. */
+static inline void LzwPackCode(uint8_t *out, uint32_t *outBytes, uint64_t *pending,
+                               uint32_t *pendingBits, uint32_t code, uint32_t width)
+{
+    *pending = *pending << width | code;
+    *pendingBits += width;
+    PutBE32(out + *outBytes, (uint32_t)((*pending << 32) >> *pendingBits));
+    *outBytes += *pendingBits >> 3;
+    *pendingBits &= 7;
+}
+
+/* Writes one code of the current width, flushing 2000 bytes when full. */
+static int LzwPutCode(LzwEncoder *e, uint32_t code)
+{
+    LzwPackCode(e->out, &e->outBytes, &e->pending, &e->pendingBits, code, e->width);
+    return e->outBytes >= LZW_OUT_FLUSH ? LzwFlush(e) : 0;
 }
 
 static void LzwEncoderReset(LzwEncoder *e)
@@ -537,12 +565,17 @@ static void LzwEncoderReset(LzwEncoder *e)
     e->limit = 512;
 }
 
-/* Enters (prefix, byte) -> nextFree at the free slot `slot`, then grows the
- * width or clears the table (early change). */
-static int LzwAddString(LzwEncoder *e, uint32_t slot, uint32_t key)
+/* The rare step after a code went out and its string was entered: a full
+ * output buffer goes to the sink, and when the next free code reaches the
+ * limit the width grows or, at 12 bits, Clear goes out and the table
+ * empties (early change). */
+static int LzwAfterCode(LzwEncoder *e)
 {
-    e->slots[slot] = key << 12 | e->nextFree;
-    e->nextFree++;
+    if (e->outBytes >= LZW_OUT_FLUSH) {
+        int r = LzwFlush(e);
+        if (r < 0)
+            return r;
+    }
     if (e->nextFree < e->limit)
         return 0;
     if (e->width < LZW_MAX_WIDTH) {
@@ -555,40 +588,62 @@ static int LzwAddString(LzwEncoder *e, uint32_t slot, uint32_t key)
     return r;
 }
 
-/* Encodes `count` bytes continuing the string *string. */
+/* Past a first slot that holds another string: the slot of `key`, or the
+ * empty slot where it would go (*s receives the slot's contents). */
+static uint32_t LzwProbe(const uint32_t *slots, uint32_t slot, uint32_t key, uint32_t *s)
+{
+    do {
+        slot = (slot + 1) & LZW_HASH_MASK;
+        *s = slots[slot];
+    } while (*s >> 12 != key && *s != LZW_SLOT_EMPTY);
+    return slot;
+}
+
+/* Encodes `count` bytes continuing the string *string.  The loop runs on
+ * locals and leaves them only for LzwAfterCode.  Whether a byte extends
+ * the string or starts a new one is as likely as not on photographs, so
+ * both outcomes are computed without a branch: the code goes out with
+ * zero bits when the string goes on, and the slot gets back its own
+ * contents. */
 static int LzwEncodeBytes(LzwEncoder *e, const uint8_t *bytes, int32_t count, uint32_t *string)
 {
     uint32_t current = *string;
-    uint32_t *slots = e->slots;
+    uint32_t *const slots = e->slots;
+    uint8_t *const out = e->out;
+    uint64_t pending = e->pending;
+    uint32_t pendingBits = e->pendingBits, outBytes = e->outBytes;
+    uint32_t width = e->width, nextFree = e->nextFree, limit = e->limit;
     for (int32_t i = 0; i < count; i++) {
-        uint32_t key = current << 8 | bytes[i];
-        /* (byte << 4) ^ string: below 4096, two cheap steps (the hit path's
-         * chain from one byte to the next); then spread over the 5119 slots */
-        uint32_t home = (uint32_t)bytes[i] << 4 ^ current;
-        uint32_t slot = home + (home >> 2);
-        uint32_t step = 0; /* found on collision only */
-        for (;;) {
-            uint32_t s = slots[slot];
-            if (s == LZW_SLOT_EMPTY) {
-                int r = LzwPutCode(e, current);
-                if (r == 0)
-                    r = LzwAddString(e, slot, key);
-                if (r < 0)
-                    return r;
-                current = bytes[i];
-                break;
-            }
-            if (s >> 12 == key) {
-                current = s & 0xFFF;
-                break;
-            }
-            if (!step)
-                step = 1 + key % (LZW_HASH_SLOTS - 2);
-            slot += step;
-            if (slot >= LZW_HASH_SLOTS)
-                slot -= LZW_HASH_SLOTS;
+        uint32_t byte = bytes[i], key = current << 8 | byte;
+        uint32_t slot = LzwHome(key);
+        uint32_t s = slots[slot];
+        if (s >> 12 != key && s != LZW_SLOT_EMPTY)
+            slot = LzwProbe(slots, slot, key, &s);
+        uint32_t isNew = s == LZW_SLOT_EMPTY, newMask = 0u - isNew;
+        LzwPackCode(out, &outBytes, &pending, &pendingBits, current & newMask, width & newMask);
+        slots[slot] = isNew ? key << 12 | nextFree : s;
+        current = isNew ? byte : s & 0xFFF;
+        nextFree += isNew;
+        if (nextFree == limit || outBytes >= LZW_OUT_FLUSH) {
+            e->pending = pending;
+            e->pendingBits = pendingBits;
+            e->outBytes = outBytes;
+            e->nextFree = nextFree;
+            int r = LzwAfterCode(e);
+            if (r < 0)
+                return r;
+            pending = e->pending;
+            pendingBits = e->pendingBits;
+            outBytes = e->outBytes;
+            width = e->width;
+            nextFree = e->nextFree;
+            limit = e->limit;
         }
     }
+    e->pending = pending;
+    e->pendingBits = pendingBits;
+    e->outBytes = outBytes;
+    e->nextFree = nextFree;
     *string = current;
     return 0;
 }
@@ -607,7 +662,7 @@ static int LzwFinish(LzwEncoder *e, uint32_t string, int haveString)
     r = LzwPutCode(e, LZW_END);
     if (r < 0)
         return r;
-    uint32_t bytes = (e->bitPosition + 7) / 8;
+    uint32_t bytes = e->outBytes + (e->pendingBits != 0);
     if (bytes && ImgWrite(e->handle, e->out, bytes) != (int32_t)bytes)
         return IMG_ERR_WRITE;
     return 0;

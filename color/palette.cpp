@@ -29,11 +29,9 @@
 #include "core/imgio.h"
 
 #define PALETTE_ENTRIES 256
-#define OCTREE_POOL_NODES 800
 #define OCTREE_SLACK 2000
 #define OCTREE_SLOTS 3
 #define NEAREST_START 65535u
-#define NEAREST_CACHE_PIXELS 65536 /* pictures from this size on remember searches */
 #define BLOCK_LIMIT 0x7FFFFFFFu /* the largest bitmap a descriptor records */
 
 /* ---- the source image ---- */
@@ -76,21 +74,22 @@ static int OpenSource(int32_t handle, uint64_t accepts, Source *s)
 
 #define DEPTH(b) ((uint64_t)1 << (b))
 
-/* Source row y (storage order; a row past the last reads as the last): its
- * stride copied, a 32-bit row packed to 24-bit triples in place. */
+/* Source row y (storage order; a row past the last reads as the last): the
+ * row itself, or for a 32-bit source its pixels packed to 24-bit triples
+ * in the scratch row. */
 static const uint8_t *FetchRow(const Source *s, int32_t y)
 {
     if (y >= s->d->height)
         y = s->d->height - 1;
-    uint8_t *row = s->scratch;
-    memcpy(row, s->pixels + (size_t)y * (size_t)s->d->stride, (size_t)s->d->stride);
-    if (s->bits == 32)
-        for (int32_t x = 0; x < s->d->width; x++) {
-            row[3 * x] = row[4 * x];
-            row[3 * x + 1] = row[4 * x + 1];
-            row[3 * x + 2] = row[4 * x + 2];
-        }
-    return row;
+    const uint8_t *row = s->pixels + (size_t)y * (size_t)s->d->stride;
+    if (s->bits != 32)
+        return row;
+    for (int32_t x = 0; x < s->d->width; x++) {
+        s->scratch[3 * x] = row[4 * x];
+        s->scratch[3 * x + 1] = row[4 * x + 1];
+        s->scratch[3 * x + 2] = row[4 * x + 2];
+    }
+    return s->scratch;
 }
 
 /* The B, G, R bytes of pixel x of a fetched row: 4- and 8-bit pixels through
@@ -394,54 +393,65 @@ int32_t IMGAPI IMG_popularity_color(int32_t handle)
 
 /* ---- IMG_octree_color ---- */
 
+/* The tree lives in one pool of 1600 nodes addressed by 16-bit indices.
+ * Node 0 is the root; as it is nobody's child, 0 also stands for "none" in
+ * child and list links.  Nodes folded away by a reduction go back on a free
+ * list.  hardening: 256 leaves can need 1609 nodes (docs/DEVIATIONS.md);
+ * when all 1600 are in use, taking one fails and the call returns -1. */
+#define OCTREE_NODES 1600
+#define OCTREE_NONE 0
+
 typedef struct OctreeNode {
-    uint32_t paletteIndex;
-    uint32_t pixelCount; /* non-zero marks a leaf */
+    uint16_t children[8];    /* OCTREE_NONE when absent */
+    uint32_t pixelCount;     /* non-zero marks a leaf */
     uint32_t redSum, greenSum, blueSum;
-    int32_t level; /* root -1, its children 0, down to 7 */
-    uint32_t childCount;
-    struct OctreeNode *children[8];
-    struct OctreeNode *next, *previous; /* the level's reducible list */
-    uint32_t inUse;
+    uint16_t next, previous; /* the level's reducible list */
+    uint16_t paletteIndex;   /* set by the palette walk */
+    int16_t level;           /* root -1, its children 0, down to 7 */
 } OctreeNode;
+
+/* The walk over levels 0 .. 3 follows the top four bits of each
+ * component: its outcome depends on the colour's cell, one of 4096. */
+#define OCTREE_TOP_LEVELS 4
+#define OCTREE_CELLS 4096
+/* The insertion's cell entries: the tree's generation above a leaf flag
+ * and the node (12 bits).  The generation counts changes of the tree and
+ * starts again at 1, all entries cleared, before it outgrows its 19 bits. */
+#define OCTREE_CELL_LEAF 0x1000u
+#define OCTREE_GENERATION_SHIFT 13
+#define OCTREE_GENERATION_LIMIT (1u << 19)
 
 typedef struct OctreeQuantizer {
     int32_t leafCount;
     int32_t maxColours;
-    int32_t oddCursor, evenCursor;
     int32_t reductionLevel;
-    OctreeNode *root, *oddPool, *evenPool;
-    int32_t unusedA[256], unusedB[256]; /* zeroed; no step reads them */
-    OctreeNode *reducible[8];
+    int32_t freeCount;                /* entries of freeNodes */
+    uint16_t reducible[8];            /* list heads, level 0 .. 7 */
+    uint16_t freeNodes[OCTREE_NODES];
+    OctreeNode nodes[OCTREE_NODES];
+    /* Where the walk over levels 0 .. 3 ends for each cell (a leaf or the
+     * internal node at level 3), valid while its generation is the tree's. */
+    uint32_t generation;
+    uint32_t cells[OCTREE_CELLS];
 } OctreeQuantizer;
-
-/* The mapping's state beside the tree: the palette made and the nearest
- * search's squares. */
-typedef struct OctreeMap {
-    uint8_t palette[PALETTE_ENTRIES][4]; /* B, G, R, 0 */
-    int32_t entries;
-    uint32_t squares[257]; /* slot d + 128 holds d * d */
-    int16_t *nearest;      /* per halved colour: -1 not yet searched, else the entry */
-} OctreeMap;
 
 /* The path of a colour: bit 7 - L of c0, c1, c2 as the index at level L.
  * All eight indices are interleaved once into a 24-bit code (3 bits a
  * level, level 0 highest) by a table of spread bits. */
-static uint32_t spreadBits[256];
-
-static void BuildSpreadBits(void)
-{
-    for (unsigned v = 0; v < 256; v++) {
-        uint32_t spread = 0;
-        for (int bit = 0; bit < 8; bit++)
-            spread |= ((v >> bit) & 1u) << (3 * bit);
-        spreadBits[v] = spread;
+struct SpreadBits {
+    uint32_t of[256];
+    constexpr SpreadBits() : of()
+    {
+        for (unsigned v = 0; v < 256; v++)
+            for (int bit = 0; bit < 8; bit++)
+                of[v] |= ((v >> bit) & 1u) << (3 * bit);
     }
-}
+};
+static constexpr SpreadBits spreadBits;
 
 static inline uint32_t PathCode(const uint8_t *c)
 {
-    return spreadBits[c[0]] << 2 | spreadBits[c[1]] << 1 | spreadBits[c[2]];
+    return spreadBits.of[c[0]] << 2 | spreadBits.of[c[1]] << 1 | spreadBits.of[c[2]];
 }
 
 static inline unsigned PathIndex(uint32_t code, int level)
@@ -449,72 +459,88 @@ static inline unsigned PathIndex(uint32_t code, int level)
     return (code >> (3 * (7 - level))) & 7u;
 }
 
-/* A free node for `level` from the pool of its parity (the root
- * passes its side).  hardening: a plain scan would never end when both
- * pools are full; after visiting every node it gives NULL (-1). */
-static OctreeNode *OctreeTakeNode(OctreeQuantizer *q, int odd, int32_t level)
+/* The cell of a colour: the top four bits of c0, c1, c2. */
+static inline uint32_t Cell(const uint8_t *c)
 {
-    OctreeNode *pool = odd ? q->oddPool : q->evenPool;
-    int32_t i = odd ? q->oddCursor : q->evenCursor;
-    int side = odd;
-    for (int32_t steps = 0; pool[i].inUse; steps++) {
-        if (steps >= 3 * OCTREE_POOL_NODES)
-            return NULL;
-        /* At a pool's end: index 0 of the pool `side` names, then `side`
-         * flips, so the first wrap stays in the same pool. */
-        if (++i == OCTREE_POOL_NODES) {
-            i = 0;
-            pool = side ? q->oddPool : q->evenPool;
-            side = !side;
-        }
+    return (uint32_t)(c[0] >> 4) << 8 | (uint32_t)(c[1] >> 4) << 4 | (uint32_t)(c[2] >> 4);
+}
+
+/* The walk over levels 0 .. 3: the leaf it meets, the internal node it
+ * reaches at level 3, or OCTREE_NONE at a missing child. */
+static uint16_t OctreeTopNode(const OctreeQuantizer *q, uint32_t code)
+{
+    uint16_t node = 0;
+    for (int level = 0; level < OCTREE_TOP_LEVELS; level++) {
+        node = q->nodes[node].children[PathIndex(code, level)];
+        if (node == OCTREE_NONE || q->nodes[node].pixelCount)
+            break;
     }
-    if (side)
-        q->oddCursor = i;
-    else
-        q->evenCursor = i;
-    OctreeNode *node = &pool[i];
-    memset(node, 0, sizeof *node);
-    node->inUse = 1;
-    node->level = level;
     return node;
 }
 
-static void OctreeFreeNode(OctreeNode *node)
+/* The walk on from the internal node `node` at level 3: the leaf it meets
+ * (or the node at level 7), or OCTREE_NONE at a missing child. */
+static uint16_t OctreeWalkOn(const OctreeQuantizer *q, uint16_t node, uint32_t code)
 {
-    memset(node, 0, sizeof *node); /* clears the in-use flag too */
+    for (int level = OCTREE_TOP_LEVELS; level < 8; level++) {
+        node = q->nodes[node].children[PathIndex(code, level)];
+        if (node == OCTREE_NONE || q->nodes[node].pixelCount)
+            break;
+    }
+    return node;
 }
 
-/* A new quantizer for up to `count` colours. */
-static int OctreeCreate(OctreeQuantizer **out, int32_t count)
+/* After any change of the tree: every cell entry is out of date. */
+static void OctreeChanged(OctreeQuantizer *q)
+{
+    if (++q->generation == OCTREE_GENERATION_LIMIT) {
+        memset(q->cells, 0, sizeof q->cells);
+        q->generation = 1;
+    }
+}
+
+/* A cleared node for `level` from the free list; OCTREE_NONE when every
+ * node is in use. */
+static uint16_t OctreeTakeNode(OctreeQuantizer *q, int32_t level)
+{
+    if (q->freeCount == 0)
+        return OCTREE_NONE;
+    uint16_t n = q->freeNodes[--q->freeCount];
+    memset(&q->nodes[n], 0, sizeof q->nodes[n]);
+    q->nodes[n].level = (int16_t)level;
+    return n;
+}
+
+static void OctreeFreeNode(OctreeQuantizer *q, uint16_t n)
+{
+    q->freeNodes[q->freeCount++] = n;
+}
+
+/* A new quantizer for up to `count` colours: the root and 1599 free nodes. */
+static OctreeQuantizer *OctreeCreate(int32_t count)
 {
     OctreeQuantizer *q = static_cast<OctreeQuantizer *>(ImgAllocTracked(sizeof *q));
-    OctreeNode *odd = static_cast<OctreeNode *>(ImgAllocTracked(OCTREE_POOL_NODES * sizeof(OctreeNode)));
-    OctreeNode *even = static_cast<OctreeNode *>(ImgAllocTracked(OCTREE_POOL_NODES * sizeof(OctreeNode)));
-    if (!q || !odd || !even)
-        return IMG_ERR_MEMORY;
+    if (!q)
+        return NULL;
     memset(q, 0, sizeof *q);
-    memset(odd, 0, OCTREE_POOL_NODES * sizeof(OctreeNode));
-    memset(even, 0, OCTREE_POOL_NODES * sizeof(OctreeNode));
-    if (!spreadBits[1])
-        BuildSpreadBits();
     q->maxColours = count >= 256 ? 256 : count >= 8 ? count : 8;
     q->reductionLevel = 7;
-    q->oddPool = odd;
-    q->evenPool = even;
-    q->root = OctreeTakeNode(q, 0, -1);
-    *out = q;
-    return 0;
+    q->generation = 1;
+    for (int n = OCTREE_NODES - 1; n > 0; n--)
+        q->freeNodes[q->freeCount++] = (uint16_t)n;
+    q->nodes[0].level = -1;
+    return q;
 }
 
 /* Walks from the root along the colour's path; stops at a leaf or before a
  * missing child (*missing set). */
-static OctreeNode *OctreeWalk(const OctreeQuantizer *q, uint32_t code, int *missing)
+static uint16_t OctreeWalk(const OctreeQuantizer *q, uint32_t code, int *missing)
 {
-    OctreeNode *node = q->root;
+    uint16_t node = 0;
     *missing = 0;
-    for (int level = 0; level < 8 && !node->pixelCount; level++) {
-        OctreeNode *child = node->children[PathIndex(code, level)];
-        if (!child) {
+    for (int level = 0; level < 8 && !q->nodes[node].pixelCount; level++) {
+        uint16_t child = q->nodes[node].children[PathIndex(code, level)];
+        if (child == OCTREE_NONE) {
             *missing = 1;
             break;
         }
@@ -523,25 +549,26 @@ static OctreeNode *OctreeWalk(const OctreeQuantizer *q, uint32_t code, int *miss
     return node;
 }
 
-static void OctreeUnlink(OctreeQuantizer *q, OctreeNode *node)
+static void OctreeUnlink(OctreeQuantizer *q, uint16_t n)
 {
-    if (node->previous)
-        node->previous->next = node->next;
-    else if (node->level >= 0 && node->level < 8 && q->reducible[node->level] == node)
+    OctreeNode *node = &q->nodes[n];
+    if (node->previous != OCTREE_NONE)
+        q->nodes[node->previous].next = node->next;
+    else if (node->level >= 0 && node->level < 8 && q->reducible[node->level] == n)
         q->reducible[node->level] = node->next;
     else
         return; /* not listed */
-    if (node->next)
-        node->next->previous = node->previous;
-    node->next = node->previous = NULL;
+    if (node->next != OCTREE_NONE)
+        q->nodes[node->next].previous = node->previous;
+    node->next = node->previous = OCTREE_NONE;
 }
 
-static uint32_t ChildCounts(const OctreeNode *node)
+static uint32_t ChildCounts(const OctreeQuantizer *q, uint16_t n)
 {
     uint32_t sum = 0;
     for (int i = 0; i < 8; i++)
-        if (node->children[i])
-            sum += node->children[i]->pixelCount;
+        if (q->nodes[n].children[i] != OCTREE_NONE)
+            sum += q->nodes[q->nodes[n].children[i]].pixelCount;
     return sum;
 }
 
@@ -550,71 +577,113 @@ static uint32_t ChildCounts(const OctreeNode *node)
 static int OctreeReduce(OctreeQuantizer *q)
 {
     int level = 6;
-    while (level >= 0 && !q->reducible[level])
+    while (level >= 0 && q->reducible[level] == OCTREE_NONE)
         level--;
     if (level < 0)
         return 0;
-    OctreeNode *best = q->reducible[level];
-    uint32_t bestSum = ChildCounts(best);
-    for (OctreeNode *n = best->next; n; n = n->next) {
-        uint32_t sum = ChildCounts(n);
+    uint16_t best = q->reducible[level];
+    uint32_t bestSum = ChildCounts(q, best);
+    for (uint16_t n = q->nodes[best].next; n != OCTREE_NONE; n = q->nodes[n].next) {
+        uint32_t sum = ChildCounts(q, n);
         if (sum < bestSum) {
             best = n;
             bestSum = sum;
         }
     }
     OctreeUnlink(q, best);
-    q->reductionLevel = best->level;
-    int wasLeaf = best->pixelCount != 0;
+    OctreeChanged(q);
+    OctreeNode *node = &q->nodes[best];
+    q->reductionLevel = node->level;
+    int wasLeaf = node->pixelCount != 0;
     for (int i = 0; i < 8; i++) {
-        OctreeNode *child = best->children[i];
-        if (!child)
+        uint16_t c = node->children[i];
+        if (c == OCTREE_NONE)
             continue;
-        best->pixelCount += child->pixelCount;
-        best->redSum += child->redSum;
-        best->greenSum += child->greenSum;
-        best->blueSum += child->blueSum;
-        OctreeUnlink(q, child);
-        OctreeFreeNode(child);
-        best->children[i] = NULL;
+        const OctreeNode *child = &q->nodes[c];
+        node->pixelCount += child->pixelCount;
+        node->redSum += child->redSum;
+        node->greenSum += child->greenSum;
+        node->blueSum += child->blueSum;
+        OctreeUnlink(q, c);
+        OctreeFreeNode(q, c);
+        node->children[i] = OCTREE_NONE;
         q->leafCount--;
     }
-    best->childCount = 0;
     if (!wasLeaf)
         q->leafCount++;
     return 1;
 }
 
-/* Inserts one colour (c[0] blue, c[1] green, c[2] red). */
-static int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
+/* The node a colour is added to when the cells do not give it: walk, fold
+ * while a leaf is missing and the tree is full, then make the missing path
+ * down to the reduction level (the last node made or met counts as a new
+ * leaf).  OCTREE_NONE when no node is free. */
+static uint16_t OctreeFindNode(OctreeQuantizer *q, const uint8_t *c)
 {
     int missing;
     uint32_t code = PathCode(c);
-    OctreeNode *node = OctreeWalk(q, code, &missing);
+    uint16_t node = OctreeWalk(q, code, &missing);
     while (missing && q->leafCount >= q->maxColours && OctreeReduce(q))
         node = OctreeWalk(q, code, &missing);
-    if (missing) {
-        node = q->root;
-        for (int level = 0; level <= q->reductionLevel; level++) {
-            unsigned index = PathIndex(code, level);
-            OctreeNode *child = node->children[index];
-            if (!child) {
-                child = OctreeTakeNode(q, level & 1, level);
-                if (!child)
-                    return IMG_ERR_MEMORY;
-                node->childCount++;
-                node->children[index] = child;
-                if (level < q->reductionLevel) {
-                    child->next = q->reducible[level];
-                    if (child->next)
-                        child->next->previous = child;
-                    q->reducible[level] = child;
-                }
+    if (!missing)
+        return node;
+    OctreeChanged(q);
+    node = 0;
+    for (int level = 0; level <= q->reductionLevel; level++) {
+        unsigned index = PathIndex(code, level);
+        uint16_t child = q->nodes[node].children[index];
+        if (child == OCTREE_NONE) {
+            child = OctreeTakeNode(q, level);
+            if (child == OCTREE_NONE)
+                return OCTREE_NONE;
+            q->nodes[node].children[index] = child;
+            if (level < q->reductionLevel) {
+                uint16_t head = q->reducible[level];
+                q->nodes[child].next = head;
+                if (head != OCTREE_NONE)
+                    q->nodes[head].previous = child;
+                q->reducible[level] = child;
             }
-            node = child;
         }
-        q->leafCount++;
+        node = child;
     }
+    q->leafCount++;
+    return node;
+}
+
+/* The node of a colour whose cell entry is out of date or names no leaf:
+ * the walk over the top levels (recorded in the cell), on from there, or
+ * at a missing child the full way (OctreeFindNode), which may change the
+ * tree.  OCTREE_NONE when no node is free. */
+static uint16_t OctreeNodeBelow(OctreeQuantizer *q, const uint8_t *c, uint32_t cell)
+{
+    uint32_t code = PathCode(c), entry = q->cells[cell];
+    uint16_t n;
+    if (entry >> OCTREE_GENERATION_SHIFT == q->generation) {
+        n = (uint16_t)(entry & 0xFFF);
+    } else {
+        n = OctreeTopNode(q, code);
+        if (n != OCTREE_NONE)
+            q->cells[cell] = q->generation << OCTREE_GENERATION_SHIFT |
+                             (q->nodes[n].pixelCount ? OCTREE_CELL_LEAF : 0) | n;
+    }
+    if (n != OCTREE_NONE && !q->nodes[n].pixelCount)
+        n = OctreeWalkOn(q, n, code);
+    return n != OCTREE_NONE ? n : OctreeFindNode(q, c);
+}
+
+/* Inserts one colour (c[0] blue, c[1] green, c[2] red).  Most colours find
+ * their leaf from their cell, recorded while the tree has not changed. */
+static inline int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
+{
+    uint32_t cell = Cell(c), entry = q->cells[cell];
+    uint16_t n = (uint16_t)(entry & 0xFFF);
+    if (entry >> OCTREE_GENERATION_SHIFT != q->generation || !(entry & OCTREE_CELL_LEAF)) {
+        n = OctreeNodeBelow(q, c, cell);
+        if (n == OCTREE_NONE)
+            return IMG_ERR_MEMORY;
+    }
+    OctreeNode *node = &q->nodes[n];
     node->redSum += c[2];
     node->greenSum += c[1];
     node->blueSum += c[0];
@@ -622,15 +691,52 @@ static int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
     return 0;
 }
 
+/* ---- the mapping ---- */
+
+/* The walk over levels 0 .. 3 is done once for each cell: a palette
+ * index, a missing branch (the nearest search decides), or the internal
+ * node at level 3 where the walk goes on. */
+#define OCTREE_TOP_FOUND 0x8000u   /* | the palette index */
+#define OCTREE_TOP_MISSING 0x4000u /* otherwise: the node */
+
+/* The nearest search of a colour looks only at its cell's candidates: the
+ * entries that can be nearest somewhere in the cell, a cube of 8 halved
+ * units a side.  An entry is left out when even its least distance to the
+ * cube exceeds the greatest distance of some other entry, which is then
+ * strictly nearer everywhere in the cube; so the answer, ties included,
+ * is that of the search over all entries.  A cell's list is made when it
+ * is first needed, in index order, into a pool with room for every entry in
+ * every cell (only the lists made are ever touched).  Entries are listed as
+ * their halved components and index in one word,
+ * B | G << 8 | R << 16 | index << 24. */
+#define OCTREE_CANDIDATE_POOL (OCTREE_CELLS * PALETTE_ENTRIES)
+#define OCTREE_LIST_UNMADE 0xFFFFFFFFu /* else start << 9 | count */
+
+/* The mapping's state beside the tree: the palette made, its halved
+ * components for the nearest search, the table of the top levels and the
+ * cells' candidate lists. */
+typedef struct OctreeMap {
+    uint8_t palette[PALETTE_ENTRIES][4]; /* B, G, R, 0 */
+    int32_t entries;
+    uint32_t halved[PALETTE_ENTRIES];    /* every entry, listed as candidates are */
+    uint32_t colour[PALETTE_ENTRIES];    /* B | G << 8 | R << 16 */
+    uint16_t top[OCTREE_CELLS];
+    uint32_t topColour[OCTREE_CELLS];    /* the colour of a found index */
+    uint32_t lists[OCTREE_CELLS];
+    uint32_t candidatesUsed;
+    uint32_t candidates[OCTREE_CANDIDATE_POOL];
+} OctreeMap;
+
 /* The palette from the leaves: depth first, a node before its children. */
-static void OctreePaletteWalk(OctreeQuantizer *q, OctreeNode *node, OctreeMap *map)
+static void OctreePaletteWalk(OctreeQuantizer *q, uint16_t n, OctreeMap *map)
 {
     if (q->leafCount >= q->maxColours)
         return;
+    OctreeNode *node = &q->nodes[n];
     if (node->pixelCount) {
         uint32_t count = node->pixelCount;
         uint32_t b = node->blueSum / count, g = node->greenSum / count, r = node->redSum / count;
-        node->paletteIndex = (uint32_t)q->leafCount;
+        node->paletteIndex = (uint16_t)q->leafCount;
         uint8_t *entry = map->palette[q->leafCount];
         entry[0] = (uint8_t)(b > 255 ? 255 : b);
         entry[1] = (uint8_t)(g > 255 ? 255 : g);
@@ -639,82 +745,154 @@ static void OctreePaletteWalk(OctreeQuantizer *q, OctreeNode *node, OctreeMap *m
         q->leafCount++;
     }
     for (int i = 0; i < 8; i++)
-        if (node->children[i])
+        if (node->children[i] != OCTREE_NONE)
             OctreePaletteWalk(q, node->children[i], map);
 }
 
-/* Frees the tree: children before parents. */
-static void OctreeRelease(OctreeNode *node)
+/* The mapping's tables, once the palette is made. */
+static void OctreeMapInit(OctreeMap *map, const OctreeQuantizer *q)
 {
-    for (int i = 0; i < 8; i++)
-        if (node->children[i])
-            OctreeRelease(node->children[i]);
-    OctreeFreeNode(node);
+    for (int i = 0; i < PALETTE_ENTRIES; i++) {
+        const uint8_t *p = map->palette[i];
+        map->colour[i] = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16;
+        map->halved[i] = (map->colour[i] >> 1 & 0x7F7F7Fu) | (uint32_t)i << 24;
+    }
+    for (uint32_t cell = 0; cell < OCTREE_CELLS; cell++) {
+        const uint8_t corner[3] = {(uint8_t)(cell >> 8 << 4), (uint8_t)((cell >> 4 & 15) << 4),
+                                   (uint8_t)((cell & 15) << 4)};
+        uint16_t node = OctreeTopNode(q, PathCode(corner));
+        map->top[cell] = node == OCTREE_NONE ? (uint16_t)OCTREE_TOP_MISSING
+                         : q->nodes[node].pixelCount ? (uint16_t)(OCTREE_TOP_FOUND | q->nodes[node].paletteIndex)
+                                                     : node;
+        map->topColour[cell] = map->colour[map->top[cell] & 0xFF];
+    }
+    memset(map->lists, 0xFF, sizeof map->lists);
+    map->candidatesUsed = 0;
 }
 
-/* The nearest entry by halved components, lowest index winning ties.  The
- * answer depends only on the halved colour, so it is remembered per halved colour
- * (a table of 2^21 entries) once found. */
-static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c)
+/* The squared distance of halved component `p` to the nearest and to the
+ * farthest point of lo .. lo + 7. */
+static inline uint32_t NearSquare(int32_t p, int32_t lo)
 {
-    uint32_t key = ((uint32_t)(c[2] >> 1) << 14) | ((uint32_t)(c[1] >> 1) << 7) | (uint32_t)(c[0] >> 1);
-    if (map->nearest && map->nearest[key] >= 0)
-        return (unsigned)map->nearest[key];
-    uint32_t best = NEAREST_START;
-    unsigned index = 0;
+    int32_t d = p < lo ? lo - p : p > lo + 7 ? p - lo - 7 : 0;
+    return (uint32_t)(d * d);
+}
+
+static inline uint32_t FarSquare(int32_t p, int32_t lo)
+{
+    int32_t d = p - lo > lo + 7 - p ? p - lo : lo + 7 - p;
+    return (uint32_t)(d * d);
+}
+
+/* Makes the candidate list of `cell` (see OCTREE_CANDIDATE_POOL). */
+static uint32_t OctreeMakeList(OctreeMap *map, uint32_t cell)
+{
+    int32_t blue = (int32_t)(cell >> 8) * 8, green = (int32_t)(cell >> 4 & 15) * 8,
+            red = (int32_t)(cell & 15) * 8;
+    uint32_t nearest[PALETTE_ENTRIES], bound = UINT32_MAX;
     for (int32_t i = 0; i < map->entries; i++) {
-        const uint8_t *p = map->palette[i];
-        uint32_t distance = map->squares[(c[0] >> 1) - (p[0] >> 1) + 128] +
-                            map->squares[(c[1] >> 1) - (p[1] >> 1) + 128] +
-                            map->squares[(c[2] >> 1) - (p[2] >> 1) + 128];
-        if (distance < best) {
-            best = distance;
-            index = (unsigned)i;
-        }
+        int32_t b = (int32_t)(map->halved[i] & 0x7F), g = (int32_t)(map->halved[i] >> 8 & 0x7F),
+                r = (int32_t)(map->halved[i] >> 16 & 0x7F);
+        nearest[i] = NearSquare(b, blue) + NearSquare(g, green) + NearSquare(r, red);
+        uint32_t farthest = FarSquare(b, blue) + FarSquare(g, green) + FarSquare(r, red);
+        bound = farthest < bound ? farthest : bound;
     }
-    if (map->nearest)
-        map->nearest[key] = (int16_t)index;
+    uint32_t start = map->candidatesUsed, count = 0;
+    for (int32_t i = 0; i < map->entries; i++)
+        if (nearest[i] <= bound)
+            map->candidates[start + count++] = map->halved[i];
+    map->candidatesUsed += count;
+    return start << 9 | count;
+}
+
+/* The nearest entry by halved components, lowest index winning ties.  Each
+ * candidate's distance (below 3 x 127^2) goes above its index into one key,
+ * so that the least key is the answer; with no entry the start value gives
+ * index 0. */
+static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c, uint32_t cell)
+{
+    if (map->lists[cell] == OCTREE_LIST_UNMADE)
+        map->lists[cell] = OctreeMakeList(map, cell);
+    uint32_t list = map->lists[cell], count = list & 511;
+    const uint32_t *candidates = map->candidates + (list >> 9);
+    int32_t b = c[0] >> 1, g = c[1] >> 1, r = c[2] >> 1;
+    uint32_t best = NEAREST_START << 8;
+    for (uint32_t n = 0; n < count; n++) {
+        uint32_t e = candidates[n];
+        int32_t db = b - (int32_t)(e & 0x7F), dg = g - (int32_t)(e >> 8 & 0x7F),
+                dr = r - (int32_t)(e >> 16 & 0x7F);
+        uint32_t key = (uint32_t)(db * db + dg * dg + dr * dr) << 8 | e >> 24;
+        best = key < best ? key : best;
+    }
+    return best & 0xFF;
+}
+
+/* The palette index of a clamped colour whose cell does not settle it:
+ * the walk on from the cell's node at level 3, else the nearest entry. */
+static unsigned OctreeIndexBelow(const OctreeQuantizer *q, OctreeMap *map, const uint8_t *c,
+                                 uint32_t cell, uint32_t top)
+{
+    if (top & OCTREE_TOP_MISSING)
+        return OctreeNearest(map, c, cell);
+    uint16_t node = OctreeWalkOn(q, (uint16_t)top, PathCode(c));
+    return node == OCTREE_NONE ? OctreeNearest(map, c, cell) : q->nodes[node].paletteIndex;
+}
+
+/* The palette index of a clamped colour (the first leaf on its path, else
+ * the nearest entry) and in *colour the entry's colour.  The cell settles
+ * most colours; its colour is loaded beside its index, so that the error
+ * does not wait for a second load.  The components come as values, kept
+ * in registers: only the rare way below makes them bytes in memory. */
+static inline unsigned OctreeIndex(const OctreeQuantizer *q, OctreeMap *map, uint32_t blue,
+                                   uint32_t green, uint32_t red, uint32_t *colour)
+{
+    uint32_t cell = (blue >> 4) << 8 | (green >> 4) << 4 | red >> 4, top = map->top[cell];
+    *colour = map->topColour[cell];
+    if (top & OCTREE_TOP_FOUND)
+        return top & 0xFF;
+    const uint8_t c[3] = {(uint8_t)blue, (uint8_t)green, (uint8_t)red};
+    unsigned index = OctreeIndexBelow(q, map, c, cell, top);
+    *colour = map->colour[index];
     return index;
 }
 
-/* The palette index of a clamped colour: the first leaf on its path, else the
- * nearest entry. */
-static unsigned OctreeIndex(const OctreeQuantizer *q, OctreeMap *map, const uint8_t *c)
+/* Floyd-Steinberg shares of an error, each truncated toward zero. */
+static inline int32_t Sixteenths(int32_t error, int32_t n)
 {
-    const OctreeNode *node = q->root;
-    uint32_t code = PathCode(c);
-    for (int level = 0; level < 8; level++) {
-        const OctreeNode *child = node->children[PathIndex(code, level)];
-        if (!child)
-            return OctreeNearest(map, c);
-        node = child;
-        if (node->pixelCount)
-            break;
-    }
-    return node->paletteIndex;
+    return error * n / 16;
 }
 
 /* Maps one row: serpentine Floyd-Steinberg, signed division by 16
- * truncating toward zero. */
+ * truncating toward zero.  Each pixel's 7/16 share goes straight into the
+ * next one, and the three shares below it are summed in registers, so
+ * that each pixel of the next row is written once, when complete (its
+ * last share, 3/16, comes from the pixel ahead). */
 static void OctreeDiffuseRow(const OctreeQuantizer *q, OctreeMap *map, int32_t *current,
                              int32_t *next, int32_t width, int32_t row, uint8_t *indices)
 {
-    const ptrdiff_t s = OCTREE_SLOTS;
-    ptrdiff_t ahead = (row & 1) ? -s : s;
-    int32_t x = ahead > 0 ? 0 : width - 1;
-    for (int32_t n = 0; n < width; n++, x += ahead > 0 ? 1 : -1) {
-        int32_t *p = current + ((ptrdiff_t)x + PALETTE_MARGIN) * s;
-        int32_t *below = next + ((ptrdiff_t)x + PALETTE_MARGIN) * s;
-        uint8_t c[3] = {(uint8_t)Clamp255(p[0]), (uint8_t)Clamp255(p[1]), (uint8_t)Clamp255(p[2])};
-        unsigned index = OctreeIndex(q, map, c);
+    const ptrdiff_t step = (row & 1) ? -1 : 1, move = step * OCTREE_SLOTS;
+    int32_t x = step > 0 ? 0 : width - 1;
+    const int32_t *p = current + ((ptrdiff_t)x + PALETTE_MARGIN) * OCTREE_SLOTS;
+    int32_t *below = next + ((ptrdiff_t)x + PALETTE_MARGIN) * OCTREE_SLOTS;
+    int32_t ahead[3] = {0, 0, 0};  /* the 7/16 shares for this pixel */
+    int32_t behind[3] = {0, 0, 0}; /* shares for the pixel below and behind */
+    int32_t under[3] = {0, 0, 0};  /* shares for the pixel below */
+    for (int32_t n = 0; n < width; n++, x += (int32_t)step, p += move, below += move) {
+        int32_t c[3] = {Clamp255(p[0] + ahead[0]), Clamp255(p[1] + ahead[1]), Clamp255(p[2] + ahead[2])};
+        uint32_t colour;
+        unsigned index = OctreeIndex(q, map, (uint32_t)c[0], (uint32_t)c[1], (uint32_t)c[2], &colour);
         indices[x] = (uint8_t)index;
         for (int k = 0; k < 3; k++) {
-            int32_t error = (int32_t)c[k] - map->palette[index][k];
-            p[ahead + k] += error * 7 / 16;
-            below[-ahead + k] += error * 3 / 16;
-            below[k] += error * 5 / 16;
-            below[ahead + k] += error / 16;
+            int32_t error = c[k] - (int32_t)(colour >> (8 * k) & 0xFF);
+            below[-move + k] += behind[k] + Sixteenths(error, 3);
+            behind[k] = under[k] + Sixteenths(error, 5);
+            under[k] = Sixteenths(error, 1);
+            ahead[k] = Sixteenths(error, 7);
         }
+    }
+    for (int k = 0; k < 3; k++) {
+        below[-move + k] += behind[k];
+        below[k] += under[k];
     }
 }
 
@@ -793,22 +971,6 @@ static int OctreeMapRows(const OctreeQuantizer *q, OctreeMap *map, const Source 
     return 0;
 }
 
-static void OctreeMapInit(OctreeMap *map, const ImgDescriptor *d)
-{
-    memset(map->palette, 0, sizeof map->palette);
-    map->entries = 0;
-    map->squares[0] = 0;
-    for (int i = 0; i < 256; i++)
-        map->squares[i + 1] = (uint32_t)((i - 127) * (i - 127));
-    /* The search cache is an optimisation only, worth its 4 MiB on larger
-     * pictures; without it (or without memory) the search runs every time. */
-    map->nearest = NULL;
-    if ((int64_t)d->width * d->height >= NEAREST_CACHE_PIXELS)
-        map->nearest = static_cast<int16_t *>(ImgAllocTracked(((size_t)1 << 21) * sizeof(int16_t)));
-    if (map->nearest)
-        memset(map->nearest, 0xFF, ((size_t)1 << 21) * sizeof(int16_t));
-}
-
 int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colours, int32_t count)
 {
     return Guarded([&]() -> int32_t {
@@ -825,10 +987,9 @@ int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colour
         uint32_t roomEntries = bits == 4 ? 16 : 256;
         uint32_t paletteBytes = 4 * roomEntries;
         uint32_t stride = (uint32_t)DibStride((uint32_t)d->width, bits);
-        OctreeQuantizer *q = NULL;
+        OctreeQuantizer *q = OctreeCreate(count);
         OctreeMap *map = static_cast<OctreeMap *>(ImgAllocTracked(sizeof *map));
-        result = OctreeCreate(&q, count);
-        if (result < 0 || !map)
+        if (!q || !map)
             return Finish(IMG_ERR_MEMORY);
         uint32_t size = 0;
         uint8_t *bitmap = NewBitmap(d, paletteBytes, stride, OCTREE_SLACK, &size);
@@ -840,15 +1001,15 @@ int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colour
         else
             result = OctreeBuildFromImage(q, &s);
         if (result >= 0) {
-            OctreeMapInit(map, d);
+            memset(map->palette, 0, sizeof map->palette);
             q->leafCount = 0;
-            OctreePaletteWalk(q, q->root, map);
+            OctreePaletteWalk(q, 0, map);
             map->entries = q->leafCount;
+            OctreeMapInit(map, q);
             uint32_t made = (uint32_t)map->entries < roomEntries ? (uint32_t)map->entries : roomEntries;
             memcpy(room, map->palette, 4 * (size_t)made);
             result = OctreeMapRows(q, map, &s, bitmap, paletteBytes, stride, bits);
         }
-        OctreeRelease(q->root);
         if (result < 0) {
             ImgFree(bitmap);
             return Finish(result);

@@ -235,6 +235,13 @@ TEST_F(Colour, PopularityAndOctreeKeepFewColours)
     int32_t r8 = make();
     EXPECT_LT(IMG_octree_color(r8, 6, nullptr, 0), 0);
     EXPECT_EQ(IMG_octree_color(-1, 8, nullptr, 0), IMG_ERR_HANDLE);
+    // 256 colours of distinct top three bits covering all 64 two-bit prefixes
+    // need 1 + 8 + 64 + 6 x 256 = 1609 nodes, past the 1600 of the pool: -1,
+    // and the image stays as it was.
+    int32_t wide = Image24(256, 1, [](int x, int) { return Rgb{(x & 3) << 6 | 9, (x >> 2 & 7) << 5 | 17, x >> 5 << 5 | x * 7 % 32}; });
+    Raster before = ImageRgb(wide);
+    EXPECT_EQ(IMG_octree_color(wide, 8, nullptr, 256), IMG_ERR_MEMORY);
+    EXPECT_EQ(RasterDiff(ImageRgb(wide), before), 0);
 }
 
 // Mapping onto a given palette diffuses each error Floyd-Steinberg fashion,
@@ -269,6 +276,39 @@ TEST_F(Colour, OctreeMappingDiffusesTheErrorSerpentine)
     for (int y = 0; y < H; y++)
         for (int x = 0; x < W; x++)
             EXPECT_EQ(At(r, x, y)[0], expected[(size_t)y][(size_t)x]) << x << "," << y;
+}
+
+// Pinned output of the octree for this input: a photograph-like picture
+// (gradients, a soft disc, grain) whose tree is reduced at several levels
+// and whose diffused colours meet missing branches.  The checksums (FNV-1a
+// of the palette room and the rows) were taken from the octree before its
+// node pool, insertion and mapping were reworked for speed; they pin the
+// palette and every pixel, not the arithmetic.
+TEST_F(Colour, OctreeOutputOfAPhotographStaysPinned)
+{
+    auto photo = [](int x, int y) {
+        uint32_t h = ((uint32_t)x * 73856093u ^ (uint32_t)y * 19349663u) * 2654435761u;
+        int grain = (int)(h >> 20) % 17 - 8, dx = x - 70, dy = y - 45;
+        int r = 60 + y + x * x / 200, g = 110 + x * (120 - y) / 100, b = 230 - 2 * y + x / 9 % 7 * 5;
+        if (dx * dx + dy * dy < 900) {
+            int a = 900 - dx * dx - dy * dy;
+            r += a * (240 - r) / 900, g += a * (40 - g) / 900, b += a * (90 - b) / 900;
+        }
+        return Rgb{std::clamp(r + grain, 0, 255), std::clamp(g + grain, 0, 255), std::clamp(b + grain, 0, 255)};
+    };
+    struct { int from, bits, count, made; uint64_t checksum; } cases[] = {
+        {24, 8, 256, 254, 7715705455224595575u}, {32, 4, 16, 12, 3680804442490876215u},
+        {24, 8, 37, 33, 15559734394683504661u}};
+    for (auto &c : cases) {
+        SCOPED_TRACE(std::to_string(c.from) + " to " + std::to_string(c.bits) + ", " + std::to_string(c.count));
+        int32_t h = Image24(160, 120, photo, c.from);
+        EXPECT_EQ(IMG_octree_color(h, c.bits, nullptr, c.count), c.made);
+        const ImgDescriptor *d = ImgTableGet(h);
+        uint64_t sum = 14695981039346656037u;
+        for (size_t i = DIB_HEADER_SIZE; i < ImgDescriptorBitsOffset(d) + (size_t)d->stride * (size_t)d->height; i++)
+            sum = (sum ^ d->dib[i]) * 1099511628211u;
+        EXPECT_EQ(sum, c.checksum);
+    }
 }
 
 TEST_F(Colour, DefaultPalettes)
