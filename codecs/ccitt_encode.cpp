@@ -15,6 +15,8 @@
 
 #include <string.h>
 
+#include <bit>
+
 #include "core/bit_reversal.h"
 #include "core/bytes.h"
 #include "core/imgapi.h"
@@ -49,11 +51,10 @@ constexpr CcittCode ParseCode(const char *bits)
     return c;
 }
 
-/* The code of every run length that has one, per colour, and the byte
- * table of the packer: computed at compile time from the T.4 code lists. */
+/* The code of every run length that has one, per colour: computed at
+ * compile time from the T.4 code lists. */
 struct EncoderTables {
     CcittCode code[2][CCITT_MAX_RUN + 1] = {};
-    uint8_t leadingZeros[256] = {}; /* bits before the first 1, counted from bit 7; 8 for 0 */
 };
 
 constexpr EncoderTables BuildTables()
@@ -71,22 +72,15 @@ constexpr EncoderTables BuildTables()
         int run = 1792 + i * 64;
         t.code[WHITE][run] = t.code[BLACK][run] = ParseCode(ccittExtendedMakeUp[i]);
     }
-    for (int i = 0; i < 256; i++) {
-        int n = 0;
-        while (n < 8 && !(i & (0x80 >> n)))
-            n++;
-        t.leadingZeros[i] = (uint8_t)n;
-    }
     return t;
 }
 
 constexpr EncoderTables kTables = BuildTables();
 /* White run 0 is 00110101; every make-up length up to 2560 has a code. */
 static_assert(kTables.code[WHITE][0].code == 0x35 && kTables.code[WHITE][0].length == 8);
-static_assert(kTables.code[BLACK][CCITT_MAX_RUN].length == 12 && kTables.leadingZeros[0] == 8);
+static_assert(kTables.code[BLACK][CCITT_MAX_RUN].length == 12);
 
 constexpr const CcittCode (&codeTable)[2][CCITT_MAX_RUN + 1] = kTables.code;
-constexpr const uint8_t (&leadingZeros)[256] = kTables.leadingZeros;
 
 int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
 {
@@ -102,11 +96,15 @@ int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
 
 /* ---- the bit packer and the flushes ---- */
 
+/* The stream is the codes' bits most significant first, stored as 16-bit
+ * words high byte first; the flushes and EOLs below work in those words.
+ * Codes collect in a 64-bit accumulator that goes to the buffer 32 bits at a
+ * time. */
 typedef struct {
-    uint8_t *out;         /* the 10000-byte buffer: 16-bit words, high byte first */
-    uint32_t words;       /* index of the current (partial) word */
-    uint32_t current;     /* the partial word, filled from bit 15 down */
-    int freeBits;         /* free bits in it; 16 when empty */
+    uint8_t *out;         /* the 10000-byte buffer (and slack) */
+    uint32_t bytes;       /* bytes stored in it: always even */
+    uint64_t bits;        /* codes not stored yet, the latest in the low bits */
+    int pending;          /* how many: fewer than 32 between calls */
     int handle;
     int reverse;          /* output byte table: bit reversal (else identity) */
     int framed;           /* 0xFE 0x92 and a big-endian count before each block */
@@ -114,33 +112,37 @@ typedef struct {
     uint32_t staged;
 } CcittPacker;
 
-static inline void StoreWord(CcittPacker *p)
-{
-    p->out[2 * p->words] = (uint8_t)(p->current >> 8);
-    p->out[2 * p->words + 1] = (uint8_t)p->current;
-    p->words++;
-}
-
-/* Puts the code's bits at the current position; a code that does not fit
- * the free bits ends this word with its high part and starts the next with
- * its low part. */
+/* Puts the code's bits (length 1 to 16) behind the stream. */
 static inline void PutBits(CcittPacker *p, uint32_t code, int length)
 {
-    if (length < p->freeBits) {
-        p->freeBits -= length;
-        p->current |= code << p->freeBits;
-        return;
+    p->bits = p->bits << length | code;
+    p->pending += length;
+    if (p->pending >= 32) {
+        p->pending -= 32;
+        PutBE32(p->out + p->bytes, (uint32_t)(p->bits >> p->pending));
+        p->bytes += 4;
     }
-    int extra = length - p->freeBits;
-    p->current |= code >> extra;
-    StoreWord(p);
-    p->freeBits = 16 - extra;
-    p->current = (code << p->freeBits) & 0xFFFF;
 }
 
 static inline void PutCode(CcittPacker *p, const CcittCode *c)
 {
     PutBits(p, c->code, c->length);
+}
+
+/* Whole 16-bit words of the stream in the buffer: a partial word stays. */
+static inline uint32_t StoredWords(const CcittPacker *p)
+{
+    return (p->bytes * 8 + (uint32_t)p->pending) / 16;
+}
+
+/* Stores the pending bits that make whole words. */
+static void StoreWholeWords(CcittPacker *p)
+{
+    while (p->pending >= 16) {
+        p->pending -= 16;
+        PutBE16(p->out + p->bytes, (uint16_t)(p->bits >> p->pending));
+        p->bytes += 2;
+    }
 }
 
 static int WriteAll(int handle, const uint8_t *bytes, uint32_t count)
@@ -155,14 +157,31 @@ static int DrainStage(CcittPacker *p)
     return n ? WriteAll(p->handle, p->stage, n) : 0;
 }
 
+/* Reverses the bit order of every byte, eight bytes at a time: swapping
+ * neighbouring bits, then pairs, then nibbles works within each byte
+ * whatever the byte order of the load. */
+static void ReverseBitsOfBytes(uint8_t *bytes, uint32_t count)
+{
+    uint32_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        uint64_t v;
+        memcpy(&v, bytes + i, 8);
+        v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
+        v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
+        v = (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
+        memcpy(bytes + i, &v, 8);
+    }
+    for (; i < count; i++)
+        bytes[i] = kBitReversal[bytes[i]];
+}
+
 /* Sends the first `count` bytes of the buffer through the output byte table
  * to the sink: framed, each block at once; otherwise gathered in the stage
  * (the bytes are the same, only fewer ImgWrite calls carry them). */
 static int SendBlock(CcittPacker *p, uint32_t count)
 {
     if (p->reverse)
-        for (uint32_t i = 0; i < count; i++)
-            p->out[i] = kBitReversal[p->out[i]];
+        ReverseBitsOfBytes(p->out, count);
     if (p->framed) {
         uint8_t frame[4] = {0xFE, 0x92, (uint8_t)(count >> 8), (uint8_t)count};
         int result = WriteAll(p->handle, frame, 4);
@@ -182,31 +201,31 @@ static int SendBlock(CcittPacker *p, uint32_t count)
  * mid-row flush): the stream continues without fill. */
 static int FlushWords(CcittPacker *p)
 {
-    uint32_t count = 2 * p->words;
-    p->words = 0;
+    StoreWholeWords(p);
+    uint32_t count = p->bytes;
+    p->bytes = 0;
     return count ? SendBlock(p, count) : 0;
 }
 
-/* All words and the partial word's bytes: 2 when fewer than 8 bits are
- * free, 1 when 8 to 15 are free, none when 16 (mode 2 rows, the end of a
- * mode 4 stream); the next code starts on a fresh word. */
+/* All words and the partial word's bytes: 2 when more than 8 of its bits
+ * are used, 1 when 1 to 8, none when it is empty (mode 2 rows, the end of
+ * a mode 4 stream); the next code starts on a fresh word. */
 static int FlushWithPartial(CcittPacker *p)
 {
-    uint32_t count = 2 * p->words;
-    if (p->freeBits < 16) {
-        p->out[count] = (uint8_t)(p->current >> 8);
-        p->out[count + 1] = (uint8_t)p->current;
-        count += p->freeBits < 8 ? 2 : 1;
+    StoreWholeWords(p);
+    uint32_t count = p->bytes;
+    if (p->pending) {
+        PutBE16(p->out + count, (uint16_t)(p->bits << (16 - p->pending)));
+        count += p->pending > 8 ? 2 : 1;
     }
-    p->words = 0;
-    p->current = 0;
-    p->freeBits = 16;
+    p->bytes = 0;
+    p->pending = 0;
     return count ? SendBlock(p, count) : 0;
 }
 
 static inline int FlushIfFull(CcittPacker *p)
 {
-    return p->words >= CCITT_HIGH_WATER ? FlushWords(p) : 0;
+    return StoredWords(p) >= CCITT_HIGH_WATER ? FlushWords(p) : 0;
 }
 
 /* A run: make-up codes for (run AND NOT 63), at most 2560 each, then the
@@ -240,42 +259,43 @@ static inline int PutRun(CcittPacker *p, const CcittCode *table, int32_t run)
  * fill bits), then the word 0x0001. */
 static void PutWordEol(CcittPacker *p)
 {
-    if (p->freeBits < 16) {
-        StoreWord(p);
-        p->current = 0;
-        p->freeBits = 16;
-    }
-    p->current = 0x0001;
-    StoreWord(p);
-    p->current = 0;
+    if (p->pending % 16)
+        PutBits(p, 0, 16 - p->pending % 16);
+    PutBits(p, 0x0001, 16);
 }
 
 /* ---- the run scanner ---- */
 
-/* The first pixel at or after pos whose colour is not `colour`.  The row
+/* The row's eight bytes at `bytes` as one word, the first pixel in the most
+ * significant bit. */
+static inline uint64_t LoadPixels(const uint8_t *bytes)
+{
+    uint64_t v;
+    memcpy(&v, bytes, 8);
+    return std::endian::native == std::endian::little ? __builtin_bswap64(v) : v;
+}
+
+/* The first pixel at or after pos whose colour is not the one `flip`
+ * names (all ones for white: white pixels are 1-bits; 0 for black).  The row
  * has the sentinel 0xAA behind its last byte, which holds both colours, so
  * the scan stops without a bound check; the caller cuts the result at the
- * width.  Long runs are skipped eight bytes at a time: the sentinel byte is
- * repeated eight times, so such a step also stops in it. */
-static inline int32_t NextChange(const uint8_t *row, int32_t pos, int colour)
+ * width.  Each step tests 64 pixels: bits that differ from the colour become
+ * 1-bits, and the leading zero count finds the first of them. */
+static inline int32_t NextChange(const uint8_t *row, int32_t pos, uint64_t flip)
 {
-    const uint8_t flip = colour == WHITE ? 0xFF : 0x00; /* white pixels are 1-bits */
-    const uint64_t flipWord = colour == WHITE ? ~(uint64_t)0 : 0;
     const uint8_t *b = row + (pos >> 3);
-    unsigned v = (uint8_t)((*b ^ flip) & (0xFF >> (pos & 7)));
-    if (!v) {
-        uint64_t word;
-        for (;;) {
-            memcpy(&word, ++b, 8);
-            if (word != flipWord)
-                break;
-            b += 7;
-        }
-        while (!(v = (uint8_t)(*b ^ flip)))
-            b++;
+    uint64_t differ = (LoadPixels(b) ^ flip) << (pos & 7); /* pixels before pos shift out */
+    if (differ)
+        return pos + std::countl_zero(differ);
+    for (;;) {
+        b += 8; /* never past the sentinel: the word that holds it stops the scan */
+        differ = LoadPixels(b) ^ flip;
+        if (differ)
+            return (int32_t)((b - row) * 8) + std::countl_zero(differ);
     }
-    return (int32_t)((b - row) * 8) + leadingZeros[v];
 }
+
+static constexpr uint64_t WHITE_FLIP = ~(uint64_t)0, BLACK_FLIP = 0;
 
 /* ---- set-up ---- */
 
@@ -310,7 +330,6 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse
     p->handle = handle;
     p->reverse = reverse;
     p->framed = framed;
-    p->freeBits = 16;
     e->row = static_cast<uint8_t *>(ImgAlloc((size_t)e->rowBytes + CCITT_SENTINEL_BYTES));
     p->out = static_cast<uint8_t *>(ImgAlloc(CCITT_BUFFER_BYTES));
     p->stage = framed ? NULL : static_cast<uint8_t *>(ImgAlloc(CCITT_STAGE_BYTES));
@@ -325,7 +344,6 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse
         Release(e);
         return IMG_ERR_MEMORY;
     }
-    memset(p->out, 0, CCITT_BUFFER_BYTES);
     return 0;
 }
 
@@ -338,22 +356,32 @@ static int FetchRow(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext
 
 /* ---- the one-dimensional coder ---- */
 
+/* One run of `colour` from pos to the next change (cut at the width); its
+ * end. */
+static inline int32_t PutScannedRun(CcittEncoder *e, int32_t pos, int colour, int *result)
+{
+    int32_t end = NextChange(e->row, pos, colour == WHITE ? WHITE_FLIP : BLACK_FLIP);
+    if (end > e->width)
+        end = e->width;
+    *result = PutRun(&e->packer, codeTable[colour], end - pos);
+    if (*result == 0)
+        *result = FlushIfFull(&e->packer);
+    return end;
+}
+
+/* The runs of the row, white first, until the width. */
 static int Encode1DRow(CcittEncoder *e)
 {
-    CcittPacker *p = &e->packer;
+    int result;
     int32_t pos = 0;
-    int colour = WHITE;
-    while (pos < e->width) {
-        int32_t end = NextChange(e->row, pos, colour);
-        if (end > e->width)
-            end = e->width;
-        int result = PutRun(p, codeTable[colour], end - pos);
-        if (result < 0 || (result = FlushIfFull(p)) < 0)
+    for (;;) {
+        pos = PutScannedRun(e, pos, WHITE, &result);
+        if (result < 0 || pos >= e->width)
             return result;
-        pos = end;
-        colour ^= 1;
+        pos = PutScannedRun(e, pos, BLACK, &result);
+        if (result < 0 || pos >= e->width)
+            return result;
     }
-    return 0;
 }
 
 static int Encode1D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext, int mode)
@@ -370,7 +398,7 @@ static int Encode1D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext
             for (int i = 0; i < eols; i++)
                 PutWordEol(p);
             if (r == e->height - 1)
-                StoreWord(p); /* 16 zero bits */
+                PutBits(p, 0, 16); /* a zero word ends the page */
             result = FlushWords(p);
         } else {
             result = FlushWithPartial(p);
@@ -390,7 +418,7 @@ static void ChangeList(const CcittEncoder *e, int32_t *list)
     int32_t n = 0, pos = 0;
     int colour = WHITE;
     for (;;) {
-        pos = NextChange(e->row, pos, colour);
+        pos = NextChange(e->row, pos, colour == WHITE ? WHITE_FLIP : BLACK_FLIP);
         if (pos >= e->width)
             break;
         list[n++] = pos;
