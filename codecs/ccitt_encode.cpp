@@ -21,6 +21,7 @@
 #include "core/bytes.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
+#include "core/runs.h"
 #include "codecs/ccitt_codes.h"
 
 #define CCITT_MAX_RUN 2560
@@ -303,6 +304,9 @@ typedef struct {
     int32_t width, height, rowBytes;
     uint8_t *row;          /* rowBytes + the sentinel bytes */
     int32_t *lists[2];     /* the 2-D coder's change lists */
+    ImgRowSource rowSource;
+    RunRecordSource recordSource; /* the rows as records, when the row source has them */
+    void *sourceContext;
     CcittPacker packer;
 } CcittEncoder;
 
@@ -317,10 +321,13 @@ static void Release(CcittEncoder *e)
 
 /* Reads the geometry (hardening: width 1..2^24 and height at least 1, else
  * -3) and allocates the buffers (-1). */
-static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse, int framed,
-                 int twoDimensional)
+static int Setup(CcittEncoder *e, int handle, const uint8_t *header, ImgRowSource rowSource,
+                 void *sourceContext, int reverse, int framed, int twoDimensional)
 {
     memset(e, 0, sizeof *e);
+    e->rowSource = rowSource;
+    e->recordSource = RunRecordSourceOf(rowSource);
+    e->sourceContext = sourceContext;
     e->width = (int32_t)GetLE32(header + 4);
     e->height = (int32_t)GetLE32(header + 8);
     if (e->width < 1 || e->width > CCITT_MAX_WIDTH || e->height < 1)
@@ -347,9 +354,34 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, int reverse
     return 0;
 }
 
-static int FetchRow(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext, int32_t r)
+/* A row's changes as a record hands them over: record[1 .. count]. */
+typedef struct {
+    const uint16_t *at;
+    int32_t count;
+} RowChanges;
+
+/* Row r: 1 with its changes when the row source hands over a plain record,
+ * 0 with the packed row (and the sentinel) in e->row, or a negative code. */
+static int FetchRow(CcittEncoder *e, int32_t r, RowChanges *changes)
 {
-    int result = rowSource(sourceContext, e->row, (int)r, (int)e->rowBytes);
+    int result = 0;
+    if (e->recordSource) {
+        const uint16_t *record;
+        uint32_t bytes;
+        result = e->recordSource(e->sourceContext, (int)r, &record, &bytes);
+        if (result < 0)
+            return result;
+        if (result > 0) {
+            changes->at = record + 1;
+            changes->count = RunPlainChangeCount(record, bytes, e->width);
+            if (changes->count >= 0)
+                return 1;
+            /* Any other record: its pixels, as the row source would give them. */
+            RunExpandRow(record, bytes, e->width, e->row, (uint32_t)e->rowBytes);
+        }
+    }
+    if (result == 0)
+        result = e->rowSource(e->sourceContext, e->row, (int)r, (int)e->rowBytes);
     memset(e->row + e->rowBytes, CCITT_SENTINEL, CCITT_SENTINEL_BYTES);
     return result < 0 ? result : 0;
 }
@@ -369,7 +401,7 @@ static inline int32_t PutScannedRun(CcittEncoder *e, int32_t pos, int colour, in
     return end;
 }
 
-/* The runs of the row, white first, until the width. */
+/* The runs of the packed row, white first, until the width. */
 static int Encode1DRow(CcittEncoder *e)
 {
     int result;
@@ -384,14 +416,33 @@ static int Encode1DRow(CcittEncoder *e)
     }
 }
 
-static int Encode1D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext, int mode)
+/* The runs between the changes, white first, the last to the width: the
+ * runs the scan of the packed row would find. */
+static int Encode1DChanges(CcittEncoder *e, const RowChanges *changes)
+{
+    CcittPacker *p = &e->packer;
+    int32_t pos = 0;
+    for (int32_t i = 0; i <= changes->count; i++) {
+        int32_t end = i < changes->count ? changes->at[i] : e->width;
+        int result = PutRun(p, codeTable[i & 1], end - pos);
+        if (result < 0 || (result = FlushIfFull(p)) < 0)
+            return result;
+        pos = end;
+    }
+    return 0;
+}
+
+static int Encode1D(CcittEncoder *e, int mode)
 {
     CcittPacker *p = &e->packer;
     if (mode == 3)
         PutWordEol(p);
     for (int32_t r = 0; r < e->height; r++) {
-        int result = FetchRow(e, rowSource, sourceContext, r);
-        if (result < 0 || (result = Encode1DRow(e)) < 0)
+        RowChanges changes;
+        int result = FetchRow(e, r, &changes);
+        if (result >= 0)
+            result = result ? Encode1DChanges(e, &changes) : Encode1DRow(e);
+        if (result < 0)
             return result;
         if (mode == 3) {
             int eols = r == e->height - 1 ? 5 : 1;
@@ -411,8 +462,8 @@ static int Encode1D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext
 
 /* ---- the two-dimensional coder ---- */
 
-/* The changing elements of the row in `e->row`: the positions where the
- * colour changes (the first to black), then the width four times. */
+/* The changing elements of the packed row in `e->row`: the positions where
+ * the colour changes (the first to black), then the width four times. */
 static void ChangeList(const CcittEncoder *e, int32_t *list)
 {
     int32_t n = 0, pos = 0;
@@ -426,6 +477,15 @@ static void ChangeList(const CcittEncoder *e, int32_t *list)
     }
     for (int i = 0; i < 4; i++)
         list[n + i] = e->width;
+}
+
+/* The same list from a plain record's changes. */
+static void ChangeListOf(const CcittEncoder *e, const RowChanges *changes, int32_t *list)
+{
+    for (int32_t i = 0; i < changes->count; i++)
+        list[i] = changes->at[i];
+    for (int i = 0; i < 4; i++)
+        list[changes->count + i] = e->width;
 }
 
 /* Pass 0001, horizontal 001, then V0 1 and VR1..3 011, 000011, 0000011 and
@@ -471,17 +531,21 @@ static int Encode2DRow(CcittPacker *p, const int32_t *ref, const int32_t *cur, i
     return 0;
 }
 
-static int Encode2D(CcittEncoder *e, ImgRowSource rowSource, void *sourceContext)
+static int Encode2D(CcittEncoder *e)
 {
     CcittPacker *p = &e->packer;
     int32_t *ref = e->lists[0], *cur = e->lists[1];
     for (int i = 0; i < 4; i++)
         ref[i] = e->width; /* the all-white row before the first */
     for (int32_t r = 0; r < e->height; r++) {
-        int result = FetchRow(e, rowSource, sourceContext, r);
+        RowChanges changes;
+        int result = FetchRow(e, r, &changes);
         if (result < 0)
             return result;
-        ChangeList(e, cur);
+        if (result)
+            ChangeListOf(e, &changes, cur);
+        else
+            ChangeList(e, cur);
         if ((result = Encode2DRow(p, ref, cur, e->width)) < 0)
             return result;
         int32_t *t = ref;
@@ -503,11 +567,11 @@ int CcittEncodeFramed(int handle, const uint8_t *header, ImgRowSource rowSource,
     CcittEncoder e;
     int twoDimensional = mode != 2 && mode != 3;
     int reverse = twoDimensional ? lsbFirst == 1 : (mode == 3 && lsbFirst == 1);
-    int result = Setup(&e, handle, header, reverse, framed != 0, twoDimensional);
+    int result = Setup(&e, handle, header, rowSource, sourceContext, reverse, framed != 0,
+                       twoDimensional);
     if (result < 0)
         return result;
-    result = twoDimensional ? Encode2D(&e, rowSource, sourceContext)
-                            : Encode1D(&e, rowSource, sourceContext, mode);
+    result = twoDimensional ? Encode2D(&e) : Encode1D(&e, mode);
     Release(&e);
     return result < 0 ? result : 0;
 }
