@@ -5,11 +5,13 @@
  * One code table (per colour, indexed by run length 0..2560), one bit packer
  * over a 10000-byte buffer of 16-bit words (most significant bit first, codes
  * split across words), one output byte table (identity or bit reversal).
- * The one-dimensional coder (Modified Huffman, modes 2 and 3) scans runs
- * straight off the row bytes; the two-dimensional coder (T.6, mode 4) turns
- * each row into its list of changing elements and codes it against the
- * previous row's list.  In a row, bit 1 is white and bit 0 is black (the
- * library's 1-bit palette); every row starts white.
+ * A row's changes (the pixels whose colour differs from the one before) are
+ * found 64 pixels at a time in the packed row, or taken from the run record
+ * a run-coded image stores.  The one-dimensional coder (Modified Huffman,
+ * modes 2 and 3) codes the runs between them; the two-dimensional coder
+ * (T.6, mode 4) codes each row's list of changes against the previous
+ * row's.  In a row, bit 1 is white and bit 0 is black (the library's 1-bit
+ * palette); every row starts white.
  */
 #include "codecs/ccitt_encode.h"
 
@@ -31,8 +33,7 @@
  * need be (hardening: a row of a very wide image does not fit the buffer). */
 #define CCITT_HIGH_WATER (CCITT_BUFFER_WORDS - 32)
 #define CCITT_MAX_WIDTH (1 << 24)
-#define CCITT_SENTINEL 0xAA
-#define CCITT_SENTINEL_BYTES 8
+#define CCITT_ROW_SLACK 8 /* the change finder reads up to 7 bytes past the row */
 #define CCITT_STAGE_BYTES 65536 /* flushed blocks gathered before ImgWrite */
 
 enum { WHITE = 0, BLACK = 1 };
@@ -100,12 +101,18 @@ int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
 /* The stream is the codes' bits most significant first, stored as 16-bit
  * words high byte first; the flushes and EOLs below work in those words.
  * Codes collect in a 64-bit accumulator that goes to the buffer 32 bits at a
- * time. */
+ * time.  The row loops keep this state in a local copy and put it back
+ * before a flush: a store of code bytes could otherwise alias the fields and
+ * send them through memory at every code. */
 typedef struct {
     uint8_t *out;         /* the 10000-byte buffer (and slack) */
     uint32_t bytes;       /* bytes stored in it: always even */
     uint64_t bits;        /* codes not stored yet, the latest in the low bits */
     int pending;          /* how many: fewer than 32 between calls */
+} CcittBits;
+
+typedef struct {
+    CcittBits bits;
     int handle;
     int reverse;          /* output byte table: bit reversal (else identity) */
     int framed;           /* 0xFE 0x92 and a big-endian count before each block */
@@ -114,36 +121,58 @@ typedef struct {
 } CcittPacker;
 
 /* Puts the code's bits (length 1 to 16) behind the stream. */
-static inline void PutBits(CcittPacker *p, uint32_t code, int length)
+static inline void PutBits(CcittBits &b, uint32_t code, int length)
 {
-    p->bits = p->bits << length | code;
-    p->pending += length;
-    if (p->pending >= 32) {
-        p->pending -= 32;
-        PutBE32(p->out + p->bytes, (uint32_t)(p->bits >> p->pending));
-        p->bytes += 4;
+    b.bits = b.bits << length | code;
+    b.pending += length;
+    if (b.pending >= 32) {
+        b.pending -= 32;
+        PutBE32(b.out + b.bytes, (uint32_t)(b.bits >> b.pending));
+        b.bytes += 4;
     }
 }
 
-static inline void PutCode(CcittPacker *p, const CcittCode *c)
+static inline void PutCode(CcittBits &b, const CcittCode &c)
 {
-    PutBits(p, c->code, c->length);
+    PutBits(b, c.code, c.length);
 }
 
 /* Whole 16-bit words of the stream in the buffer: a partial word stays. */
-static inline uint32_t StoredWords(const CcittPacker *p)
+static inline uint32_t StoredWords(const CcittBits &b)
 {
-    return (p->bytes * 8 + (uint32_t)p->pending) / 16;
+    return (b.bytes * 8 + (uint32_t)b.pending) / 16;
 }
 
 /* Stores the pending bits that make whole words. */
-static void StoreWholeWords(CcittPacker *p)
+static void StoreWholeWords(CcittBits &b)
 {
-    while (p->pending >= 16) {
-        p->pending -= 16;
-        PutBE16(p->out + p->bytes, (uint16_t)(p->bits >> p->pending));
-        p->bytes += 2;
+    while (b.pending >= 16) {
+        b.pending -= 16;
+        PutBE16(b.out + b.bytes, (uint16_t)(b.bits >> b.pending));
+        b.bytes += 2;
     }
+}
+
+/* The bit order of each byte of v reversed: swapping neighbouring bits,
+ * then pairs, then nibbles works within every byte at once. */
+static inline uint64_t ReverseBitsInBytes(uint64_t v)
+{
+    v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
+    v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
+    return (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
+}
+
+static void ReverseBitsOfBytes(uint8_t *bytes, uint32_t count)
+{
+    uint32_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        uint64_t v;
+        memcpy(&v, bytes + i, 8);
+        v = ReverseBitsInBytes(v);
+        memcpy(bytes + i, &v, 8);
+    }
+    for (; i < count; i++)
+        bytes[i] = kBitReversal[bytes[i]];
 }
 
 static int WriteAll(int handle, const uint8_t *bytes, uint32_t count)
@@ -158,42 +187,25 @@ static int DrainStage(CcittPacker *p)
     return n ? WriteAll(p->handle, p->stage, n) : 0;
 }
 
-/* Reverses the bit order of every byte, eight bytes at a time: swapping
- * neighbouring bits, then pairs, then nibbles works within each byte
- * whatever the byte order of the load. */
-static void ReverseBitsOfBytes(uint8_t *bytes, uint32_t count)
-{
-    uint32_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        uint64_t v;
-        memcpy(&v, bytes + i, 8);
-        v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
-        v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
-        v = (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
-        memcpy(bytes + i, &v, 8);
-    }
-    for (; i < count; i++)
-        bytes[i] = kBitReversal[bytes[i]];
-}
-
 /* Sends the first `count` bytes of the buffer through the output byte table
  * to the sink: framed, each block at once; otherwise gathered in the stage
  * (the bytes are the same, only fewer ImgWrite calls carry them). */
 static int SendBlock(CcittPacker *p, uint32_t count)
 {
+    uint8_t *out = p->bits.out;
     if (p->reverse)
-        ReverseBitsOfBytes(p->out, count);
+        ReverseBitsOfBytes(out, count);
     if (p->framed) {
         uint8_t frame[4] = {0xFE, 0x92, (uint8_t)(count >> 8), (uint8_t)count};
         int result = WriteAll(p->handle, frame, 4);
-        return result < 0 ? result : WriteAll(p->handle, p->out, count);
+        return result < 0 ? result : WriteAll(p->handle, out, count);
     }
     if (p->staged + count > CCITT_STAGE_BYTES) {
         int result = DrainStage(p);
         if (result < 0)
             return result;
     }
-    memcpy(p->stage + p->staged, p->out, count);
+    memcpy(p->stage + p->staged, out, count);
     p->staged += count;
     return 0;
 }
@@ -202,9 +214,9 @@ static int SendBlock(CcittPacker *p, uint32_t count)
  * mid-row flush): the stream continues without fill. */
 static int FlushWords(CcittPacker *p)
 {
-    StoreWholeWords(p);
-    uint32_t count = p->bytes;
-    p->bytes = 0;
+    StoreWholeWords(p->bits);
+    uint32_t count = p->bits.bytes;
+    p->bits.bytes = 0;
     return count ? SendBlock(p, count) : 0;
 }
 
@@ -213,96 +225,100 @@ static int FlushWords(CcittPacker *p)
  * a mode 4 stream); the next code starts on a fresh word. */
 static int FlushWithPartial(CcittPacker *p)
 {
-    StoreWholeWords(p);
-    uint32_t count = p->bytes;
-    if (p->pending) {
-        PutBE16(p->out + count, (uint16_t)(p->bits << (16 - p->pending)));
-        count += p->pending > 8 ? 2 : 1;
+    CcittBits &b = p->bits;
+    StoreWholeWords(b);
+    uint32_t count = b.bytes;
+    if (b.pending) {
+        PutBE16(b.out + count, (uint16_t)(b.bits << (16 - b.pending)));
+        count += b.pending > 8 ? 2 : 1;
     }
-    p->bytes = 0;
-    p->pending = 0;
+    b.bytes = 0;
+    b.pending = 0;
     return count ? SendBlock(p, count) : 0;
 }
 
-static inline int FlushIfFull(CcittPacker *p)
+/* Flushes whole words once the buffer reaches its high water; `b` is the
+ * caller's copy of the state. */
+static inline int FlushIfFull(CcittPacker *p, CcittBits &b)
 {
-    return StoredWords(p) >= CCITT_HIGH_WATER ? FlushWords(p) : 0;
+    if (StoredWords(b) < CCITT_HIGH_WATER)
+        return 0;
+    p->bits = b;
+    int result = FlushWords(p);
+    b = p->bits;
+    return result;
 }
 
 /* A run: make-up codes for (run AND NOT 63), at most 2560 each, then the
- * terminating code for the rest. */
-static int PutLongRun(CcittPacker *p, const CcittCode *table, int32_t run)
+ * terminating code for the rest; the high water is checked after each
+ * make-up code. */
+static inline int PutRun(CcittPacker *p, CcittBits &b, const CcittCode *table, int32_t run)
 {
     while (run >= 64) {
         int32_t makeUp = run & ~63;
         if (makeUp > CCITT_MAX_RUN)
             makeUp = CCITT_MAX_RUN;
-        PutCode(p, &table[makeUp]);
+        PutCode(b, table[makeUp]);
         run -= makeUp;
-        int result = FlushIfFull(p);
+        int result = FlushIfFull(p, b);
         if (result < 0)
             return result;
     }
-    PutCode(p, &table[run]);
+    PutCode(b, table[run]);
     return 0;
-}
-
-static inline int PutRun(CcittPacker *p, const CcittCode *table, int32_t run)
-{
-    if (run < 64) {
-        PutCode(p, &table[run]);
-        return 0;
-    }
-    return PutLongRun(p, table, run);
 }
 
 /* The one-dimensional EOL: a fresh word (the partial word keeps its zero
  * fill bits), then the word 0x0001. */
-static void PutWordEol(CcittPacker *p)
+static void PutWordEol(CcittBits &b)
 {
-    if (p->pending % 16)
-        PutBits(p, 0, 16 - p->pending % 16);
-    PutBits(p, 0x0001, 16);
+    if (b.pending % 16)
+        PutBits(b, 0, 16 - b.pending % 16);
+    PutBits(b, 0x0001, 16);
 }
 
-/* ---- the run scanner ---- */
+/* ---- the changes of a packed row ---- */
 
-/* The row's eight bytes at `bytes` as one word, the first pixel in the most
- * significant bit. */
+/* The row's 64 pixels from `bytes` on, the first in bit 0. */
 static inline uint64_t LoadPixels(const uint8_t *bytes)
 {
     uint64_t v;
     memcpy(&v, bytes, 8);
-    return std::endian::native == std::endian::little ? __builtin_bswap64(v) : v;
+    if constexpr (std::endian::native == std::endian::big)
+        v = __builtin_bswap64(v);
+    return ReverseBitsInBytes(v); /* each byte's first pixel is its bit 7 */
 }
 
-/* The first pixel at or after pos whose colour is not the one `flip`
- * names (all ones for white: white pixels are 1-bits; 0 for black).  The row
- * has the sentinel 0xAA behind its last byte, which holds both colours, so
- * the scan stops without a bound check; the caller cuts the result at the
- * width.  Each step tests 64 pixels: bits that differ from the colour become
- * 1-bits, and the leading zero count finds the first of them. */
-static inline int32_t NextChange(const uint8_t *row, int32_t pos, uint64_t flip)
+/* Calls visit(position) for each pixel of the packed row whose colour
+ * differs from the pixel before (the row starts white), in order; stops at
+ * the first negative result and returns it, else 0.  64 pixels at a time:
+ * a pixel word XOR itself moved up one pixel marks the changes, which are
+ * taken lowest first. */
+template <typename Visit>
+static inline int ForEachChange(const uint8_t *row, int32_t width, Visit visit)
 {
-    const uint8_t *b = row + (pos >> 3);
-    uint64_t differ = (LoadPixels(b) ^ flip) << (pos & 7); /* pixels before pos shift out */
-    if (differ)
-        return pos + std::countl_zero(differ);
-    for (;;) {
-        b += 8; /* never past the sentinel: the word that holds it stops the scan */
-        differ = LoadPixels(b) ^ flip;
-        if (differ)
-            return (int32_t)((b - row) * 8) + std::countl_zero(differ);
+    uint64_t before = 1; /* the white pixel before the row */
+    for (int32_t base = 0; base < width; base += 64) {
+        uint64_t pixels = LoadPixels(row + base / 8);
+        uint64_t changes = pixels ^ (pixels << 1 | before);
+        before = pixels >> 63;
+        for (; changes; changes &= changes - 1) {
+            int32_t position = base + std::countr_zero(changes);
+            if (position >= width)
+                return 0; /* the padding bits of the last byte, and the slack */
+            int result = visit(position);
+            if (result < 0)
+                return result;
+        }
     }
+    return 0;
 }
-
-static constexpr uint64_t WHITE_FLIP = ~(uint64_t)0, BLACK_FLIP = 0;
 
 /* ---- set-up ---- */
 
 typedef struct {
     int32_t width, height, rowBytes;
-    uint8_t *row;          /* rowBytes + the sentinel bytes */
+    uint8_t *row;          /* rowBytes + the slack */
     int32_t *lists[2];     /* the 2-D coder's change lists */
     ImgRowSource rowSource;
     RunRecordSource recordSource; /* the rows as records, when the row source has them */
@@ -315,7 +331,7 @@ static void Release(CcittEncoder *e)
     ImgFree(e->row);
     ImgFree(e->lists[0]);
     ImgFree(e->lists[1]);
-    ImgFree(e->packer.out);
+    ImgFree(e->packer.bits.out);
     ImgFree(e->packer.stage);
 }
 
@@ -337,10 +353,10 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, ImgRowSourc
     p->handle = handle;
     p->reverse = reverse;
     p->framed = framed;
-    e->row = static_cast<uint8_t *>(ImgAlloc((size_t)e->rowBytes + CCITT_SENTINEL_BYTES));
-    p->out = static_cast<uint8_t *>(ImgAlloc(CCITT_BUFFER_BYTES));
+    e->row = static_cast<uint8_t *>(ImgAlloc((size_t)e->rowBytes + CCITT_ROW_SLACK));
+    p->bits.out = static_cast<uint8_t *>(ImgAlloc(CCITT_BUFFER_BYTES));
     p->stage = framed ? NULL : static_cast<uint8_t *>(ImgAlloc(CCITT_STAGE_BYTES));
-    int ok = e->row && p->out && (framed || p->stage);
+    int ok = e->row && p->bits.out && (framed || p->stage);
     if (ok && twoDimensional) {
         size_t listBytes = ((size_t)e->width + 8) * sizeof(int32_t);
         e->lists[0] = static_cast<int32_t *>(ImgAlloc(listBytes));
@@ -351,6 +367,7 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, ImgRowSourc
         Release(e);
         return IMG_ERR_MEMORY;
     }
+    memset(e->row + e->rowBytes, 0, CCITT_ROW_SLACK);
     return 0;
 }
 
@@ -361,7 +378,7 @@ typedef struct {
 } RowChanges;
 
 /* Row r: 1 with its changes when the row source hands over a plain record,
- * 0 with the packed row (and the sentinel) in e->row, or a negative code. */
+ * 0 with the packed row in e->row, or a negative code. */
 static int FetchRow(CcittEncoder *e, int32_t r, RowChanges *changes)
 {
     int result = 0;
@@ -378,78 +395,70 @@ static int FetchRow(CcittEncoder *e, int32_t r, RowChanges *changes)
                 return 1;
             /* Any other record: its pixels, as the row source would give them. */
             RunExpandRow(record, bytes, e->width, e->row, (uint32_t)e->rowBytes);
+            return 0;
         }
     }
-    if (result == 0)
-        result = e->rowSource(e->sourceContext, e->row, (int)r, (int)e->rowBytes);
-    memset(e->row + e->rowBytes, CCITT_SENTINEL, CCITT_SENTINEL_BYTES);
+    result = e->rowSource(e->sourceContext, e->row, (int)r, (int)e->rowBytes);
     return result < 0 ? result : 0;
 }
 
 /* ---- the one-dimensional coder ---- */
 
-/* One run of `colour` from pos to the next change (cut at the width); its
- * end. */
-static inline int32_t PutScannedRun(CcittEncoder *e, int32_t pos, int colour, int *result)
+/* The runs between a row's changes, white first: each change ends a run and
+ * starts one of the other colour, and the last run ends at the width. */
+typedef struct {
+    CcittPacker *packer;
+    CcittBits bits;       /* the packer's state, held here for the row */
+    int32_t last;         /* where the current run started */
+    const CcittCode *table, *other; /* the codes of its colour and of the other */
+} RunCoder;
+
+static inline int CodeRunTo(RunCoder &c, int32_t end)
 {
-    int32_t end = NextChange(e->row, pos, colour == WHITE ? WHITE_FLIP : BLACK_FLIP);
-    if (end > e->width)
-        end = e->width;
-    *result = PutRun(&e->packer, codeTable[colour], end - pos);
-    if (*result == 0)
-        *result = FlushIfFull(&e->packer);
-    return end;
+    int result = PutRun(c.packer, c.bits, c.table, end - c.last);
+    if (result == 0)
+        result = FlushIfFull(c.packer, c.bits);
+    c.last = end;
+    const CcittCode *t = c.table;
+    c.table = c.other;
+    c.other = t;
+    return result;
 }
 
-/* The runs of the packed row, white first, until the width. */
-static int Encode1DRow(CcittEncoder *e)
+static int Encode1DRow(CcittEncoder *e, int fromRecord, const RowChanges *changes)
 {
-    int result;
-    int32_t pos = 0;
-    for (;;) {
-        pos = PutScannedRun(e, pos, WHITE, &result);
-        if (result < 0 || pos >= e->width)
-            return result;
-        pos = PutScannedRun(e, pos, BLACK, &result);
-        if (result < 0 || pos >= e->width)
-            return result;
+    RunCoder c = {&e->packer, e->packer.bits, 0, codeTable[WHITE], codeTable[BLACK]};
+    int result = 0;
+    if (fromRecord) {
+        for (int32_t i = 0; i < changes->count && result == 0; i++)
+            result = CodeRunTo(c, changes->at[i]);
+    } else {
+        result = ForEachChange(e->row, e->width, [&c](int32_t position) { return CodeRunTo(c, position); });
     }
-}
-
-/* The runs between the changes, white first, the last to the width: the
- * runs the scan of the packed row would find. */
-static int Encode1DChanges(CcittEncoder *e, const RowChanges *changes)
-{
-    CcittPacker *p = &e->packer;
-    int32_t pos = 0;
-    for (int32_t i = 0; i <= changes->count; i++) {
-        int32_t end = i < changes->count ? changes->at[i] : e->width;
-        int result = PutRun(p, codeTable[i & 1], end - pos);
-        if (result < 0 || (result = FlushIfFull(p)) < 0)
-            return result;
-        pos = end;
-    }
-    return 0;
+    if (result == 0)
+        result = CodeRunTo(c, e->width);
+    e->packer.bits = c.bits;
+    return result;
 }
 
 static int Encode1D(CcittEncoder *e, int mode)
 {
     CcittPacker *p = &e->packer;
     if (mode == 3)
-        PutWordEol(p);
+        PutWordEol(p->bits);
     for (int32_t r = 0; r < e->height; r++) {
         RowChanges changes;
         int result = FetchRow(e, r, &changes);
         if (result >= 0)
-            result = result ? Encode1DChanges(e, &changes) : Encode1DRow(e);
+            result = Encode1DRow(e, result, &changes);
         if (result < 0)
             return result;
         if (mode == 3) {
             int eols = r == e->height - 1 ? 5 : 1;
             for (int i = 0; i < eols; i++)
-                PutWordEol(p);
+                PutWordEol(p->bits);
             if (r == e->height - 1)
-                PutBits(p, 0, 16); /* a zero word ends the page */
+                PutBits(p->bits, 0, 16); /* a zero word ends the page */
             result = FlushWords(p);
         } else {
             result = FlushWithPartial(p);
@@ -462,30 +471,24 @@ static int Encode1D(CcittEncoder *e, int mode)
 
 /* ---- the two-dimensional coder ---- */
 
-/* The changing elements of the packed row in `e->row`: the positions where
- * the colour changes (the first to black), then the width four times. */
-static void ChangeList(const CcittEncoder *e, int32_t *list)
+/* The changing elements of the row: the positions where the colour changes
+ * (the first to black), from the record or the packed row, then the width
+ * four times. */
+static void ChangeList(const CcittEncoder *e, int fromRecord, const RowChanges *changes,
+                       int32_t *list)
 {
-    int32_t n = 0, pos = 0;
-    int colour = WHITE;
-    for (;;) {
-        pos = NextChange(e->row, pos, colour == WHITE ? WHITE_FLIP : BLACK_FLIP);
-        if (pos >= e->width)
-            break;
-        list[n++] = pos;
-        colour ^= 1;
+    int32_t n = 0;
+    if (fromRecord) {
+        for (; n < changes->count; n++)
+            list[n] = changes->at[n];
+    } else {
+        ForEachChange(e->row, e->width, [list, &n](int32_t position) {
+            list[n++] = position;
+            return 0;
+        });
     }
     for (int i = 0; i < 4; i++)
         list[n + i] = e->width;
-}
-
-/* The same list from a plain record's changes. */
-static void ChangeListOf(const CcittEncoder *e, const RowChanges *changes, int32_t *list)
-{
-    for (int32_t i = 0; i < changes->count; i++)
-        list[i] = changes->at[i];
-    for (int i = 0; i < 4; i++)
-        list[changes->count + i] = e->width;
 }
 
 /* Pass 0001, horizontal 001, then V0 1 and VR1..3 011, 000011, 0000011 and
@@ -499,36 +502,37 @@ static const CcittCode verticalCodes[7] = {{2, 7}, {2, 6}, {2, 3}, {1, 1},
  * a0's colour (even entries change to black, odd ones to white). */
 static int Encode2DRow(CcittPacker *p, const int32_t *ref, const int32_t *cur, int32_t width)
 {
+    CcittBits b = p->bits;
     int32_t a0 = -1, ai = 0, bi = 0;
-    int colour = WHITE;
-    while (a0 < width) {
+    int colour = WHITE, result = 0;
+    while (a0 < width && result == 0) {
         while (cur[ai] <= a0)
             ai++;
         while (ref[bi] <= a0)
             bi += 2;
         int32_t a1 = cur[ai], b1 = ref[bi], b2 = ref[bi + 1];
         if (b2 < a1) {
-            PutCode(p, &passCode);
+            PutCode(b, passCode);
             a0 = b2;
             bi += 2;
         } else if (a1 - b1 >= -3 && a1 - b1 <= 3) {
-            PutCode(p, &verticalCodes[a1 - b1 + 3]);
+            PutCode(b, verticalCodes[a1 - b1 + 3]);
             a0 = a1;
             colour ^= 1;
             bi = bi > 0 ? bi - 1 : 1; /* the other parity; nothing earlier lies past a0 */
         } else {
             int32_t a2 = cur[ai + 1];
-            PutCode(p, &horizontalCode);
-            int result = PutRun(p, codeTable[colour], a1 - (a0 < 0 ? 0 : a0));
-            if (result < 0 || (result = PutRun(p, codeTable[colour ^ 1], a2 - a1)) < 0)
-                return result;
+            PutCode(b, horizontalCode);
+            result = PutRun(p, b, codeTable[colour], a1 - (a0 < 0 ? 0 : a0));
+            if (result == 0)
+                result = PutRun(p, b, codeTable[colour ^ 1], a2 - a1);
             a0 = a2;
         }
-        int result = FlushIfFull(p);
-        if (result < 0)
-            return result;
+        if (result == 0)
+            result = FlushIfFull(p, b);
     }
-    return 0;
+    p->bits = b;
+    return result;
 }
 
 static int Encode2D(CcittEncoder *e)
@@ -542,10 +546,7 @@ static int Encode2D(CcittEncoder *e)
         int result = FetchRow(e, r, &changes);
         if (result < 0)
             return result;
-        if (result)
-            ChangeListOf(e, &changes, cur);
-        else
-            ChangeList(e, cur);
+        ChangeList(e, result, &changes, cur);
         if ((result = Encode2DRow(p, ref, cur, e->width)) < 0)
             return result;
         int32_t *t = ref;
@@ -554,7 +555,7 @@ static int Encode2D(CcittEncoder *e)
     }
     static const CcittCode eol = {1, 12};
     for (int i = 0; i < 4; i++)
-        PutCode(p, &eol);
+        PutCode(p->bits, eol);
     int result = FlushWithPartial(p);
     return result < 0 ? result : DrainStage(p);
 }
