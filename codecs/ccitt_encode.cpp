@@ -100,15 +100,17 @@ int CcittEncodeCode(int colour, int run, uint16_t *code, uint16_t *length)
 
 /* The stream is the codes' bits most significant first, stored as 16-bit
  * words high byte first; the flushes and EOLs below work in those words.
- * Codes collect in a 64-bit accumulator that goes to the buffer 32 bits at a
- * time.  The row loops keep this state in a local copy and put it back
- * before a flush: a store of code bytes could otherwise alias the fields and
- * send them through memory at every code. */
+ * The bits of the byte being filled wait at the top of a 64-bit
+ * accumulator: each code goes in below them, the accumulator is stored (8
+ * bytes, whatever their number, so that no branch depends on it) and the
+ * bytes it completed are dropped.  The row loops keep this state in a local
+ * copy and put it back before a flush: a store of code bytes could
+ * otherwise alias the fields and send them through memory at every code. */
 typedef struct {
     uint8_t *out;         /* the 10000-byte buffer (and slack) */
-    uint32_t bytes;       /* bytes stored in it: always even */
-    uint64_t bits;        /* codes not stored yet, the latest in the low bits */
-    int pending;          /* how many: fewer than 32 between calls */
+    uint32_t bytes;       /* whole bytes stored in it */
+    uint64_t bits;        /* the bits after them, from bit 63 down; 0 below */
+    int pending;          /* how many: fewer than 16 */
 } CcittBits;
 
 typedef struct {
@@ -120,16 +122,24 @@ typedef struct {
     uint32_t staged;
 } CcittPacker;
 
+static inline void StoreBits(CcittBits &b)
+{
+    uint64_t v = b.bits;
+    if constexpr (std::endian::native == std::endian::little)
+        v = __builtin_bswap64(v);
+    memcpy(b.out + b.bytes, &v, 8);
+}
+
 /* Puts the code's bits (length 1 to 16) behind the stream. */
 static inline void PutBits(CcittBits &b, uint32_t code, int length)
 {
-    b.bits = b.bits << length | code;
+    b.bits |= (uint64_t)code << (64 - length - b.pending);
     b.pending += length;
-    if (b.pending >= 32) {
-        b.pending -= 32;
-        PutBE32(b.out + b.bytes, (uint32_t)(b.bits >> b.pending));
-        b.bytes += 4;
-    }
+    StoreBits(b);
+    int whole = b.pending >> 3;
+    b.bytes += (uint32_t)whole;
+    b.bits <<= 8 * whole;
+    b.pending &= 7;
 }
 
 static inline void PutCode(CcittBits &b, const CcittCode &c)
@@ -141,16 +151,6 @@ static inline void PutCode(CcittBits &b, const CcittCode &c)
 static inline uint32_t StoredWords(const CcittBits &b)
 {
     return (b.bytes * 8 + (uint32_t)b.pending) / 16;
-}
-
-/* Stores the pending bits that make whole words. */
-static void StoreWholeWords(CcittBits &b)
-{
-    while (b.pending >= 16) {
-        b.pending -= 16;
-        PutBE16(b.out + b.bytes, (uint16_t)(b.bits >> b.pending));
-        b.bytes += 2;
-    }
 }
 
 /* The bit order of each byte of v reversed: swapping neighbouring bits,
@@ -214,9 +214,13 @@ static int SendBlock(CcittPacker *p, uint32_t count)
  * mid-row flush): the stream continues without fill. */
 static int FlushWords(CcittPacker *p)
 {
-    StoreWholeWords(p->bits);
-    uint32_t count = p->bits.bytes;
-    p->bits.bytes = 0;
+    CcittBits &b = p->bits;
+    uint32_t count = StoredWords(b) * 2;
+    if (b.bytes > count) { /* the partial word's first byte goes back to the bits */
+        b.bits = (uint64_t)b.out[count] << 56 | b.bits >> 8;
+        b.pending += 8;
+    }
+    b.bytes = 0;
     return count ? SendBlock(p, count) : 0;
 }
 
@@ -226,13 +230,10 @@ static int FlushWords(CcittPacker *p)
 static int FlushWithPartial(CcittPacker *p)
 {
     CcittBits &b = p->bits;
-    StoreWholeWords(b);
-    uint32_t count = b.bytes;
-    if (b.pending) {
-        PutBE16(b.out + count, (uint16_t)(b.bits << (16 - b.pending)));
-        count += b.pending > 8 ? 2 : 1;
-    }
+    StoreBits(b);
+    uint32_t count = b.bytes + (b.pending + 7) / 8;
     b.bytes = 0;
+    b.bits = 0;
     b.pending = 0;
     return count ? SendBlock(p, count) : 0;
 }
@@ -272,8 +273,9 @@ static inline int PutRun(CcittPacker *p, CcittBits &b, const CcittCode *table, i
  * fill bits), then the word 0x0001. */
 static void PutWordEol(CcittBits &b)
 {
-    if (b.pending % 16)
-        PutBits(b, 0, 16 - b.pending % 16);
+    int used = (int)((b.bytes * 8 + (uint32_t)b.pending) % 16);
+    if (used)
+        PutBits(b, 0, 16 - used);
     PutBits(b, 0x0001, 16);
 }
 
@@ -354,7 +356,7 @@ static int Setup(CcittEncoder *e, int handle, const uint8_t *header, ImgRowSourc
     p->reverse = reverse;
     p->framed = framed;
     e->row = static_cast<uint8_t *>(ImgAlloc((size_t)e->rowBytes + CCITT_ROW_SLACK));
-    p->bits.out = static_cast<uint8_t *>(ImgAlloc(CCITT_BUFFER_BYTES));
+    p->bits.out = static_cast<uint8_t *>(ImgAlloc(CCITT_BUFFER_BYTES + 8)); /* 8: StoreBits */
     p->stage = framed ? NULL : static_cast<uint8_t *>(ImgAlloc(CCITT_STAGE_BYTES));
     int ok = e->row && p->bits.out && (framed || p->stage);
     if (ok && twoDimensional) {
