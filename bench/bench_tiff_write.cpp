@@ -16,9 +16,11 @@
  * it).  Runs alternate between the two (BenchInterleaved); the medians are
  * printed with the ratio libtiff time / ours (above 1: we are faster).  As
  * a side figure, the same saves through IMGLOW_save_bitmap with rows served
- * from the packed page, interleaved with libtiff in the same way.  As a check, libtiff reads both of our files back to
- * the page.  No timing is asserted.  Built with libtiff when CMake finds it
- * through pkg-config; otherwise only our times are printed.
+ * from the packed page, interleaved with libtiff in the same way.  As a
+ * check, libtiff reads both of our files back to the page.  The last lines
+ * are the ratios as `make bench` gathers them.  No timing is asserted.
+ * Built with libtiff when CMake finds it through pkg-config; otherwise only
+ * our times are printed.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <stdint.h>
@@ -116,11 +118,13 @@ static void SaveOursPackedRows(void *context)
     memset(header + 44, 255, 3); /* entry 1 white */
     remove(b->ours);
     int file = ImgOpen(b->ours, 2);
-    int32_t result = file < 0 ? IMG_ERR_CREATE : IMGLOW_save_bitmap(file, header, b->type, PackedRows, b);
+    int32_t result =
+        file < 0 ? IMG_ERR_CREATE : IMGLOW_save_bitmap(file, header, b->type, PackedRows, b);
     if (file >= 0)
         ImgClose(file);
     if (result < 0) {
-        fprintf(stderr, "bench_tiff_write: our save of type %d from packed rows failed\n", (int)b->type);
+        fprintf(stderr, "bench_tiff_write: our save of type %d from packed rows failed\n",
+                (int)b->type);
         exit(1);
     }
 }
@@ -217,8 +221,8 @@ int main(void)
         fprintf(stderr, "bench_tiff_write: cannot make the decoded page in %s\n", dir);
         return 1;
     }
-    printf("bench_tiff_write: %d x %d dense text page to a file in %s, median of %d interleaved runs\n",
-           PAGE_W, PAGE_H, dir, RUNS);
+    printf("bench_tiff_write: %d x %d dense text page to a file in %s, median of %d interleaved "
+           "runs\n", PAGE_W, PAGE_H, dir, RUNS);
 
     struct Case { int32_t type; const char *what, *summary; } cases[] = {
         {IMG_TYPE_TIFF_G3, "Group 3 TIFF (type 8)", "g3_tiff_save"},

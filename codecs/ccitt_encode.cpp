@@ -435,7 +435,8 @@ static int Encode1DRow(CcittEncoder *e, int fromRecord, const RowChanges *change
         for (int32_t i = 0; i < changes->count && result == 0; i++)
             result = CodeRunTo(c, changes->at[i]);
     } else {
-        result = ForEachChange(e->row, e->width, [&c](int32_t position) { return CodeRunTo(c, position); });
+        result = ForEachChange(e->row, e->width,
+                               [&c](int32_t position) { return CodeRunTo(c, position); });
     }
     if (result == 0)
         result = CodeRunTo(c, e->width);

@@ -196,7 +196,9 @@ void RunSetRecordSource(ImgRowSource rowSource, RunRecordSource recordSource)
 
 RunRecordSource RunRecordSourceOf(ImgRowSource rowSource)
 {
-    return rowSource && rowSource == recordSourcePair.rowSource ? recordSourcePair.recordSource : NULL;
+    if (!rowSource || rowSource != recordSourcePair.rowSource)
+        return NULL;
+    return recordSourcePair.recordSource;
 }
 
 /* ---- the row store ---- */

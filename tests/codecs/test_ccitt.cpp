@@ -330,8 +330,8 @@ TEST_F(Ccitt, RunCodedPagesSaveAsTheirPackedTwins)
     auto data = Pack(kEol + W(3) + B(0) + W(5) + B(2) + W(10) + kEol + W(0) + B(20) + kEol + W(20));
     int32_t h = IMG_decompress_fax_mem_size(data.data(), (uint32_t)data.size(), 20, 3, 3, 1);
     ASSERT_GE(h, 0);
-    const int32_t types[] = {IMG_TYPE_TIFF_HUFFMAN, IMG_TYPE_TIFF_G3, IMG_TYPE_TIFF_G4, IMG_TYPE_TIFF_51,
-                             IMG_TYPE_CALS, IMG_TYPE_FAX_G3, IMG_TYPE_FAX_G4_B};
+    const int32_t types[] = {IMG_TYPE_TIFF_HUFFMAN, IMG_TYPE_TIFF_G3, IMG_TYPE_TIFF_G4,
+                             IMG_TYPE_TIFF_51, IMG_TYPE_CALS, IMG_TYPE_FAX_G3, IMG_TYPE_FAX_G4_B};
     const int32_t crops[][4] = {{0, 0, 20, 3}, {0, 1, 13, 2}, {8, 0, 12, 3}};
     std::vector<std::vector<uint8_t>> coded;
     for (int form = 0; form < 2; form++) {

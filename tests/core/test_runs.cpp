@@ -97,7 +97,8 @@ TEST_F(RunRecords, EncodeMatchesNaiveChangesAndRoundTrips)
         ASSERT_TRUE(std::equal(changes.begin(), changes.end(), record.begin() + 1)) << "width " << width;
         for (size_t t = 0; t < terminators; t++)
             ASSERT_EQ(record[1 + changes.size() + t], width);
-        ASSERT_EQ(RunPlainChangeCount(record.data(), (uint32_t)bytes, width), (int32_t)changes.size());
+        ASSERT_EQ(RunPlainChangeCount(record.data(), (uint32_t)bytes, width),
+                  (int32_t)changes.size());
         record.resize((size_t)bytes / 2);
         std::vector<uint8_t> back = Expand(record, width, stride);
         for (int x = 0; x < (int)stride * 8; x++)
@@ -143,7 +144,8 @@ TEST_F(RunRecords, DecoderFormsExpandForWidths1To5000)
         bool emptyRun = !changes.empty() && changes[0] == 0;
         EXPECT_EQ(RunPlainChangeCount(leading.data(), (uint32_t)leading.size() * 2, width),
                   emptyRun ? -1 : (int32_t)withZero.size());
-        EXPECT_EQ(RunPlainChangeCount(twoD.data(), (uint32_t)twoD.size() * 2, width), (int32_t)changes.size());
+        EXPECT_EQ(RunPlainChangeCount(twoD.data(), (uint32_t)twoD.size() * 2, width),
+                  (int32_t)changes.size());
     }
 }
 
