@@ -186,6 +186,24 @@ void RunExpandRow(const uint16_t *record, uint32_t recordBytes, int32_t width, u
     RunExpandRowAt(record, recordBytes, 0, width, row, rowBytes);
 }
 
+int32_t RunPlainChangeCount(const uint16_t *record, uint32_t recordBytes, int32_t width)
+{
+    uint32_t words = recordBytes / 2, i = 1;
+    int32_t previous = -1;
+    for (; i < words && record[i] < width; i++) {
+        if (record[i] <= previous)
+            return -1;
+        previous = record[i];
+    }
+    int32_t count = (int32_t)i - 1;
+    /* A row ending inside a run of 0-bits: the expansion reads the position
+     * at or beyond the width as that run's end and the word after it as the
+     * start of another run, which must not lie inside the row. */
+    if ((count & 1) && i + 1 < words && record[i + 1] < width)
+        return -1;
+    return count;
+}
+
 int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
                   uint16_t *out)
 {
@@ -204,6 +222,25 @@ int RunClipRecord(const uint16_t *record, uint32_t recordBytes, int32_t left, in
     int length = (int)((o - out) * 2);
     out[0] = (uint16_t)length;
     return length;
+}
+
+/* ---- rows handed over as records ---- */
+
+static struct {
+    ImgRowSource rowSource;
+    RunRecordSource recordSource;
+} recordSourcePair;
+
+void RunSetRecordSource(ImgRowSource rowSource, RunRecordSource recordSource)
+{
+    recordSourcePair = {rowSource, recordSource};
+}
+
+RunRecordSource RunRecordSourceOf(ImgRowSource rowSource)
+{
+    if (!rowSource || rowSource != recordSourcePair.rowSource)
+        return NULL;
+    return recordSourcePair.recordSource;
 }
 
 /* ---- the row store ---- */

@@ -13,6 +13,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "core/contracts.h"
 #include "core/descriptor.h"
 
 /* Positions are 16-bit: widths up to this can be run-coded. */
@@ -52,6 +53,14 @@ void RunExpandRow(const uint16_t *record, uint32_t recordBytes, int32_t width, u
 void RunExpandRowAt(const uint16_t *record, uint32_t recordBytes, int32_t left, int32_t width,
                     uint8_t *row, uint32_t rowBytes);
 
+/* The number of changes of a record that is plain: positions strictly
+ * increasing below the width, then the row's end (a position at or beyond
+ * the width, or the end of the record) where the expansion stops.  Then the
+ * changes are record[1 .. count] and the row's pixels are exactly the runs
+ * they bound.  -1 for any other record (zero-length or overlapping runs,
+ * positions out of order): RunExpandRow gives its pixels. */
+int32_t RunPlainChangeCount(const uint16_t *record, uint32_t recordBytes, int32_t width);
+
 /* Clips a record to the columns left .. left + width - 1 for the decode
  * pipeline's sub-rectangle: positions before left are skipped (an odd count starts
  * the output with a 0 position), the positions inside are shifted by left, copying
@@ -86,6 +95,22 @@ int RunStoreReverseRows(ImgDescriptor *d);
  * rows behind it.  0 or -1. */
 int RunStoreReplaceRow(ImgDescriptor *d, int32_t row, const uint16_t *record, uint32_t bytes,
                        uint64_t ceiling = 0);
+
+/* ---- rows handed over as records ----
+ * A writer pulls packed rows from its row source.  The save pipeline's own
+ * row source can also hand over the record a run-coded image stores for a
+ * row, which spares a CCITT coder expanding the row only to find its
+ * changes again.  The coders sit below the pipeline, so the pipeline
+ * registers the pair here and a coder asks for the record source that goes
+ * with the row source it was given.
+ * A record source returns 1 with the row's record (its progress reported
+ * and its index checked as the row source does), 0 when that row is to come
+ * from the row source instead (nothing done yet), or a negative code. */
+typedef int (*RunRecordSource)(void *sourceContext, int rowIndex, const uint16_t **record,
+                               uint32_t *recordBytes);
+void RunSetRecordSource(ImgRowSource rowSource, RunRecordSource recordSource);
+/* The record source registered with `rowSource`, or NULL. */
+RunRecordSource RunRecordSourceOf(ImgRowSource rowSource);
 
 /* ---- record transforms (flip left-right, invert) ----
  * Both read at most recordBytes bytes of `record`, write only the length

@@ -67,6 +67,25 @@ int ImgLibraryRowSource(void *sourceContext, uint8_t *buffer, int rowIndex, int 
     return 0;
 }
 
+/* The record of row `rowIndex` of the crop rectangle, for a run-coded image
+ * whose crop starts at the left edge and that no lookup table changes: the
+ * row source would serve its expansion (RunRecordSource in core/runs.h). */
+static int ImgLibraryRecordSource(void *sourceContext, int rowIndex, const uint16_t **record,
+                                  uint32_t *recordBytes)
+{
+    ImgSaveContext *c = static_cast<ImgSaveContext *>(sourceContext);
+    const ImgDescriptor *d = ImgTableGet(c->handle);
+    if (!d || !d->codedRows || d->cropX != 0 || c->lookupTable)
+        return 0;
+    int result = ImgReportProgress(c->imageHeight);
+    if (result < 0)
+        return result;
+    if (rowIndex < 0 || rowIndex >= d->cropHeight)
+        return IMG_ERR_TYPE;
+    *record = RunStoreRow(d, c->cropTop + rowIndex, recordBytes);
+    return *record ? 1 : IMG_ERR_INVALID;
+}
+
 /* ---- preparation ---- */
 
 static int PaletteIsGrey(const uint8_t *palette, uint32_t bytes)
@@ -146,6 +165,7 @@ static int SaveImage(int32_t handle, int fileHandle, int32_t type, int memoryVar
     int result = PrepareSave(d, handle, &c, &header, memoryVariant);
     if (result < 0)
         return result;
+    RunSetRecordSource(ImgLibraryRowSource, ImgLibraryRecordSource);
     result = IMGLOW_save_bitmap(fileHandle, header, type, (IMG_ROW_SOURCE)ImgLibraryRowSource, &c);
     ((BITMAPINFOHEADER *)header)->biClrUsed = 0;
     ImgFree(header);

@@ -115,20 +115,24 @@ RoundTrip Dense()
     }
     return t;
 }
-// Single pixels alternating across the widest row, twice: the second row is
-// one long string of V0 codes, the first one white and black runs of 1.
-RoundTrip AlternatingWidest()
+// Single pixels alternating across the widest run-coded row, starting
+// either colour, then the first row again: every 64-pixel word holds 64
+// changes, a row's code passes the 10000-byte buffer (flushed mid-row), and
+// the last row is one long string of V0 codes.
+RoundTrip Alternating()
 {
-    RoundTrip t{"alternating pixels across the widest row, twice", RUN_MAX_WIDTH, {}};
-    std::vector<std::pair<int, int>> spans;
-    for (int x = 1; x < RUN_MAX_WIDTH; x += 2)
-        spans.push_back({x, x + 1});
-    t.rows = {spans, spans};
+    RoundTrip t{"alternating pixels across the widest row", RUN_MAX_WIDTH, {{}, {}, {}}};
+    for (int x = 0; x < t.width; x += 2) {
+        t.rows[0].push_back({x, x + 1});
+        t.rows[1].push_back({x + 1, x + 2});
+    }
+    t.rows[2] = t.rows[0];
     return t;
 }
 const RoundTrip kRoundTrips[] = {
     Dense(),
-    AlternatingWidest(),
+    Alternating(),
+    {"one run a row, width 131", 131, {{}, {{0, 131}}, {}}},
     {"one white pixel", 1, {{}}},
     {"one black pixel", 1, {{{0, 1}}}},
     {"all white 1728", 1728, {{}, {}}},
@@ -317,6 +321,39 @@ TEST_F(Ccitt, NonReadingModesTakeTheBuffer)
         EXPECT_EQ(c.records[0], t.first);
         EXPECT_EQ(c.records[1], t.second);
     }
+}
+
+// A run-coded page saves to the bytes of its packed twin through every
+// CCITT save type, whole and cropped: its rows' records are coded as they
+// are, or, where the decoder left a zero-length run (row 0: white 3, black 0,
+// white 5, ...), from their pixels.
+TEST_F(Ccitt, RunCodedPagesSaveAsTheirPackedTwins)
+{
+    auto data = Pack(kEol + W(3) + B(0) + W(5) + B(2) + W(10) + kEol + W(0) + B(20) + kEol + W(20));
+    int32_t h = IMG_decompress_fax_mem_size(data.data(), (uint32_t)data.size(), 20, 3, 3, 1);
+    ASSERT_GE(h, 0);
+    const int32_t types[] = {IMG_TYPE_TIFF_HUFFMAN, IMG_TYPE_TIFF_G3, IMG_TYPE_TIFF_G4,
+                             IMG_TYPE_TIFF_51, IMG_TYPE_CALS, IMG_TYPE_FAX_G3, IMG_TYPE_FAX_G4_B};
+    const int32_t crops[][4] = {{0, 0, 20, 3}, {0, 1, 13, 2}, {8, 0, 12, 3}};
+    std::vector<std::vector<uint8_t>> coded;
+    for (int form = 0; form < 2; form++) {
+        if (form == 1) {
+            ASSERT_EQ(IMG_runs_to_dib(h), 0);
+        }
+        size_t k = 0;
+        for (auto &c : crops)
+            for (int32_t type : types) {
+                SCOPED_TRACE("type " + std::to_string(type) + " crop x " + std::to_string(c[0]));
+                ASSERT_EQ(IMG_set_croprect(h, c[0], c[1], c[2], c[3]), 0);
+                std::vector<uint8_t> file = SavedImage(h, type);
+                ASSERT_FALSE(file.empty());
+                if (form == 0)
+                    coded.push_back(file);
+                else
+                    EXPECT_EQ(file, coded[k++]);
+            }
+    }
+    IMG_delete_bitmap(h);
 }
 
 // A raw fax of type 2: EOLs and tag bits on the first two rows only.

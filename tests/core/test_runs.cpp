@@ -97,6 +97,8 @@ TEST_F(RunRecords, EncodeMatchesNaiveChangesAndRoundTrips)
         ASSERT_TRUE(std::equal(changes.begin(), changes.end(), record.begin() + 1)) << "width " << width;
         for (size_t t = 0; t < terminators; t++)
             ASSERT_EQ(record[1 + changes.size() + t], width);
+        ASSERT_EQ(RunPlainChangeCount(record.data(), (uint32_t)bytes, width),
+                  (int32_t)changes.size());
         record.resize((size_t)bytes / 2);
         std::vector<uint8_t> back = Expand(record, width, stride);
         for (int x = 0; x < (int)stride * 8; x++)
@@ -137,6 +139,13 @@ TEST_F(RunRecords, DecoderFormsExpandForWidths1To5000)
                                  (uint16_t)(width + 1)});
         twoD[0] = (uint16_t)(twoD.size() * 2);
         ExpectPixels(Expand(twoD, width, stride), pixels);
+        // Both forms are plain (a coder takes their changes as they are) but
+        // for the leading 0 before a change at 0: an empty run.
+        bool emptyRun = !changes.empty() && changes[0] == 0;
+        EXPECT_EQ(RunPlainChangeCount(leading.data(), (uint32_t)leading.size() * 2, width),
+                  emptyRun ? -1 : (int32_t)withZero.size());
+        EXPECT_EQ(RunPlainChangeCount(twoD.data(), (uint32_t)twoD.size() * 2, width),
+                  (int32_t)changes.size());
     }
 }
 
@@ -150,7 +159,10 @@ TEST_F(RunRecords, HostileRecordsStayInsideTheRow)
         for (auto &w : record)
             w = (uint16_t)(random() % 3 == 0 ? random() : random() % (unsigned)(width + 5));
         std::vector<uint8_t> row = Expand(record, width, rowBytes); // checks the guard bytes
-        (void)row;
+        // A record taken as plain holds exactly the changes of its pixels.
+        int32_t count = RunPlainChangeCount(record.data(), (uint32_t)record.size() * 2, width);
+        if (count >= 0)
+            ExpectPixels(row, NaivePixels({record.begin() + 1, record.begin() + 1 + count}, width));
     }
     // A row buffer smaller than the width claims: positions are clipped to the buffer.
     std::vector<uint16_t> record = {10, 0, 60000, 100, 100};

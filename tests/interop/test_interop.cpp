@@ -105,7 +105,9 @@ const WriteCase kWrites[] = {
     {"TiffPackBits1", IMG_TYPE_TIFF_PACKBITS, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
     {"TiffHuffman", IMG_TYPE_TIFF_HUFFMAN, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
     {"TiffG3", IMG_TYPE_TIFF_G3, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
+    {"TiffG3Widest", IMG_TYPE_TIFF_G3, 1, 65535, 3, false, "tifftopnm", kTiffToPnm},
     {"TiffG4", IMG_TYPE_TIFF_G4, 1, 1728, 120, false, "tifftopnm", kTiffToPnm},
+    {"TiffG4Widest", IMG_TYPE_TIFF_G4, 1, 65535, 3, false, "tifftopnm", kTiffToPnm},
     {"TiffG4Magick", IMG_TYPE_TIFF_G4, 1, 221, 40, false, "convert", kMagick},
     {"Tiff51", IMG_TYPE_TIFF_51, 1, 221, 40, false, "tifftopnm", kTiffToPnm},
     // raw CCITT streams, both bit orders
