@@ -16,6 +16,9 @@
 #include <string.h>
 #include <time.h>
 #include <stdio.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "core/imgapi.h"
 
@@ -79,6 +82,27 @@ static inline double BenchTimeCommand(const char *command, int runs)
         times[run] = BenchNow() - t0;
     }
     return BenchMedian(times, runs);
+}
+
+/* Where the big blocks of a benchmark come from (glibc; elsewhere nothing
+ * changes).  Reused: freed blocks of up to 32 MB stay in the heap and serve
+ * the next ones, so that the runs work in memory touched before.  New: each
+ * block of 1 MB or more is mapped when allocated and unmapped when freed,
+ * so that its first touch costs a page fault per page, as a new picture's
+ * does in a new process; set it before any such block is freed, since
+ * blocks waiting in the heap are served first.  Left to itself, glibc hands
+ * fresh pages to one side and reused ones to the other by the order and the
+ * exact sizes of their blocks. */
+enum BenchMemory { BENCH_MEMORY_REUSED, BENCH_MEMORY_NEW };
+
+static inline void BenchSetMemory(enum BenchMemory memory)
+{
+#ifdef __GLIBC__
+    mallopt(M_MMAP_THRESHOLD, memory == BENCH_MEMORY_REUSED ? 32 << 20 : 1 << 20);
+    mallopt(M_TRIM_THRESHOLD, memory == BENCH_MEMORY_REUSED ? 256 << 20 : 1 << 20);
+#else
+    (void)memory;
+#endif
 }
 
 /* A linear congruential generator: the same pictures in every run. */

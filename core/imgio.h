@@ -78,6 +78,9 @@ void ImgStoreBitmapName(const char *text, const char *date);
 /* Test hook: the allocation after `countdown` more successful ones fails;
  * a negative value switches the failure off. */
 void ImgTestFailAllocations(int countdown);
+/* Test hook: blocks allocated from now on come filled with `byte`, as a
+ * block that held other data might; a negative value switches it off. */
+void ImgTestFillAllocations(int byte);
 
 /* Owners that release on every path: a block from ImgAlloc, freed with
  * ImgFree, and a handle from ImgOpen or ImgOpenTemp, closed with ImgClose. */

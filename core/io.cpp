@@ -25,6 +25,7 @@ static char bitmapNameText[IMG_NAME_TEXT_SIZE] = "1996 TARNWHEEL, ALL RIGHTS RES
 static char bitmapNameDate[IMG_NAME_DATE_SIZE] = "11-24-1992";
 
 static int failCountdown = -1;
+static int fillByte = -1;
 
 /* ---- the memory image ---- */
 
@@ -328,9 +329,17 @@ void ImgTestFailAllocations(int countdown)
     failCountdown = countdown;
 }
 
+void ImgTestFillAllocations(int byte)
+{
+    fillByte = byte;
+}
+
 void *ImgAlloc(size_t size)
 {
-    return AllocationFails() ? NULL : PlatformAlloc(size);
+    void *block = AllocationFails() ? NULL : PlatformAlloc(size);
+    if (block && fillByte >= 0)
+        memset(block, fillByte, size);
+    return block;
 }
 
 void *ImgRealloc(void *pointer, size_t size)

@@ -21,6 +21,11 @@ void ImgSetRowWatcher(ImgRowWatcher watcher, void *context)
     rowWatcherContext = context;
 }
 
+bool ImgRowWatched(void)
+{
+    return rowWatcher != nullptr;
+}
+
 int ImgRowStored(int32_t handle, int32_t row)
 {
     if (!rowWatcher)

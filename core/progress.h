@@ -23,6 +23,9 @@ void ImgSetStatusEnabled(int enabled);
  * at start; IMG_decompress_bitmap_display sets one for its decode. */
 typedef int (*ImgRowWatcher)(void *context, int32_t handle, int32_t row);
 void ImgSetRowWatcher(ImgRowWatcher watcher, void *context);
+/* Whether a watcher is set: it may draw any row of the image while the
+ * decode runs. */
+bool ImgRowWatched(void);
 /* Tells the watcher, if any; its result when negative, else 0. */
 int ImgRowStored(int32_t handle, int32_t row);
 

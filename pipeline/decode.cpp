@@ -165,9 +165,15 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
     if (c->requestedBits)
         memcpy(c->palette, block + DIB_HEADER_SIZE, palette);
     memcpy(dib, block, DIB_HEADER_SIZE + (outBits == bits ? palette : 0));
-    /* Rows a reader never delivers read as zero bytes, not as stale memory. */
+    /* Rows a reader never delivers read as zero bytes, not as stale memory.
+     * The rows of a plain image are cleared only where no row is stored
+     * (ClearUnsetRows), unless a row watcher may draw them meanwhile. */
     uint32_t offset = DIB_HEADER_SIZE + outPalette;
-    memset(dib + offset, 0, (size_t)total + 8192 - offset);
+    bool clearLater = !coded && !ImgRowWatched();
+    size_t clearFrom = offset + (clearLater ? (size_t)stride * (size_t)height : 0);
+    memset(dib + clearFrom, 0, (size_t)total + 8192 - clearFrom);
+    c->unsetTop = 0;
+    c->unsetEnd = clearLater ? height : 0;
     BITMAPINFOHEADER *out = (BITMAPINFOHEADER *)dib;
     out->biBitCount = (uint16_t)outBits;
     out->biWidth = width;
@@ -184,6 +190,49 @@ int ImgLibraryHeaderSink(const uint8_t *block, void *sinkContext)
     d->codedRows = coded;
     d->rowIndex = index;
     return 1;
+}
+
+/* ---- the rows of a plain image ----
+ * A decode usually stores every row, so the pixel rows are not cleared when
+ * the block is allocated: each byte is written once.  The rows stored form
+ * a run from the top and a run from the bottom (readers deliver rows top
+ * first or bottom first); the rows between are cleared when a row lands
+ * among them, and at the end of the decode. */
+
+static uint8_t *PlainRow(const ImgDescriptor *d, int32_t row)
+{
+    return d->dib + ImgDescriptorBitsOffset(d) + (size_t)(d->height - row - 1) * (size_t)d->stride;
+}
+
+/* Clears rows from .. to - 1 (top 0). */
+static void ClearRows(const ImgDescriptor *d, int32_t from, int32_t to)
+{
+    if (from < to)
+        memset(PlainRow(d, to - 1), 0, (size_t)(to - from) * (size_t)d->stride);
+}
+
+static void ClearUnsetRows(ImgDecodeContext *c, const ImgDescriptor *d)
+{
+    ClearRows(d, c->unsetTop, c->unsetEnd);
+    c->unsetTop = c->unsetEnd = 0;
+}
+
+/* Notes that row `row` is being stored, after clearing every other unset
+ * row when it does not extend one of the runs: true when the row was unset. */
+static bool NoteRowStored(ImgDecodeContext *c, const ImgDescriptor *d, int32_t row)
+{
+    if (row < c->unsetTop || row >= c->unsetEnd)
+        return false;
+    if (row == c->unsetTop) {
+        c->unsetTop++;
+    } else if (row == c->unsetEnd - 1) {
+        c->unsetEnd--;
+    } else {
+        ClearRows(d, c->unsetTop, row);
+        ClearRows(d, row + 1, c->unsetEnd);
+        c->unsetTop = c->unsetEnd = 0;
+    }
+    return true;
 }
 
 /* ---- the row sink ---- */
@@ -246,9 +295,12 @@ static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const u
                     int32_t bytes, int runForm, double rowsStored)
 {
     if (!d->codedRows) {
-        uint8_t *target = d->dib + ImgDescriptorBitsOffset(d) +
-                          (size_t)(d->height - dest - 1) * (size_t)d->stride;
-        memcpy(target, data, (size_t)(bytes < d->stride ? bytes : d->stride));
+        uint8_t *target = PlainRow(d, dest);
+        size_t n = (size_t)(bytes < d->stride ? bytes : d->stride);
+        bool unset = NoteRowStored(c, d, dest);
+        memcpy(target, data, n);
+        if (unset)
+            memset(target + n, 0, (size_t)d->stride - n);
         return ImgRowStored(c->handle, dest);
     }
     int bottomFirst = c->rowOrder == RowOrder::BottomFirstCoded;
@@ -408,8 +460,10 @@ static int FinishDecode(ImgDecodeContext *c)
     ImgDescriptor *d = ImgTableGet(c->handle);
     if (!d->dib)
         return IMG_ERR_INVALID; /* the reader never called the header sink */
-    if (!d->codedRows)
+    if (!d->codedRows) {
+        ClearUnsetRows(c, d);
         return 0;
+    }
     if (!c->storeComplete) {
         int result = CompleteStore(c, d);
         if (result < 0)
@@ -659,6 +713,8 @@ int32_t IMGAPI IMG_create_handle_shell(const void *bitmapinfo)
                 ((BITMAPINFOHEADER *)plain)->biCompression = 0;
                 memset(plain + offset, 0, size - offset);
             }
+        } else if (result >= 0) {
+            ClearUnsetRows(&c, d);
         }
         if (result < 0) {
             ImgTableDelete(handle, 0);

@@ -36,6 +36,9 @@ typedef struct ImgDecodeContext {
     uint8_t *ditherScratch; /* depth reduction: the dither routines' scratch (inside work) */
     uint8_t *palette;      /* depth reduction: the file's palette (inside work) */
     uint64_t storeCeiling; /* the decode limit: the most a coded store may grow to, 0 = none */
+    /* Rows of a plain image not written yet, neither stored nor cleared:
+     * unsetTop .. unsetEnd - 1 (top 0); empty when the block was cleared. */
+    int32_t unsetTop, unsetEnd;
 } ImgDecodeContext;
 
 /* The library's sinks. */

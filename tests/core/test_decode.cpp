@@ -199,6 +199,43 @@ TEST_F(DecodePipeline, HostileRowsAreRefused)
     EXPECT_EQ(ImgTableCount(), 0);
 }
 
+// Rows land at their index in any order, in blocks that held other data:
+// rows never stored and the end of a row stored short read as zero bytes,
+// as if the block had been cleared first (a row stored again keeps the end
+// of its first copy).  So do the rows of a new empty image.
+TEST_F(DecodePipeline, RowsNeverStoredReadAsZeroBytes)
+{
+    struct Case {
+        const char *name;
+        std::vector<std::pair<int, int>> rows; // index, bytes handed over
+    } cases[] = {{"top first, the last rows missing", {{0, 12}, {1, 12}, {2, 12}}},
+                 {"bottom first, the first rows missing", {{5, 12}, {4, 12}, {3, 12}, {3, 3}}},
+                 {"from both ends, then between", {{0, 12}, {5, 12}, {2, 12}, {3, 12}}},
+                 {"short rows", {{0, 5}, {1, 12}, {1, 3}}}};
+    Rows source = Source(10, 6, 8);
+    ImgTestFillAllocations(0xA5);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        Rows expected(6, std::vector<uint8_t>(12, 0));
+        for (auto [y, n] : c.rows)
+            std::copy_n(source[y].begin(), n, expected[y].begin());
+        script = {Header(10, 6, 8), [&c, &source](ImgRowSink sink, void *context) {
+                      for (auto [y, n] : c.rows)
+                          sink(source[y].data(), context, y, n);
+                      return 0;
+                  }};
+        int32_t h = Decode();
+        ASSERT_GE(h, 0);
+        for (int32_t y = 0; y < 6; y++)
+            EXPECT_EQ(Row(h, y), expected[y]) << "row " << y;
+        IMG_delete_bitmap(h);
+    }
+    int32_t shell = IMG_create_handle_shell(Header(10, 6, 8).data());
+    ASSERT_GE(shell, 0);
+    for (int32_t y = 0; y < 6; y++)
+        EXPECT_EQ(Row(shell, y), std::vector<uint8_t>(12, 0)) << "row " << y;
+}
+
 // Packed rows and run records give the same picture, whole or cut to a
 // sub-rectangle (records cut at any column keep their colours in step).
 TEST_F(DecodePipeline, RowsWholeOrCutToASubRectangle)

@@ -352,6 +352,7 @@ void TrnwTest::TearDown()
     IMGLOW_autocolor(0);
     IMGLOW_set_dithermode(1);
     ImgTestFailAllocations(-1);
+    ImgTestFillAllocations(-1);
     ImgFreeAllTracked();
     ImgStoreBitmapName("1996 TARNWHEEL, ALL RIGHTS RESERVED", "11-24-1992");
 }
