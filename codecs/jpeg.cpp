@@ -361,15 +361,20 @@ int DecodeImage(Decoder &d, const ImageSinks &sinks)
         return IMG_ERR_READ; /* a progressive stream reads all its scans here */
     bool cmyk = colour == Colour::Cmyk || colour == Colour::CmykInverted;
     uint32_t sampleBytes = cmyk ? 4 * c.output_width : (uint32_t)stride;
+    uint32_t filledBytes = c.output_width * (uint32_t)(bits / 8); /* of a row libjpeg writes */
     JSAMPARRAY rows = RowBuffers(d, sampleBytes, kRowsPerRead);
     JSAMPARRAY converted = cmyk ? RowBuffers(d, (uint32_t)stride, 1) : nullptr;
     while (c.output_scanline < c.output_height) {
         JDIMENSION first = c.output_scanline;
-        JDIMENSION got = jpeg_read_scanlines(&c, rows, kRowsPerRead);
+        /* A row the sink takes as it is goes straight to its place, padding cleared. */
+        JSAMPROW target = cmyk ? nullptr : ImgRowTarget(sinks.rowSink, sinks.sinkContext, (int)first, (int)stride);
+        if (target)
+            memset(target + filledBytes, 0, (size_t)stride - filledBytes);
+        JDIMENSION got = target ? jpeg_read_scanlines(&c, &target, 1) : jpeg_read_scanlines(&c, rows, kRowsPerRead);
         if (got == 0)
             return IMG_ERR_INVALID;
         for (JDIMENSION i = 0; i < got; i++) {
-            const uint8_t *row = rows[i];
+            const uint8_t *row = target ? target : rows[i];
             if (cmyk) {
                 CmykToBgr(rows[i], c.output_width, colour == Colour::CmykInverted, converted[0]);
                 row = converted[0];

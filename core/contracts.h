@@ -18,6 +18,18 @@ typedef int (*ImgHeaderSink)(const uint8_t *headerAndPalette, void *sinkContext)
  * length of a run record (any other length).  0 on success. */
 typedef int (*ImgRowSink)(const uint8_t *row, void *sinkContext, int rowIndex, int rowBytes);
 
+/* Where a reader may build row rowIndex in place: the address at which the
+ * row sink stores a row of rowBytes bytes as it is, or NULL when it stores
+ * rows otherwise (the reader then builds the row in a buffer of its own).
+ * Asking changes nothing.  A reader that builds a row there fills all
+ * rowBytes bytes and hands that address to the row sink for the same row
+ * before it hands over any other row.  Saves a copy of every row. */
+uint8_t *ImgRowTarget(ImgRowSink rowSink, void *sinkContext, int rowIndex, int rowBytes);
+
+/* The one row sink that offers targets, and how it finds them. */
+typedef uint8_t *(*ImgRowTargetFinder)(void *sinkContext, int rowIndex, int rowBytes);
+void ImgOfferRowTargets(ImgRowSink rowSink, ImgRowTargetFinder finder);
+
 /* A reader: start is the byte offset of the image (the source positioned
  * there) or 0x80000000 | page. */
 typedef int (*ImgReader)(uint32_t start, ImgRowSink rowSink, void *sinkContext,

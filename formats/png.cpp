@@ -325,8 +325,38 @@ void BuildRow(const PngReader &r, const uint8_t *in, uint8_t *out)
     }
 }
 
+/* The bytes of a row BuildRow writes; the rest of the stride is padding. */
+size_t BuiltBytes(const PngReader &r)
+{
+    switch (r.layout) {
+    case RowLayout::Copy:
+        return r.pngRowBytes;
+    case RowLayout::Nibbles:
+        return ((size_t)r.width + 1) / 2;
+    case RowLayout::GreyAlpha:
+        return r.width;
+    default:
+        return (size_t)r.width * 3;
+    }
+}
+
+/* Where row y is built: in the image itself when the row sink offers its
+ * place, else in r.row.  In place, the row's last built byte and its
+ * padding are cleared first: libpng keeps the bits past a row's last pixel
+ * as it finds them, and BuildRow leaves the padding alone. */
+uint8_t *RowBuffer(const PngReader &r, ImgRowSink rowSink, void *sinkContext, uint32_t y)
+{
+    uint8_t *target = ImgRowTarget(rowSink, sinkContext, (int)y, (int)r.stride);
+    if (!target)
+        return r.row;
+    size_t built = BuiltBytes(r);
+    memset(target + built - 1, 0, r.stride - built + 1);
+    return target;
+}
+
 /* The rows, top first: read one at a time, or, interlaced, all at once and
- * then handed over.  Copied rows go straight into the image's row. */
+ * then handed over.  Copied rows go straight into the row they are built
+ * in. */
 int ReadRows(PngReader &r, ImgRowSink rowSink, void *sinkContext)
 {
     bool interlaced = png_get_interlace_type(r.png, r.info) != PNG_INTERLACE_NONE;
@@ -348,11 +378,12 @@ int ReadRows(PngReader &r, ImgRowSink rowSink, void *sinkContext)
         png_read_image(r.png, r.rowPointers);
     }
     for (uint32_t y = 0; y < r.height; y++) {
-        uint8_t *in = direct ? r.row : interlaced ? r.rowPointers[y] : r.pngRows;
+        uint8_t *out = RowBuffer(r, rowSink, sinkContext, y);
+        uint8_t *in = direct ? out : interlaced ? r.rowPointers[y] : r.pngRows;
         if (!interlaced)
             png_read_row(r.png, in, nullptr);
-        BuildRow(r, in, r.row);
-        int result = rowSink(r.row, sinkContext, (int)y, (int)r.stride);
+        BuildRow(r, in, out);
+        int result = rowSink(out, sinkContext, (int)y, (int)r.stride);
         if (result < 0)
             return result;
     }

@@ -235,6 +235,18 @@ static bool NoteRowStored(ImgDecodeContext *c, const ImgDescriptor *d, int32_t r
     return true;
 }
 
+/* Where the library's sink stores a row as it comes: in a plain image kept
+ * at the file's size and depth, a row of the image's stride. */
+static uint8_t *LibraryRowTarget(void *sinkContext, int rowIndex, int rowBytes)
+{
+    ImgDecodeContext *c = static_cast<ImgDecodeContext *>(sinkContext);
+    ImgDescriptor *d = ImgTableGet(c->handle);
+    if (!d || !d->dib || d->codedRows || c->requestedBits || c->subRectangle || c->fixedSize ||
+        rowIndex < 0 || rowIndex >= d->height || rowBytes != d->stride)
+        return NULL;
+    return PlainRow(d, rowIndex);
+}
+
 /* ---- the row sink ---- */
 
 static uint8_t *PackedScratch(ImgDecodeContext *c)
@@ -298,7 +310,8 @@ static int StoreRow(ImgDecodeContext *c, ImgDescriptor *d, int32_t dest, const u
         uint8_t *target = PlainRow(d, dest);
         size_t n = (size_t)(bytes < d->stride ? bytes : d->stride);
         bool unset = NoteRowStored(c, d, dest);
-        memcpy(target, data, n);
+        if (data != target) /* not built in place */
+            memcpy(target, data, n);
         if (unset)
             memset(target + n, 0, (size_t)d->stride - n);
         return ImgRowStored(c->handle, dest);
@@ -484,6 +497,7 @@ static int DecodeToNewImage(int fileHandle, uint32_t offset, int32_t page, ImgRe
     memset(&c, 0, sizeof c);
     c.handle = handle;
     c.requestedBits = reductionBits;
+    ImgOfferRowTargets(ImgLibraryRowSink, LibraryRowTarget);
     /* A reader may deliver the image already reduced towards the fixed size. */
     if (fixedWidth > 0 && fixedHeight > 0)
         ImgSetDecodeTarget(fixedWidth, fixedHeight);

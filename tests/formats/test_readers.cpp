@@ -64,6 +64,23 @@ TEST_P(EveryReader, HandsOnAPlainHeader)
               std::vector<uint32_t>({40, 37, 11, 1, (uint32_t)c.bits, (uint32_t)(c.type == IMG_TYPE_CALS ? 5 : DibStride(37, c.bits)) * 11}));
 }
 
+// Rows come out padded with zeros even in blocks that held other data
+// (1-bit rows are run-coded: nothing to pad).
+TEST_P(EveryReader, PadsRowsWithZeros)
+{
+    const ReaderCase &c = GetParam();
+    if (c.bits == 1)
+        GTEST_SKIP();
+    std::vector<uint8_t> file = Saved(MakePicture(37, 11, c.bits, 3), c.type);
+    if (c.dosEps)
+        file = DosEps(file);
+    ImgTestFillAllocations(0xA5);
+    int32_t h = IMG_decompress_bitmap_mem_size(file.data(), (uint32_t)file.size(), 0);
+    ImgTestFillAllocations(-1);
+    ASSERT_GE(h, 0);
+    EXPECT_TRUE(PictureOf(h).PaddedWithZeros());
+}
+
 INSTANTIATE_TEST_SUITE_P(Formats, EveryReader, ::testing::ValuesIn(kReaders),
                          [](const auto &info) { return std::string(info.param.name); });
 

@@ -245,6 +245,15 @@ int32_t ImageOf(const Picture &p)
     return handle;
 }
 
+bool Picture::PaddedWithZeros() const
+{
+    for (const std::vector<uint8_t> &row : rows)
+        for (size_t bit = (size_t)width * (size_t)bits; bit < 8 * row.size(); bit++)
+            if (row[bit / 8] >> (7 - bit % 8) & 1)
+                return false;
+    return true;
+}
+
 Picture PictureOf(int32_t handle)
 {
     Picture p;
