@@ -693,9 +693,11 @@ static inline int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
 
 /* ---- the mapping ---- */
 
-/* The walk over levels 0 .. 3 is done once for each cell: a palette
- * index, a missing branch (the nearest search decides), or the internal
- * node at level 3 where the walk goes on. */
+/* The walk over levels 0 .. 3 is done once for each cell, when a colour
+ * of the cell first needs it: a palette index, a missing branch (the
+ * nearest search decides), or the internal node at level 3 where the walk
+ * goes on. */
+#define OCTREE_TOP_UNMADE 0        /* node 0 is the root, never at level 3 */
 #define OCTREE_TOP_FOUND 0x8000u   /* | the palette index */
 #define OCTREE_TOP_MISSING 0x4000u /* otherwise: the node */
 
@@ -706,10 +708,9 @@ static inline int OctreeInsert(OctreeQuantizer *q, const uint8_t *c)
  * strictly nearer everywhere in the cube; so the answer, ties included,
  * is that of the search over all entries.  A cell's list is made when it
  * is first needed, in index order, into a pool with room for every entry in
- * every cell (only the lists made are ever touched).  Entries are listed as
- * their halved components and index in one word,
+ * as many cells as there are cells or pixels, whichever is fewer.  Entries
+ * are listed as their halved components and index in one word,
  * B | G << 8 | R << 16 | index << 24. */
-#define OCTREE_CANDIDATE_POOL (OCTREE_CELLS * PALETTE_ENTRIES)
 #define OCTREE_LIST_UNMADE 0xFFFFFFFFu /* else start << 9 | count */
 
 /* The mapping's state beside the tree: the palette made, its halved
@@ -724,7 +725,7 @@ typedef struct OctreeMap {
     uint32_t topColour[OCTREE_CELLS];    /* the colour of a found index */
     uint32_t lists[OCTREE_CELLS];
     uint32_t candidatesUsed;
-    uint32_t candidates[OCTREE_CANDIDATE_POOL];
+    uint32_t *candidates;                /* the pool (tracked) */
 } OctreeMap;
 
 /* The palette from the leaves: depth first, a node before its children. */
@@ -749,25 +750,37 @@ static void OctreePaletteWalk(OctreeQuantizer *q, uint16_t n, OctreeMap *map)
             OctreePaletteWalk(q, node->children[i], map);
 }
 
-/* The mapping's tables, once the palette is made. */
-static void OctreeMapInit(OctreeMap *map, const OctreeQuantizer *q)
+/* The mapping's tables, once the palette is made, for `pixels` pixels:
+ * 0, or -1 when the candidate pool cannot be had. */
+static int OctreeMapInit(OctreeMap *map, int64_t pixels)
 {
     for (int i = 0; i < PALETTE_ENTRIES; i++) {
         const uint8_t *p = map->palette[i];
         map->colour[i] = (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16;
         map->halved[i] = (map->colour[i] >> 1 & 0x7F7F7Fu) | (uint32_t)i << 24;
     }
-    for (uint32_t cell = 0; cell < OCTREE_CELLS; cell++) {
-        const uint8_t corner[3] = {(uint8_t)(cell >> 8 << 4), (uint8_t)((cell >> 4 & 15) << 4),
-                                   (uint8_t)((cell & 15) << 4)};
-        uint16_t node = OctreeTopNode(q, PathCode(corner));
-        map->top[cell] = node == OCTREE_NONE ? (uint16_t)OCTREE_TOP_MISSING
-                         : q->nodes[node].pixelCount ? (uint16_t)(OCTREE_TOP_FOUND | q->nodes[node].paletteIndex)
-                                                     : node;
-        map->topColour[cell] = map->colour[map->top[cell] & 0xFF];
-    }
+    memset(map->top, 0, sizeof map->top); /* OCTREE_TOP_UNMADE */
+    memset(map->topColour, 0, sizeof map->topColour);
     memset(map->lists, 0xFF, sizeof map->lists);
     map->candidatesUsed = 0;
+    size_t cells = pixels < OCTREE_CELLS ? (size_t)pixels : OCTREE_CELLS;
+    map->candidates = static_cast<uint32_t *>(ImgAllocTracked(cells * (size_t)map->entries * sizeof(uint32_t)));
+    return map->candidates ? 0 : IMG_ERR_MEMORY;
+}
+
+/* The outcome of the walk over levels 0 .. 3 for `cell` (its colour in
+ * topColour when it is an index). */
+static uint16_t OctreeTopEntry(const OctreeQuantizer *q, OctreeMap *map, uint32_t cell)
+{
+    const uint8_t corner[3] = {(uint8_t)(cell >> 8 << 4), (uint8_t)((cell >> 4 & 15) << 4),
+                               (uint8_t)((cell & 15) << 4)};
+    uint16_t node = OctreeTopNode(q, PathCode(corner));
+    if (node == OCTREE_NONE)
+        return OCTREE_TOP_MISSING;
+    if (!q->nodes[node].pixelCount)
+        return node;
+    map->topColour[cell] = map->colour[q->nodes[node].paletteIndex];
+    return (uint16_t)(OCTREE_TOP_FOUND | q->nodes[node].paletteIndex);
 }
 
 /* The squared distance of halved component `p` to the nearest and to the
@@ -827,11 +840,16 @@ static unsigned OctreeNearest(OctreeMap *map, const uint8_t *c, uint32_t cell)
     return best & 0xFF;
 }
 
-/* The palette index of a clamped colour whose cell does not settle it:
- * the walk on from the cell's node at level 3, else the nearest entry. */
+/* The palette index of a clamped colour whose cell's entry is not an index
+ * (or not made yet): the walk on from the cell's node at level 3, else the
+ * nearest entry. */
 static unsigned OctreeIndexBelow(const OctreeQuantizer *q, OctreeMap *map, const uint8_t *c,
                                  uint32_t cell, uint32_t top)
 {
+    if (top == OCTREE_TOP_UNMADE)
+        top = map->top[cell] = OctreeTopEntry(q, map, cell);
+    if (top & OCTREE_TOP_FOUND)
+        return top & 0xFF;
     if (top & OCTREE_TOP_MISSING)
         return OctreeNearest(map, c, cell);
     uint16_t node = OctreeWalkOn(q, (uint16_t)top, PathCode(c));
@@ -1005,7 +1023,9 @@ int32_t IMGAPI IMG_octree_color(int32_t handle, int32_t bits, const void *colour
             q->leafCount = 0;
             OctreePaletteWalk(q, 0, map);
             map->entries = q->leafCount;
-            OctreeMapInit(map, q);
+            result = OctreeMapInit(map, (int64_t)d->width * d->height);
+        }
+        if (result >= 0) {
             uint32_t made = (uint32_t)map->entries < roomEntries ? (uint32_t)map->entries : roomEntries;
             memcpy(room, map->palette, 4 * (size_t)made);
             result = OctreeMapRows(q, map, &s, bitmap, paletteBytes, stride, bits);
