@@ -3,8 +3,8 @@
  *
  * The encoder reads no file, but it runs over any row bytes and widths; the
  * input gives the width (1..4096, from its first 12 bits), the variant
- * (bit 12: framed, else lsbFirst), the height (1..64, bits 0-5 of the
- * third byte), the coder (bits 6-7: mode 2, mode 3, T.6) and the row bytes
+ * (bit 13: rows handed over as records, else bit 12: framed, else
+ * lsbFirst), the height (1..64, bits 0-5 of the third byte), the coder (bits 6-7: mode 2, mode 3, T.6) and the row bytes
  * (the rest, repeated as needed).  The rows are cut to 32 pixels a byte of
  * row data (4096 at least, one row always), so that a run's work follows its
  * input: the coder's buffer flush (at 10000 bytes of code) comes within reach
@@ -18,7 +18,10 @@
  *     a zero word; T.6 output is never empty;
  *   - with lsbFirst 1 each byte of modes 3 and 4 is the bit reverse of the
  *     lsbFirst 0 output, and mode 2 is unchanged;
- *   - the framed variant, its frames removed, is the plain output.
+ *   - the framed variant, its frames removed, is the plain output;
+ *   - rows handed over as records (hostile ones: positions out of order,
+ *     empty runs, beyond the width, with or without an end) code as their
+ *     expansions do.
  * ASan sees any read outside the row or write outside the buffers.
  */
 #include <stdint.h>
@@ -28,6 +31,7 @@
 
 #include "codecs/ccitt_encode.h"
 #include "core/imgio.h"
+#include "core/runs.h"
 #include "fuzz/fuzz_support.h"
 
 typedef struct {
@@ -65,18 +69,80 @@ FUZZ_NO_COVERAGE static uint8_t Reverse(uint8_t b)
     return r;
 }
 
+/* ---- rows as records ---- */
+
+typedef struct {
+    Rows rows;
+    int32_t width;
+    uint8_t *bytes;    /* the row bytes a record is made of */
+    uint16_t *record;  /* 1 + rowBytes + 1 words */
+} Records;
+
+/* Row r's record, made of its row bytes: each byte a step from the last
+ * position to the next (its low 5 bits, 0 making an empty run; a byte of
+ * 0xF0 or more steps back instead), ended by the width when the first byte
+ * is odd.  Its byte count; 0 when the first byte is 0xEE (no record). */
+FUZZ_NO_COVERAGE static uint32_t MakeRecord(Records *c, int rowIndex)
+{
+    int rowBytes = (c->width + 7) / 8;
+    RowSource(&c->rows, c->bytes, rowIndex, rowBytes);
+    if (c->bytes[0] == 0xEE)
+        return 0;
+    uint32_t n = 1;
+    int32_t position = 0;
+    for (int i = 0; i < rowBytes; i++) {
+        uint8_t b = c->bytes[i];
+        position += b >= 0xF0 ? -(b & 15) : b & 31;
+        position = position < 0 ? 0 : position > 65535 ? 65535 : position;
+        c->record[n++] = (uint16_t)position;
+    }
+    if (c->bytes[0] & 1)
+        c->record[n++] = (uint16_t)c->width;
+    c->record[0] = (uint16_t)(2 * n);
+    return 2 * n;
+}
+
+FUZZ_NO_COVERAGE static int ExpandedRows(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
+{
+    Records *c = static_cast<Records *>(context);
+    uint32_t bytes = MakeRecord(c, rowIndex);
+    RunExpandRow(c->record, bytes, c->width, buffer, (uint32_t)rowBytes);
+    return 0;
+}
+
+/* The same rows again, for the pair registered below (a different function). */
+FUZZ_NO_COVERAGE static int RecordRows(void *context, uint8_t *buffer, int rowIndex, int rowBytes)
+{
+    return ExpandedRows(context, buffer, rowIndex, rowBytes);
+}
+
+FUZZ_NO_COVERAGE static int HandOverRecord(void *context, int rowIndex, const uint16_t **record,
+                                           uint32_t *recordBytes)
+{
+    Records *c = static_cast<Records *>(context);
+    *recordBytes = MakeRecord(c, rowIndex);
+    *record = c->record;
+    return *recordBytes ? 1 : 0;
+}
+
 /* One encode into `out`; the byte count. */
-static size_t Encode(uint8_t *out, size_t capacity, const uint8_t *header, Rows *rows, int mode,
-                     int lsbFirst, int framed)
+static size_t EncodeFrom(uint8_t *out, size_t capacity, const uint8_t *header, ImgRowSource source,
+                         void *context, int mode, int lsbFirst, int framed)
 {
     ImgSetMemorySourceSized(out, (uint32_t)capacity);
-    int result = CcittEncodeFramed(IMG_MEMORY_HANDLE, header, RowSource, rows, lsbFirst, mode, framed);
+    int result = CcittEncodeFramed(IMG_MEMORY_HANDLE, header, source, context, lsbFirst, mode, framed);
     if (result != 0)
         Fail("encode failed");
     size_t n = ImgTell();
     if (n >= capacity)
         Fail("output beyond the bound");
     return n;
+}
+
+static size_t Encode(uint8_t *out, size_t capacity, const uint8_t *header, Rows *rows, int mode,
+                     int lsbFirst, int framed)
+{
+    return EncodeFrom(out, capacity, header, RowSource, rows, mode, lsbFirst, framed);
 }
 
 FUZZ_NO_COVERAGE static size_t Unframe(uint8_t *bytes, size_t n)
@@ -133,6 +199,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         Fail("empty T.6 output");
     if ((size_t)width * (size_t)height > 65536) {
         /* the plain coder only */
+    } else if (data[1] & 0x20) {
+        size_t rowBytes = (size_t)(width + 7) / 8;
+        uint8_t *bytes = static_cast<uint8_t *>(malloc(rowBytes));
+        uint16_t *record = static_cast<uint16_t *>(malloc((rowBytes + 2) * 2));
+        if (!bytes || !record)
+            Fail("no memory");
+        Records records = {rows, width, bytes, record};
+        RunSetRecordSource(RecordRows, HandOverRecord);
+        size_t m = EncodeFrom(a, capacity, header, RecordRows, &records, mode, 0, 0);
+        if (EncodeFrom(b, capacity, header, ExpandedRows, &records, mode, 0, 0) != m ||
+            memcmp(a, b, m) != 0)
+            Fail("records code otherwise than their expansions");
+        RunSetRecordSource(NULL, NULL);
+        free(bytes);
+        free(record);
     } else if (data[1] & 0x10) {
         size_t m = Encode(b, capacity + 4 * (capacity / 9000 + 2 * (size_t)height + 2), header, &rows, mode, 0, 1);
         if (Unframe(b, m) != n || memcmp(a, b, n) != 0)
