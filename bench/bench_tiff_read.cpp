@@ -12,13 +12,12 @@
  * libtiff's side reuses its buffer; for information also
  * IMG_decompress_bitmap_fd of every page into a new image, deleted again
  * (each page then also allocates and first touches its row store).
- * LZW, ours: TiffRead of the page through
- * a file handle with sinks that only add up what they are given (rows go
- * through the row adapter: predictor, R,G,B to B,G,R).  libtiff: TIFFOpen,
- * then per page TIFFSetDirectory and TIFFReadEncodedStrip of every strip
- * into a packed buffer.  Ours and libtiff taken in turn, the median of
- * several runs; the ratio (libtiff's time / ours) is printed.  No timing is
- * asserted.
+ * LZW, ours: TiffRead of the page through a file handle with sinks that only
+ * add up what they are given (rows go through the row adapter: predictor,
+ * R,G,B to B,G,R).  libtiff: TIFFOpen, then per page TIFFSetDirectory and
+ * TIFFReadEncodedStrip of every strip into a packed buffer.  Ours and
+ * libtiff taken in turn, the median of several runs; the ratio (libtiff's
+ * time / ours) is printed.  No timing is asserted.
  */
 #define _POSIX_C_SOURCE 200809L
 #include <stdint.h>
