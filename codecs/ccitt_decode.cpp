@@ -282,23 +282,6 @@ typedef struct Bits {
     uint32_t fast; /* reader.fastBits */
 } Bits;
 
-/* Reverses the bits of every byte: eight bytes at a time by swapping
- * neighbouring bits, pairs and nibbles, the rest by table. */
-static void ReverseBytes(uint8_t *p, uint32_t count)
-{
-    uint32_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        uint64_t v;
-        memcpy(&v, p + i, sizeof v);
-        v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
-        v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
-        v = (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
-        memcpy(p + i, &v, sizeof v);
-    }
-    for (; i < count; i++)
-        p[i] = kBitReversal[p[i]];
-}
-
 static void SetEnd(BitReader *r, uint32_t end)
 {
     r->end = end;
@@ -325,7 +308,7 @@ static void Refill(BitReader *r)
         if (got < CCITT_CHUNK - tail)
             r->sourceDone = 1;
         if (r->reverse)
-            ReverseBytes(r->buffer + tail, got);
+            ReverseBitsOfBytes(r->buffer + tail, got);
     }
     SetEnd(r, tail + got);
 }
@@ -487,7 +470,7 @@ static void StartReader(uint8_t *buffer, const CcittParameters *p, int handle, i
     } else {
         uint32_t bytes = p->codedBytes < MAX_CODED_BYTES ? p->codedBytes : MAX_CODED_BYTES;
         if (r->reverse)
-            ReverseBytes(buffer, bytes);
+            ReverseBitsOfBytes(buffer, bytes);
         SetEnd(r, bytes);
     }
 }

@@ -153,28 +153,6 @@ static inline uint32_t StoredWords(const CcittBits &b)
     return (b.bytes * 8 + (uint32_t)b.pending) / 16;
 }
 
-/* The bit order of each byte of v reversed: swapping neighbouring bits,
- * then pairs, then nibbles works within every byte at once. */
-static inline uint64_t ReverseBitsInBytes(uint64_t v)
-{
-    v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
-    v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
-    return (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
-}
-
-static void ReverseBitsOfBytes(uint8_t *bytes, uint32_t count)
-{
-    uint32_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        uint64_t v;
-        memcpy(&v, bytes + i, 8);
-        v = ReverseBitsInBytes(v);
-        memcpy(bytes + i, &v, 8);
-    }
-    for (; i < count; i++)
-        bytes[i] = kBitReversal[bytes[i]];
-}
-
 static int WriteAll(int handle, const uint8_t *bytes, uint32_t count)
 {
     return ImgWrite(handle, bytes, count) == (int32_t)count ? 0 : IMG_ERR_WRITE;

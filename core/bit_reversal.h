@@ -7,6 +7,7 @@
 #define TRNW_BIT_REVERSAL_H
 
 #include <stdint.h>
+#include <string.h>
 
 #include <array>
 
@@ -18,5 +19,29 @@ inline constexpr std::array<uint8_t, 256> kBitReversal = [] {
     return table;
 }();
 static_assert(kBitReversal[0x01] == 0x80 && kBitReversal[0xF0] == 0x0F && kBitReversal[0xA5] == 0xA5);
+
+/* The bit order of each byte of v reversed: swapping neighbouring bits,
+ * then pairs, then nibbles works within every byte at once. */
+inline uint64_t ReverseBitsInBytes(uint64_t v)
+{
+    v = (v >> 1 & 0x5555555555555555u) | (v & 0x5555555555555555u) << 1;
+    v = (v >> 2 & 0x3333333333333333u) | (v & 0x3333333333333333u) << 2;
+    return (v >> 4 & 0x0F0F0F0F0F0F0F0Fu) | (v & 0x0F0F0F0F0F0F0F0Fu) << 4;
+}
+
+/* Reverses the bit order of each of `count` bytes in place: eight bytes at
+ * a time, the rest by table. */
+inline void ReverseBitsOfBytes(uint8_t *bytes, uint32_t count)
+{
+    uint32_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        uint64_t v;
+        memcpy(&v, bytes + i, sizeof v);
+        v = ReverseBitsInBytes(v);
+        memcpy(bytes + i, &v, sizeof v);
+    }
+    for (; i < count; i++)
+        bytes[i] = kBitReversal[bytes[i]];
+}
 
 #endif /* TRNW_BIT_REVERSAL_H */

@@ -641,12 +641,6 @@ typedef struct TiffReadState {
     int sinkFailure;               /* the first negative row-sink result */
 } TiffReadState;
 
-static void ReverseBytes(uint8_t *p, uint32_t n)
-{
-    for (uint32_t i = 0; i < n; i++)
-        p[i] = kBitReversal[p[i]];
-}
-
 /* Predictor 2 (horizontal differencing) on an interleaved pixel row.  For 8,
  * 16 and 32 bits per sample each sample adds the same sample of the pixel to
  * its left (16 and 32 bits in the file's byte order, modulo 2^bits).  Other
@@ -931,7 +925,7 @@ static int ReadUncompressed(TiffReadState *s)
                     break;
                 }
                 if (s->reverseBits)
-                    ReverseBytes(buffer, n * rowBytes);
+                    ReverseBitsOfBytes(buffer, n * rowBytes);
                 uint32_t complete = ((uint32_t)got + rowBytes - 1) / rowBytes;
                 if (complete > n)
                     complete = n;
@@ -972,7 +966,7 @@ static int PackBitsEnsure(TiffReadState *s, PackBitsInput *in, uint32_t want)
     if (got == 0)
         return IMG_ERR_READ;
     if (s->reverseBits)
-        ReverseBytes(in->data + tail, (uint32_t)got);
+        ReverseBitsOfBytes(in->data + tail, (uint32_t)got);
     in->valid = tail + (uint32_t)got;
     if (in->valid < want)
         in->valid = want; /* the zeros behind a short read */
