@@ -452,14 +452,12 @@ typedef struct RowChanges {
 } RowChanges;
 
 /* Whether toggling the colour at each position below the width gives what
- * RunExpandRow draws: true when those positions do not decrease and the
- * expansion stops at the first one at or beyond the width (a start, or an
- * end followed by nothing below the width).  *count receives how many lie
- * below the width. */
+ * RunExpandRow draws, and how many lie below the width (*count).  Usually
+ * the words never fall from the first position to the last terminator
+ * (a zero-length run toggles twice, which draws nothing, as it should);
+ * any other record must be plain (RunPlainChangeCount). */
 static bool ChangesInOrder(const uint16_t *record, uint32_t words, int32_t width, uint32_t *count)
 {
-    /* Usually the words never fall from the first position to the last
-     * terminator: the changes are then the words below the width. */
     unsigned falls = 0;
     for (uint32_t k = 2; k < words; k++)
         falls |= record[k] < record[k - 1];
@@ -470,15 +468,9 @@ static bool ChangesInOrder(const uint16_t *record, uint32_t words, int32_t width
         *count = end - 1;
         return true;
     }
-    uint32_t i = 1;
-    while (i < words && (int32_t)record[i] < width) {
-        if (i > 1 && record[i] < record[i - 1])
-            return false;
-        i++;
-    }
-    *count = i - 1;
-    bool endBeyond = i < words && (i & 1) == 0; /* words 1, 3, ... start runs */
-    return !endBeyond || i + 1 >= words || (int32_t)record[i + 1] >= width;
+    int32_t plain = RunPlainChangeCount(record, words * 2, width);
+    *count = plain > 0 ? (uint32_t)plain : 0;
+    return plain >= 0;
 }
 
 /* The changes of a record out of order (overlapping or reversed runs, as a
