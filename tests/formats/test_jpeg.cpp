@@ -86,7 +86,7 @@ TEST_F(JpegWriter, EachDepthTakesItsWay)
         ImgTestFillAllocations(-1);
         Picture read = PictureOf(h);
         EXPECT_EQ(read.bits, c.readBits);
-        EXPECT_TRUE(read.PaddedWithZeros());
+        EXPECT_TRUE(read.PaddedWith(0));
         Raster expected = c.bits == 32 ? Smooth(63, 48, 24).Rgb() : p.Rgb();
         EXPECT_EQ(RasterDiff(read.Rgb(), expected, 12), 0);
         IMG_delete_bitmap(h);

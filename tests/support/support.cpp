@@ -245,11 +245,11 @@ int32_t ImageOf(const Picture &p)
     return handle;
 }
 
-bool Picture::PaddedWithZeros() const
+bool Picture::PaddedWith(int bit) const
 {
     for (const std::vector<uint8_t> &row : rows)
-        for (size_t bit = (size_t)width * (size_t)bits; bit < 8 * row.size(); bit++)
-            if (row[bit / 8] >> (7 - bit % 8) & 1)
+        for (size_t at = (size_t)width * (size_t)bits; at < 8 * row.size(); at++)
+            if ((row[at / 8] >> (7 - at % 8) & 1) != bit)
                 return false;
     return true;
 }

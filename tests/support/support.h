@@ -61,7 +61,7 @@ struct Picture {
     std::vector<uint8_t> palette;           // RGBQUADs (B,G,R,0), 2^bits of them below 24 bits
     std::vector<std::vector<uint8_t>> rows; // top first, DIB stride bytes (B,G,R at 24 bits)
     Raster Rgb() const;
-    bool PaddedWithZeros() const; // every row's bits past its last pixel, up to the stride
+    bool PaddedWith(int bit) const; // every row's bits past its last pixel, up to the stride
 };
 // A picture with a pattern: bilevel runs of both colours with some noise,
 // colour (or grey ramp) palettes with varied indices, 24-bit gradients.
