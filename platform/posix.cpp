@@ -25,8 +25,9 @@
 #endif
 
 typedef struct {
-    void *pointer; /* NULL: empty slot */
-    size_t size;
+    void *pointer;   /* NULL: empty slot */
+    size_t size;     /* the size asked for: what PlatformBlockSize reports */
+    size_t capacity; /* the bytes malloc gave (more when reused from the cache) */
 } BlockEntry;
 
 static BlockEntry *blockTable;
@@ -54,13 +55,14 @@ static BlockEntry *BlockFind(const void *pointer)
     }
 }
 
-static void BlockInsertRaw(void *pointer, size_t size)
+static void BlockInsertRaw(void *pointer, size_t size, size_t capacity)
 {
     size_t i = BlockSlot(pointer);
     while (blockTable[i].pointer)
         i = (i + 1) & (blockCapacity - 1);
     blockTable[i].pointer = pointer;
     blockTable[i].size = size;
+    blockTable[i].capacity = capacity;
 }
 
 static int BlockGrow(void)
@@ -75,16 +77,16 @@ static int BlockGrow(void)
     blockCapacity = capacity;
     for (size_t i = 0; i < oldCapacity; i++)
         if (old[i].pointer)
-            BlockInsertRaw(old[i].pointer, old[i].size);
+            BlockInsertRaw(old[i].pointer, old[i].size, old[i].capacity);
     free(old);
     return 0;
 }
 
-static int BlockInsert(void *pointer, size_t size)
+static int BlockInsert(void *pointer, size_t size, size_t capacity)
 {
     if ((blockCount + 1) * 2 > blockCapacity && BlockGrow() < 0)
         return -1;
-    BlockInsertRaw(pointer, size);
+    BlockInsertRaw(pointer, size, capacity);
     blockCount++;
     return 0;
 }
@@ -107,13 +109,86 @@ static void BlockRemove(BlockEntry *entry)
     blockCount--;
 }
 
+/* ---- freed large blocks kept for reuse ----
+ * A batch allocates and frees the same large blocks page after page: run
+ * stores, pixel blocks, working rows.  malloc gives memory of that size back
+ * to the system on free, and every 4 KB page of it then costs a fault when
+ * the next block touches it again (several microseconds each in a virtual
+ * machine: more than decoding a fax page's codes).  So the last few large
+ * blocks freed are kept and handed out again for a request they fit.  Under
+ * AddressSanitizer nothing is kept, so that a use after free is still seen. */
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TRNW_ADDRESS_SANITIZER 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(TRNW_ADDRESS_SANITIZER)
+#define CACHE_SLOTS 0
+#else
+#define CACHE_SLOTS 8
+#endif
+#define CACHE_MIN_BYTES ((size_t)128 << 10)
+#define CACHE_MAX_BYTES ((size_t)32 << 20) /* all cached blocks together */
+#define CACHE_MAX_SLACK 16                 /* a block serves requests down to 1/16 of it */
+
+typedef struct {
+    void *pointer;
+    size_t capacity;
+} CachedBlock;
+
+static CachedBlock cache[CACHE_SLOTS + 1]; /* oldest first */
+static int cacheCount;
+static size_t cacheBytes;
+
+static bool Fits(size_t capacity, size_t size)
+{
+    return size <= capacity && capacity / CACHE_MAX_SLACK <= size;
+}
+
+/* Takes the smallest cached block that fits `size`; NULL when none does. */
+static void *CacheTake(size_t size, size_t *capacity)
+{
+    int best = -1;
+    if (size < CACHE_MIN_BYTES)
+        return NULL;
+    for (int i = 0; i < cacheCount; i++)
+        if (Fits(cache[i].capacity, size) && (best < 0 || cache[i].capacity < cache[best].capacity))
+            best = i;
+    if (best < 0)
+        return NULL;
+    void *pointer = cache[best].pointer;
+    *capacity = cache[best].capacity;
+    cacheBytes -= *capacity;
+    cacheCount--;
+    memmove(&cache[best], &cache[best + 1], (size_t)(cacheCount - best) * sizeof cache[0]);
+    return pointer;
+}
+
+/* Keeps a freed block, giving back the oldest ones beyond the budget. */
+static void CacheKeep(void *pointer, size_t capacity)
+{
+    if (CACHE_SLOTS == 0 || capacity < CACHE_MIN_BYTES || capacity > CACHE_MAX_BYTES) {
+        free(pointer);
+        return;
+    }
+    cache[cacheCount++] = CachedBlock{pointer, capacity};
+    cacheBytes += capacity;
+    while (cacheCount > CACHE_SLOTS || cacheBytes > CACHE_MAX_BYTES) {
+        free(cache[0].pointer);
+        cacheBytes -= cache[0].capacity;
+        cacheCount--;
+        memmove(&cache[0], &cache[1], (size_t)cacheCount * sizeof cache[0]);
+    }
+}
+
 void *PlatformAlloc(size_t size)
 {
-    void *pointer = malloc(size ? size : 1);
-    if (!pointer)
+    size_t capacity = size ? size : 1;
+    void *pointer = CacheTake(size, &capacity);
+    if (!pointer && !(pointer = malloc(capacity)))
         return NULL;
-    if (BlockInsert(pointer, size) < 0) {
-        free(pointer);
+    if (BlockInsert(pointer, size, capacity) < 0) {
+        CacheKeep(pointer, capacity);
         return NULL;
     }
     return pointer;
@@ -126,15 +201,20 @@ void *PlatformRealloc(void *pointer, size_t size)
     BlockEntry *entry = BlockFind(pointer);
     if (!entry)
         return NULL; /* not a block of this layer: it cannot be resized */
-    void *moved = realloc(pointer, size ? size : 1);
-    if (!moved)
-        return NULL;
-    if (moved == pointer) {
+    if (Fits(entry->capacity, size)) {
         entry->size = size;
-        return moved;
+        return pointer;
+    }
+    size_t capacity = size ? size : 1;
+    void *moved = CacheTake(size, &capacity);
+    if (moved) {
+        memcpy(moved, pointer, entry->size < size ? entry->size : size);
+        CacheKeep(pointer, entry->capacity);
+    } else if (!(moved = realloc(pointer, capacity))) {
+        return NULL;
     }
     BlockRemove(entry);
-    BlockInsertRaw(moved, size); /* the slot just freed guarantees room */
+    BlockInsertRaw(moved, size, capacity); /* the slot just freed guarantees room */
     blockCount++;
     return moved;
 }
@@ -144,8 +224,9 @@ void PlatformFree(void *pointer)
     BlockEntry *entry = BlockFind(pointer);
     if (!entry)
         return;
+    size_t capacity = entry->capacity;
     BlockRemove(entry);
-    free(pointer);
+    CacheKeep(pointer, capacity);
 }
 
 size_t PlatformBlockSize(const void *pointer)

@@ -3,6 +3,7 @@
  * observed through a seek from its end and ImgTell(). */
 #include "support/support.h"
 
+#include <algorithm>
 #include <cctype>
 #include <tuple>
 
@@ -103,6 +104,37 @@ TEST_F(Io, MemoryImageReadsStopAtTheImageSize)
 // The caller's functions get the same arguments for every handle, the memory
 // image and real files alike, and their results come back unchanged; the
 // memory image and the file are left alone.
+// Freed large blocks are handed out again.  Whatever memory a block gets, the
+// memory image sees the size asked for, and a resize keeps the contents up to
+// the smaller size: in place, into a kept block, or through realloc.
+TEST_F(Io, ReusedBlocksKeepTheAskedSizeAndTheContents)
+{
+    std::vector<uint8_t> pattern = Pattern(6u << 20);
+    ImgFree(ImgAlloc(4u << 20));
+    size_t filled = 300u << 10;
+    uint8_t *p = static_cast<uint8_t *>(ImgAlloc(filled));
+    ASSERT_NE(p, nullptr);
+    std::memcpy(p, pattern.data(), filled);
+    const struct {
+        size_t size;
+        bool freeLargeFirst;
+    } steps[] = {{2u << 20, false}, {6u << 20, true}, {100, false}, {5u << 20, false}};
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.size);
+        if (step.freeLargeFirst)
+            ImgFree(ImgAlloc(8u << 20));
+        p = static_cast<uint8_t *>(ImgRealloc(p, step.size));
+        ASSERT_NE(p, nullptr);
+        ImgSetMemorySource(p);
+        EXPECT_EQ(MemoryImageSize(), step.size);
+        size_t kept = std::min(filled, step.size);
+        EXPECT_EQ(std::memcmp(p, pattern.data(), kept), 0);
+        std::memcpy(p, pattern.data(), step.size);
+        filled = step.size;
+    }
+    ImgFree(p);
+}
+
 TEST_F(CallerIo, CallsGoToTheCallerWithTheirArgumentsForEveryHandle)
 {
     std::vector<uint8_t> data = Pattern(100);
