@@ -10,10 +10,12 @@
  *           picture, as blue, green, red (png_set_bgr), the order we hold.
  *
  * Each side frees its previous picture as it makes the next.  The sides
- * run in turn, first in new memory (every picture's block mapped afresh:
- * both pay the first touch of 9 MB, which on some virtual machines costs as
- * much as the decoding), then in memory reused from the runs before (the
- * decoders' own work, and the figure of the summary); see BenchSetMemory.
+ * run in turn, first in new memory (malloc maps every large block afresh:
+ * libpng's picture pays the first touch of 9 MB, which on some virtual
+ * machines costs as much as the decoding, while the library serves its
+ * blocks from the large blocks it keeps after a free), then in memory
+ * reused from the runs before (the decoders' own work, and the figure of
+ * the summary); see BenchSetMemory.
  * The ratios are libpng's median time over ours (1: the pipeline costs
  * nothing beside libpng's decoding).  The last decodings are compared row by
  * row.  No timing is asserted.
