@@ -32,31 +32,6 @@ constexpr int WIDTH = 2000, HEIGHT = 1500, RUNS = 9;
 constexpr size_t PIXELS = (size_t)WIDTH * HEIGHT;
 constexpr uint32_t FILE_ROOM = 8u << 20;
 
-/* The photograph as a bottom-up 24-bit DIB in a block of the library's. */
-static uint8_t *MakePhotograph(void)
-{
-    uint32_t stride = WIDTH * 3;
-    uint8_t *dib = static_cast<uint8_t *>(ImgAlloc(40 + (size_t)stride * HEIGHT));
-    if (!dib)
-        return NULL;
-    memset(dib, 0, 40);
-    PutLE32(dib, 40), PutLE32(dib + 4, WIDTH), PutLE32(dib + 8, HEIGHT);
-    PutLE16(dib + 12, 1), PutLE16(dib + 14, 24);
-    uint32_t seed = 12345;
-    for (int y = 0; y < HEIGHT; y++)
-        for (int x = 0; x < WIDTH; x++)
-            for (int c = 0; c < 3; c++) {
-                int cx = x - 700 - 200 * c, cy = y - 600;
-                int v = 60 + (int)((uint32_t)(cx * cx + cy * cy) / 9000 % 150) + (x / 16 + y / 24) % 30;
-                if (BenchRandom(&seed) % 4 == 0)
-                    v += (int)(BenchRandom(&seed) % 5) - 2;
-                /* B, G, R; rows bottom-up */
-                dib[40 + (size_t)(HEIGHT - 1 - y) * stride + (size_t)x * 3 + (2 - c)] =
-                    (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v);
-            }
-    return dib;
-}
-
 /* ---- the 256-colour picture, top row first ---- */
 
 struct Picture {
@@ -184,7 +159,7 @@ static void Report(const char *what, double ours, double theirs)
 
 int main(void)
 {
-    uint8_t *photo = MakePhotograph();
+    uint8_t *photo = BenchPhotographDib(WIDTH, HEIGHT);
     int32_t handle = photo ? IMG_create_handle_keep(photo) : -1;
     if (handle < 0 || IMG_mediancut_color(handle) < 0) {
         fprintf(stderr, "bench_gif: cannot make the picture\n");

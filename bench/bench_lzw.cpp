@@ -38,20 +38,14 @@
 constexpr int WIDTH = 2000, HEIGHT = 1500, ROW_BYTES = WIDTH * 3, RUNS = 9;
 #define PICTURE_BYTES ((size_t)ROW_BYTES * HEIGHT)
 
-static uint32_t seed = 12345;
-/* A smooth, slowly varying picture with a little noise, R,G,B: LZW gains
- * about as little on it as on a typical photograph. */
+/* The photograph-like picture, R, G, B, top row first. */
 static void MakePicture(uint8_t *rgb)
 {
+    uint32_t seed = 12345;
     for (int y = 0; y < HEIGHT; y++)
         for (int x = 0; x < WIDTH; x++)
-            for (int c = 0; c < 3; c++) {
-                int cx = x - 700 - 200 * c, cy = y - 600;
-                int v = 60 + (int)((uint32_t)(cx * cx + cy * cy) / 9000 % 150) + (x / 16 + y / 24) % 30;
-                if (BenchRandom(&seed) % 4 == 0) /* sensor noise on a quarter of the samples */
-                    v += (int)(BenchRandom(&seed) % 5) - 2;
-                rgb[(size_t)y * ROW_BYTES + (size_t)x * 3 + c] = (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v);
-            }
+            for (int c = 0; c < 3; c++)
+                rgb[(size_t)y * ROW_BYTES + (size_t)x * 3 + c] = BenchPhotographSample(x, y, c, &seed);
 }
 
 /* ---- libtiff over memory ---- */

@@ -36,29 +36,6 @@ constexpr int WIDTH = 2000, HEIGHT = 1500, RUNS = 11;
 constexpr size_t ROW = (size_t)WIDTH * 3;
 constexpr uint32_t FILE_ROOM = 16u << 20;
 
-/* The photograph as a bottom-up 24-bit DIB in a block of the library's. */
-static uint8_t *MakePhotograph(void)
-{
-    uint8_t *dib = static_cast<uint8_t *>(ImgAlloc(40 + ROW * HEIGHT));
-    if (!dib)
-        return NULL;
-    memset(dib, 0, 40);
-    PutLE32(dib, 40), PutLE32(dib + 4, WIDTH), PutLE32(dib + 8, HEIGHT);
-    PutLE16(dib + 12, 1), PutLE16(dib + 14, 24);
-    uint32_t seed = 12345;
-    for (int y = 0; y < HEIGHT; y++)
-        for (int x = 0; x < WIDTH; x++)
-            for (int c = 0; c < 3; c++) {
-                int cx = x - 700 - 200 * c, cy = y - 600;
-                int v = 60 + (int)((uint32_t)(cx * cx + cy * cy) / 9000 % 150) + (x / 16 + y / 24) % 30;
-                if (BenchRandom(&seed) % 4 == 0)
-                    v += (int)(BenchRandom(&seed) % 5) - 2;
-                dib[40 + (size_t)(HEIGHT - 1 - y) * ROW + (size_t)x * 3 + (2 - c)] =
-                    (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v);
-            }
-    return dib;
-}
-
 struct Memory {
     const uint8_t *data;
     size_t size, position;
@@ -131,7 +108,7 @@ static bool Same(const Decodes &d)
 
 int main(void)
 {
-    uint8_t *photo = MakePhotograph();
+    uint8_t *photo = BenchPhotographDib(WIDTH, HEIGHT);
     int32_t handle = photo ? IMG_create_handle_keep(photo) : -1;
     uint8_t *file = static_cast<uint8_t *>(malloc(FILE_ROOM));
     int32_t size = handle >= 0 && file ? IMG_save_bitmap_mem_size(handle, file, FILE_ROOM, IMG_TYPE_PNG) : -1;
