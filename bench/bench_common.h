@@ -21,6 +21,7 @@
 #endif
 
 #include "core/bytes.h"
+#include "core/dib.h"
 #include "core/imgapi.h"
 #include "core/imgio.h"
 
@@ -112,6 +113,41 @@ static inline uint32_t BenchRandom(uint32_t *seed)
 {
     *seed = *seed * 1103515245u + 12345u;
     return *seed >> 8;
+}
+
+/* ---- DIBs ---- */
+
+/* A packed DIB of the library's, `w` x `h` at `bits`, rows zeroed, palette
+ * black (entry 1 white at 1 bit), `pixelsPerMeter` both ways; *size (when
+ * not NULL) receives the block's size.  NULL when there is no memory. */
+static inline uint8_t *BenchNewDib(int32_t w, int32_t h, int bits, int32_t pixelsPerMeter, uint32_t *size)
+{
+    uint32_t stride = (uint32_t)DibStride((uint32_t)w, bits);
+    uint32_t bytes = DIB_HEADER_SIZE + DibPaletteSize(bits) + stride * (uint32_t)h;
+    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(bytes));
+    if (!block)
+        return NULL;
+    memset(block, 0, bytes);
+    BITMAPINFOHEADER header = {};
+    header.biSize = 40;
+    header.biWidth = w;
+    header.biHeight = h;
+    header.biPlanes = 1;
+    header.biBitCount = (uint16_t)bits;
+    header.biSizeImage = stride * (uint32_t)h;
+    header.biXPelsPerMeter = header.biYPelsPerMeter = pixelsPerMeter;
+    memcpy(block, &header, sizeof header);
+    if (bits == 1)
+        memset(block + DIB_HEADER_SIZE + 4, 0xFF, 3);
+    if (size)
+        *size = bytes;
+    return block;
+}
+
+/* Row `r` (0 the top) of a bottom-up DIB made by BenchNewDib. */
+static inline uint8_t *BenchDibRow(uint8_t *dib, int32_t w, int32_t h, int bits, int32_t r)
+{
+    return dib + DIB_HEADER_SIZE + DibPaletteSize(bits) + (size_t)(h - 1 - r) * DibStride((uint32_t)w, bits);
 }
 
 /* ---- the photograph-like picture ---- */

@@ -25,38 +25,11 @@
 
 constexpr int PAGE_W = 2550, PAGE_H = 3300, PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 15, MAGICK_RUNS = 5;
 
-/* A packed DIB of ours with zero rows (entry 1 white at 1 bit). */
-static uint8_t *NewDib(int32_t w, int32_t h, int bits)
-{
-    uint32_t stride = (uint32_t)DibStride((uint32_t)w, bits), palette = DibPaletteSize(bits);
-    uint32_t size = DIB_HEADER_SIZE + palette + stride * (uint32_t)h;
-    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(size));
-    if (!block)
-        return NULL;
-    memset(block, 0, size);
-    BITMAPINFOHEADER header = {};
-    header.biSize = 40;
-    header.biWidth = w;
-    header.biHeight = h;
-    header.biPlanes = 1;
-    header.biBitCount = (uint16_t)bits;
-    header.biSizeImage = stride * (uint32_t)h;
-    memcpy(block, &header, sizeof header);
-    if (bits == 1)
-        memset(block + DIB_HEADER_SIZE + 4, 0xFF, 3);
-    return block;
-}
-
-static uint8_t *DibRow(uint8_t *dib, int32_t w, int32_t h, int bits, int32_t r)
-{
-    return dib + DIB_HEADER_SIZE + DibPaletteSize(bits) + (size_t)(h - 1 - r) * DibStride((uint32_t)w, bits);
-}
-
 /* bench_common.h's text page, 1 = white as the library holds pages, and
  * the same page as PBM (1 = black). */
 static uint8_t *TextPage(const char *pbm)
 {
-    uint8_t *dib = NewDib(PAGE_W, PAGE_H, 1);
+    uint8_t *dib = BenchNewDib(PAGE_W, PAGE_H, 1, 0, NULL);
     int stride = (PAGE_W + 7) / 8;
     uint8_t *rows = static_cast<uint8_t *>(malloc((size_t)stride * PAGE_H));
     FILE *f = fopen(pbm, "wb");
@@ -72,7 +45,7 @@ static uint8_t *TextPage(const char *pbm)
     fwrite(rows, 1, (size_t)stride * PAGE_H, f);
     fclose(f);
     for (int32_t r = 0; r < PAGE_H; r++) {
-        uint8_t *row = DibRow(dib, PAGE_W, PAGE_H, 1, r);
+        uint8_t *row = BenchDibRow(dib, PAGE_W, PAGE_H, 1, r);
         for (int i = 0; i < stride; i++)
             row[i] = (uint8_t)~rows[(size_t)r * stride + i];
     }
@@ -83,7 +56,7 @@ static uint8_t *TextPage(const char *pbm)
 /* A smooth picture with some noise, and the same as PPM. */
 static uint8_t *Photo(const char *ppm)
 {
-    uint8_t *dib = NewDib(PHOTO_W, PHOTO_H, 24);
+    uint8_t *dib = BenchNewDib(PHOTO_W, PHOTO_H, 24, 0, NULL);
     FILE *f = fopen(ppm, "wb");
     uint8_t *line = static_cast<uint8_t *>(malloc((size_t)PHOTO_W * 3));
     if (!dib || !f || !line) {
@@ -95,7 +68,7 @@ static uint8_t *Photo(const char *ppm)
     uint32_t seed = 99;
     fprintf(f, "P6\n%d %d\n255\n", PHOTO_W, PHOTO_H);
     for (int32_t y = 0; y < PHOTO_H; y++) {
-        uint8_t *row = DibRow(dib, PHOTO_W, PHOTO_H, 24, y);
+        uint8_t *row = BenchDibRow(dib, PHOTO_W, PHOTO_H, 24, y);
         for (int32_t x = 0; x < PHOTO_W; x++) {
             row[3 * x] = (uint8_t)(x * 255 / PHOTO_W);
             row[3 * x + 1] = (uint8_t)(y * 255 / PHOTO_H);

@@ -37,26 +37,6 @@ constexpr int PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 9, MAGICK_COLORS_RUNS = 3;
 static const char magick[] = "/usr/bin/convert";
 
 static uint32_t seed = 2024;
-static uint8_t *NewDib(int32_t w, int32_t h, uint32_t *size)
-{
-    uint32_t stride = (uint32_t)DibStride((uint32_t)w, 24);
-    *size = DIB_HEADER_SIZE + stride * (uint32_t)h;
-    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(*size));
-    if (!block)
-        return NULL;
-    memset(block, 0, *size);
-    BITMAPINFOHEADER header = {};
-    header.biSize = 40;
-    header.biWidth = w;
-    header.biHeight = h;
-    header.biPlanes = 1;
-    header.biBitCount = 24;
-    header.biSizeImage = stride * (uint32_t)h;
-    header.biXPelsPerMeter = header.biYPelsPerMeter = 96;
-    memcpy(block, &header, sizeof header);
-    return block;
-}
-
 static uint8_t Byte(double v)
 {
     return (uint8_t)(v < 0 ? 0 : v > 255 ? 255 : v + 0.5);
@@ -65,7 +45,7 @@ static uint8_t Byte(double v)
 /* A sky-to-ground gradient, a few soft coloured discs and bars, and grain. */
 static uint8_t *Photo(uint32_t *size)
 {
-    uint8_t *dib = NewDib(PHOTO_W, PHOTO_H, size);
+    uint8_t *dib = BenchNewDib(PHOTO_W, PHOTO_H, 24, 96, size);
     if (!dib)
         return NULL;
     struct { double x, y, r, cr, cg, cb; } discs[12];
@@ -156,7 +136,7 @@ int main(void)
     snprintf(out, sizeof out, "%s/bench_palette_out.bmp", tmp);
 
     uint32_t photoSize, tinySize;
-    uint8_t *photo = Photo(&photoSize), *one = NewDib(1, 1, &tinySize);
+    uint8_t *photo = Photo(&photoSize), *one = BenchNewDib(1, 1, 24, 96, &tinySize);
     if (!photo || !one || SaveBmp(photo, photoSize, in) < 0 || SaveBmp(one, tinySize, tiny) < 0) {
         fprintf(stderr, "bench_palette: cannot make the pictures\n");
         return 1;

@@ -34,40 +34,13 @@
 constexpr int PAGE_W = 2550, PAGE_H = 3300, PHOTO_W = 2000, PHOTO_H = 1500, RUNS = 9, VIPS_RUNS = 9;
 
 static uint32_t seed = 12345;
+
 /* ---- the pictures, as packed DIBs in blocks of ours ---- */
-
-static uint8_t *NewDib(int32_t w, int32_t h, int bits, uint32_t *size)
-{
-    uint32_t stride = (uint32_t)DibStride((uint32_t)w, bits), palette = DibPaletteSize(bits);
-    *size = DIB_HEADER_SIZE + palette + stride * (uint32_t)h;
-    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(*size));
-    if (!block)
-        return NULL;
-    memset(block, 0, *size);
-    BITMAPINFOHEADER header = {};
-    header.biSize = 40;
-    header.biWidth = w;
-    header.biHeight = h;
-    header.biPlanes = 1;
-    header.biBitCount = (uint16_t)bits;
-    header.biSizeImage = stride * (uint32_t)h;
-    memcpy(block, &header, sizeof header);
-    if (bits == 1)
-        memset(block + DIB_HEADER_SIZE + 4, 0xFF, 3); /* entry 1 white */
-    return block;
-}
-
-/* Row r from the top of a DIB. */
-static uint8_t *DibRow(uint8_t *dib, int32_t w, int32_t h, int bits, int32_t r)
-{
-    uint32_t stride = (uint32_t)DibStride((uint32_t)w, bits);
-    return dib + DIB_HEADER_SIZE + DibPaletteSize(bits) + (size_t)(h - 1 - r) * stride;
-}
 
 /* bench_common.h's text page as a 1-bit DIB (bit 1 white). */
 static uint8_t *FaxPage(uint32_t *size)
 {
-    uint8_t *dib = NewDib(PAGE_W, PAGE_H, 1, size);
+    uint8_t *dib = BenchNewDib(PAGE_W, PAGE_H, 1, 0, size);
     int stride = (PAGE_W + 7) / 8;
     uint8_t *rows = static_cast<uint8_t *>(malloc((size_t)stride * PAGE_H));
     if (!dib || !rows) {
@@ -77,7 +50,7 @@ static uint8_t *FaxPage(uint32_t *size)
     BenchPage text = {rows, PAGE_W, PAGE_H, stride};
     BenchTextPage(&text, 12345);
     for (int32_t r = 0; r < PAGE_H; r++) {
-        uint8_t *row = DibRow(dib, PAGE_W, PAGE_H, 1, r);
+        uint8_t *row = BenchDibRow(dib, PAGE_W, PAGE_H, 1, r);
         memset(row, 0xFF, (size_t)DibStride(PAGE_W, 1));
         for (int i = 0; i < stride; i++)
             row[i] = (uint8_t)~rows[(size_t)r * stride + i];
@@ -88,11 +61,11 @@ static uint8_t *FaxPage(uint32_t *size)
 
 static uint8_t *Photo(uint32_t *size)
 {
-    uint8_t *dib = NewDib(PHOTO_W, PHOTO_H, 24, size);
+    uint8_t *dib = BenchNewDib(PHOTO_W, PHOTO_H, 24, 0, size);
     if (!dib)
         return NULL;
     for (int32_t y = 0; y < PHOTO_H; y++) {
-        uint8_t *row = DibRow(dib, PHOTO_W, PHOTO_H, 24, y);
+        uint8_t *row = BenchDibRow(dib, PHOTO_W, PHOTO_H, 24, y);
         for (int32_t x = 0; x < PHOTO_W; x++) {
             row[3 * x] = (uint8_t)(x * 255 / PHOTO_W);
             row[3 * x + 1] = (uint8_t)(y * 255 / PHOTO_H);
@@ -112,7 +85,7 @@ static int WriteNetpbm(const char *path, uint8_t *dib, int32_t w, int32_t h, int
     size_t rowBytes = bits == 1 ? ((size_t)w + 7) / 8 : (size_t)w * 3;
     uint8_t *out = static_cast<uint8_t *>(malloc(rowBytes));
     for (int32_t y = 0; out && y < h; y++) {
-        const uint8_t *row = DibRow(dib, w, h, bits, y);
+        const uint8_t *row = BenchDibRow(dib, w, h, bits, y);
         for (size_t i = 0; i < rowBytes; i++)
             out[i] = bits == 1 ? (uint8_t)~row[i] : row[i - i % 3 + 2 - i % 3]; /* BGR to RGB */
         fwrite(out, 1, rowBytes, f);

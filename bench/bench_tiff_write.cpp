@@ -58,25 +58,11 @@ static int32_t PackedRows(void *context, uint8_t *buffer, int32_t rowIndex, int3
 /* A 1-bit DIB of the page (entry 0 black, entry 1 white), bottom row first. */
 static int32_t PackedHandle(const Bench *b)
 {
-    uint32_t stride = DibStride(PAGE_W, 1);
-    uint32_t size = DIB_HEADER_SIZE + 8 + stride * PAGE_H;
-    uint8_t *block = static_cast<uint8_t *>(ImgAlloc(size));
+    uint8_t *block = BenchNewDib(PAGE_W, PAGE_H, 1, 300, NULL);
     if (!block)
         return -1;
-    memset(block, 0, size);
-    BITMAPINFOHEADER h = {};
-    h.biSize = 40;
-    h.biWidth = PAGE_W;
-    h.biHeight = PAGE_H;
-    h.biPlanes = 1;
-    h.biBitCount = 1;
-    h.biSizeImage = stride * PAGE_H;
-    h.biXPelsPerMeter = h.biYPelsPerMeter = 300;
-    memcpy(block, &h, sizeof h);
-    memset(block + DIB_HEADER_SIZE + 4, 255, 3);
     for (int y = 0; y < PAGE_H; y++)
-        memcpy(block + DIB_HEADER_SIZE + 8 + (size_t)(PAGE_H - 1 - y) * stride,
-               b->white1 + (size_t)y * ROW_BYTES, ROW_BYTES);
+        memcpy(BenchDibRow(block, PAGE_W, PAGE_H, 1, y), b->white1 + (size_t)y * ROW_BYTES, ROW_BYTES);
     return IMG_create_handle_keep(block);
 }
 
