@@ -110,13 +110,9 @@ static TIFF *MemOpen(MemTiff *m, const char *mode)
                           MemSize, MemMap, MemUnmap);
 }
 
-/* libtiff writes the picture as one LZW strip; the time of the strip write. */
-static double LibtiffEncode(const uint8_t *rgb, MemTiff *m)
+/* The fields of the picture as an RGB LZW TIFF, strips aside. */
+static void SetRgbLzwFields(TIFF *t)
 {
-    m->size = 0;
-    TIFF *t = MemOpen(m, "w");
-    if (!t)
-        return -1;
     TIFFSetField(t, TIFFTAG_IMAGEWIDTH, WIDTH);
     TIFFSetField(t, TIFFTAG_IMAGELENGTH, HEIGHT);
     TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
@@ -124,6 +120,16 @@ static double LibtiffEncode(const uint8_t *rgb, MemTiff *m)
     TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
     TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
     TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+}
+
+/* libtiff writes the picture as one LZW strip; the time of the strip write. */
+static double LibtiffEncode(const uint8_t *rgb, MemTiff *m)
+{
+    m->size = 0;
+    TIFF *t = MemOpen(m, "w");
+    if (!t)
+        return -1;
+    SetRgbLzwFields(t);
     TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, HEIGHT);
     double t0 = BenchNow();
     tsize_t r = TIFFWriteEncodedStrip(t, 0, (void *)rgb, (tsize_t)PICTURE_BYTES);
@@ -214,13 +220,7 @@ static int WriteTiffcpLikeFile(const char *path, const uint8_t *rgb)
     TIFF *t = TIFFOpen(path, "w");
     if (!t)
         return -1;
-    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, WIDTH);
-    TIFFSetField(t, TIFFTAG_IMAGELENGTH, HEIGHT);
-    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
-    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 3);
-    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-    TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+    SetRgbLzwFields(t);
     TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
     int bad = 0;
     for (int y = 0; y < HEIGHT && !bad; y++)
