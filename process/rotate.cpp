@@ -536,14 +536,22 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
     return 0;
 }
 
+/* The pixels a change at bit offset k of a word flips: k .. 63, the mask
+ * ~0 >> k.  A word's pixels are the xor of its changes' masks with the
+ * colour it starts with, and as every mask has bit 0 set, that bit of the
+ * xor tells whether the colour ends flipped. */
+static inline uint64_t FlipsFrom(uint32_t offset)
+{
+    return ~0ull >> (offset % 64);
+}
+
 /* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
  * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
- * left (FromLeft) or from the right.  The colour toggles at each change: the
- * toggles are set as bits in `toggles` (all 0 on entry and on return) and
- * summed from the left by xor, starting from the colour after the changes
- * left of x0. */
+ * left (FromLeft) or from the right.  The flips of each change are xored
+ * into `flips` (all 0 on entry and on return), then carried from word to
+ * word, starting from the colour after the changes left of x0. */
 template <bool FromLeft>
-static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *toggles,
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *flips,
                         uint64_t *out, size_t stride)
 {
     const uint16_t *at = row->at;
@@ -554,28 +562,21 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *to
         before = i;
         for (; i < row->count && at[i] < x1; i++) {
             uint32_t offset = (uint32_t)(at[i] - x0);
-            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
+            flips[offset / 64] ^= FlipsFrom(offset);
         }
         row->cursor = i;
     } else {
         uint32_t i = row->cursor;
         for (; i > 0 && at[i - 1] >= x0; i--) {
             uint32_t offset = (uint32_t)(at[i - 1] - x0);
-            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
+            flips[offset / 64] ^= FlipsFrom(offset);
         }
         row->cursor = before = i;
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
     for (int32_t w = 0; w < words; w++) {
-        uint64_t t = toggles[w];
-        toggles[w] = 0;
-        t ^= t >> 1;
-        t ^= t >> 2;
-        t ^= t >> 4;
-        t ^= t >> 8;
-        t ^= t >> 16;
-        t ^= t >> 32;
-        t ^= black;
+        uint64_t t = flips[w] ^ black;
+        flips[w] = 0;
         out[(size_t)w * stride] = ~t;
         black = (t & 1) ? ~0ull : 0;
     }
@@ -628,7 +629,7 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
     uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc(chunkBytes));
     uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * 64 * 8));
     uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(d->height)));
-    uint64_t toggles[CHUNK_WORDS] = {};
+    uint64_t flips[CHUNK_WORDS] = {};
     int result = chunk && rows && record ? 0 : IMG_ERR_MEMORY;
     for (int32_t r = 0; r < d->height; r++)
         changes[r].cursor = Clockwise ? 0 : changes[r].count;
@@ -638,7 +639,7 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
         int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
         /* The chunk word by word: word w of every old row, top row first. */
         for (int32_t r = 0; r < d->height; r++)
-            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, toggles, chunk + r,
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, flips, chunk + r,
                                    (size_t)d->height);
         for (int32_t n = 0; result == 0 && n < words; n++) {
             int32_t w = Clockwise ? n : words - 1 - n;
