@@ -545,13 +545,21 @@ static inline uint64_t FlipsFrom(uint32_t offset)
     return ~0ull >> (offset % 64);
 }
 
+/* The flips of the rows of a chunk, word by word: `sum` has every row's
+ * flips xored in as they come, `seen` the sum as it was when the row before
+ * was done, so that a row's own flips are sum ^ seen (clearing the words
+ * instead would cost a call to memset for each row). */
+typedef struct ChunkFlips {
+    uint64_t sum[CHUNK_WORDS], seen[CHUNK_WORDS];
+} ChunkFlips;
+
 /* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
  * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
  * left (FromLeft) or from the right.  The flips of each change are xored
- * into `flips` (all 0 on entry and on return), then carried from word to
- * word, starting from the colour after the changes left of x0. */
+ * into `flips`, then carried from word to word, starting from the colour
+ * after the changes left of x0. */
 template <bool FromLeft>
-static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *flips,
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, ChunkFlips *flips,
                         uint64_t *out, size_t stride)
 {
     const uint16_t *at = row->at;
@@ -562,21 +570,21 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *fl
         before = i;
         for (; i < row->count && at[i] < x1; i++) {
             uint32_t offset = (uint32_t)(at[i] - x0);
-            flips[offset / 64] ^= FlipsFrom(offset);
+            flips->sum[offset / 64] ^= FlipsFrom(offset);
         }
         row->cursor = i;
     } else {
         uint32_t i = row->cursor;
         for (; i > 0 && at[i - 1] >= x0; i--) {
             uint32_t offset = (uint32_t)(at[i - 1] - x0);
-            flips[offset / 64] ^= FlipsFrom(offset);
+            flips->sum[offset / 64] ^= FlipsFrom(offset);
         }
         row->cursor = before = i;
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
     for (int32_t w = 0; w < words; w++) {
-        uint64_t t = flips[w] ^ black;
-        flips[w] = 0;
+        uint64_t t = flips->sum[w] ^ flips->seen[w] ^ black;
+        flips->seen[w] = flips->sum[w];
         out[(size_t)w * stride] = ~t;
         black = (t & 1) ? ~0ull : 0;
     }
@@ -612,6 +620,24 @@ static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows
     }
 }
 
+/* Codes new row t from its changes and appends it to the store.  While the
+ * store has room for the longest record the row could have, the record is
+ * coded in place, which is what RunStoreAppend would leave (it grows the
+ * store only for a record that passes its end); otherwise it goes through
+ * `record` and RunStoreAppend. */
+static int AppendTurnedRow(ImgDescriptor *store, uint32_t offset, int32_t t,
+                           const uint64_t *changes, uint16_t *record)
+{
+    uint32_t start = store->rowIndex[t];
+    if ((uint64_t)offset + start + RunRecordMaxBytes(store->width) <= store->dibSize) {
+        uint16_t *place = reinterpret_cast<uint16_t *>(store->dib + offset + start);
+        store->rowIndex[t + 1] = start + (uint32_t)RunEncodeChanges(changes, store->width, place);
+        return 0;
+    }
+    int bytes = RunEncodeChanges(changes, store->width, record);
+    return RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0);
+}
+
 /* Builds the turned rows from the change positions, a chunk of columns at a
  * time (never the whole page expanded), and codes them in order: clockwise,
  * new row t is old column t, pixel c the old row height - 1 - c;
@@ -629,7 +655,8 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
     uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc(chunkBytes));
     uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * 64 * 8));
     uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(d->height)));
-    uint64_t flips[CHUNK_WORDS] = {};
+    ChunkFlips flips = {};
+    uint32_t offset = ImgDescriptorBitsOffset(store);
     int result = chunk && rows && record ? 0 : IMG_ERR_MEMORY;
     for (int32_t r = 0; r < d->height; r++)
         changes[r].cursor = Clockwise ? 0 : changes[r].count;
@@ -639,7 +666,7 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
         int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
         /* The chunk word by word: word w of every old row, top row first. */
         for (int32_t r = 0; r < d->height; r++)
-            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, flips, chunk + r,
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, &flips, chunk + r,
                                    (size_t)d->height);
         for (int32_t n = 0; result == 0 && n < words; n++) {
             int32_t w = Clockwise ? n : words - 1 - n;
@@ -652,8 +679,8 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
                 int32_t t = Clockwise ? x0 + i : d->width - 1 - (x0 + i);
                 if ((result = ImgReportProgress(d->width)) < 0)
                     break;
-                int bytes = RunEncodeChanges(rows + (size_t)i * rowWords, d->height, record);
-                if ((result = RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0)) < 0)
+                result = AppendTurnedRow(store, offset, t, rows + (size_t)i * rowWords, record);
+                if (result < 0)
                     break;
             }
         }
