@@ -439,7 +439,7 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 /* The pixels of a coded page are expanded a chunk of columns at a time, for
  * every row; a chunk's words stay within this budget (second-level cache),
  * at most CHUNK_WORDS words of 64 columns a row. */
-#define CHUNK_BUDGET_WORDS 32768
+#define CHUNK_BUDGET_WORDS 262144
 #define CHUNK_WORDS 64
 
 /* The colour changes of one coded row below the width, in increasing
@@ -545,6 +545,12 @@ static inline uint64_t FlipsFrom(uint32_t offset)
     return ~0ull >> (offset % 64);
 }
 
+/* Xors the flips of a change at bit `offset` of the chunk into its word. */
+static inline void AddFlips(uint64_t *sum, uint32_t offset)
+{
+    sum[offset / 64] ^= FlipsFrom(offset);
+}
+
 /* The flips of the rows of a chunk, word by word: `sum` has every row's
  * flips xored in as they come, `seen` the sum as it was when the row before
  * was done, so that a row's own flips are sum ^ seen (clearing the words
@@ -559,26 +565,31 @@ typedef struct ChunkFlips {
  * into `flips`, then carried from word to word, starting from the colour
  * after the changes left of x0. */
 template <bool FromLeft>
-static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, ChunkFlips *flips,
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, ChunkFlips *flips,
                         uint64_t *out, size_t stride)
 {
     const uint16_t *at = row->at;
+    uint64_t *sum = flips->sum;
     uint32_t before; /* changes left of x0 */
     if (FromLeft) {
         int32_t x1 = x0 + 64 * words;
         uint32_t i = row->cursor;
         before = i;
-        for (; i < row->count && at[i] < x1; i++) {
-            uint32_t offset = (uint32_t)(at[i] - x0);
-            flips->sum[offset / 64] ^= FlipsFrom(offset);
-        }
+        if (last) /* every change left is in the chunk */
+            for (; i < row->count; i++)
+                AddFlips(sum, (uint32_t)(at[i] - x0));
+        else
+            for (; i < row->count && at[i] < x1; i++)
+                AddFlips(sum, (uint32_t)(at[i] - x0));
         row->cursor = i;
     } else {
         uint32_t i = row->cursor;
-        for (; i > 0 && at[i - 1] >= x0; i--) {
-            uint32_t offset = (uint32_t)(at[i - 1] - x0);
-            flips->sum[offset / 64] ^= FlipsFrom(offset);
-        }
+        if (last)
+            for (; i > 0; i--)
+                AddFlips(sum, (uint32_t)(at[i - 1] - x0));
+        else
+            for (; i > 0 && at[i - 1] >= x0; i--)
+                AddFlips(sum, (uint32_t)(at[i - 1] - x0));
         row->cursor = before = i;
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
@@ -666,8 +677,8 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
         int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
         /* The chunk word by word: word w of every old row, top row first. */
         for (int32_t r = 0; r < d->height; r++)
-            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, &flips, chunk + r,
-                                   (size_t)d->height);
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, q + 1 == chunks, &flips,
+                                   chunk + r, (size_t)d->height);
         for (int32_t n = 0; result == 0 && n < words; n++) {
             int32_t w = Clockwise ? n : words - 1 - n;
             const uint64_t *column = chunk + (size_t)w * (size_t)d->height;
