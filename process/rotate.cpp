@@ -545,31 +545,34 @@ static inline uint64_t FlipsFrom(uint32_t offset)
     return ~0ull >> (offset % 64);
 }
 
-/* Xors the flips of a change at bit `offset` of the chunk into its word. */
-static inline void AddFlips(uint64_t *sum, uint32_t offset)
-{
-    sum[offset / 64] ^= FlipsFrom(offset);
-}
-
-/* The flips of the rows of a chunk, word by word: `sum` has every row's
- * flips xored in as they come, `seen` the sum as it was when the row before
- * was done, so that a row's own flips are sum ^ seen (clearing the words
- * instead would cost a call to memset for each row). */
+/* The flips of a row's changes in a chunk, word by word, without reading a
+ * word back for each change: the changes come in order, so a running xor
+ * of their flips is stored into the word of each change, leaving in each
+ * word the running xor up to its last change; `row` marks the words the
+ * current row wrote (a serial number per row and chunk). */
 typedef struct ChunkFlips {
-    uint64_t sum[CHUNK_WORDS], seen[CHUNK_WORDS];
+    uint64_t sum[CHUNK_WORDS];
+    uint32_t row[CHUNK_WORDS];
+    uint32_t serial;
 } ChunkFlips;
+
+static inline void AddFlips(ChunkFlips *flips, uint64_t *sum, uint32_t offset)
+{
+    *sum ^= FlipsFrom(offset);
+    flips->sum[offset / 64] = *sum;
+    flips->row[offset / 64] = flips->serial;
+}
 
 /* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
  * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
- * left (FromLeft) or from the right.  The flips of each change are xored
- * into `flips`, then carried from word to word, starting from the colour
- * after the changes left of x0. */
+ * left (FromLeft) or from the right. */
 template <bool FromLeft>
 static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, ChunkFlips *flips,
                         uint64_t *out, size_t stride)
 {
     const uint16_t *at = row->at;
-    uint64_t *sum = flips->sum;
+    uint32_t serial = ++flips->serial;
+    uint64_t sum = 0;
     uint32_t before; /* changes left of x0 */
     if (FromLeft) {
         int32_t x1 = x0 + 64 * words;
@@ -577,27 +580,40 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
         before = i;
         if (last) /* every change left is in the chunk */
             for (; i < row->count; i++)
-                AddFlips(sum, (uint32_t)(at[i] - x0));
+                AddFlips(flips, &sum, (uint32_t)(at[i] - x0));
         else
             for (; i < row->count && at[i] < x1; i++)
-                AddFlips(sum, (uint32_t)(at[i] - x0));
+                AddFlips(flips, &sum, (uint32_t)(at[i] - x0));
         row->cursor = i;
     } else {
         uint32_t i = row->cursor;
         if (last)
             for (; i > 0; i--)
-                AddFlips(sum, (uint32_t)(at[i - 1] - x0));
+                AddFlips(flips, &sum, (uint32_t)(at[i - 1] - x0));
         else
             for (; i > 0 && at[i - 1] >= x0; i--)
-                AddFlips(sum, (uint32_t)(at[i - 1] - x0));
+                AddFlips(flips, &sum, (uint32_t)(at[i - 1] - x0));
         row->cursor = before = i;
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
-    for (int32_t w = 0; w < words; w++) {
-        uint64_t t = flips->sum[w] ^ flips->seen[w] ^ black;
-        flips->seen[w] = flips->sum[w];
-        out[(size_t)w * stride] = ~t;
-        black = (t & 1) ? ~0ull : 0;
+    if (FromLeft) {
+        /* S(w): the xor of the flips of the changes in words up to w. */
+        uint64_t left = 0;
+        for (int32_t w = 0; w < words; w++) {
+            uint64_t upTo = flips->row[w] == serial ? flips->sum[w] : left;
+            uint64_t t = black ^ (0 - (left & 1)) ^ upTo ^ left;
+            out[(size_t)w * stride] = ~t;
+            left = upTo;
+        }
+    } else {
+        /* R(w): the xor of the flips of the changes in words from w on; sum is R(0). */
+        uint64_t right = 0;
+        for (int32_t w = words - 1; w >= 0; w--) {
+            uint64_t from = flips->row[w] == serial ? flips->sum[w] : right;
+            uint64_t t = black ^ (0 - ((sum ^ from) & 1)) ^ from ^ right;
+            out[(size_t)w * stride] = ~t;
+            right = from;
+        }
     }
 }
 
