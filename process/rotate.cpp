@@ -618,13 +618,11 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
 }
 
 /* The changes of the 64 new rows of one word column of an expanded chunk
- * (`column`: that word of each old row, top row first): rows[i] of
- * `rowWords` words is old column i of the word, bit c % 64 of word c / 64
- * set where its pixel c differs from pixel c - 1 (pixel -1 white); pixel c
- * is the old row height - 1 - c (clockwise) or c.  64 x 64 blocks are
- * turned at a time, their rows put in from the bottom so that pixel c lands
- * in bit c % 64. */
-template <bool Clockwise>
+ * (`column`: that word of each old row in the order of the new pixels):
+ * rows[i] of `rowWords` words is old column i of the word, bit c % 64 of
+ * word c / 64 set where its pixel c differs from pixel c - 1 (pixel -1
+ * white).  64 x 64 blocks are turned at a time, their rows put in from the
+ * bottom so that pixel c lands in bit c % 64. */
 static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows, size_t rowWords)
 {
     uint64_t above = ~0ull; /* the pixels of the row before, all white at first */
@@ -635,7 +633,7 @@ static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows
             int32_t c = c0 + k;
             uint64_t pixels = ~0ull;
             if (c < height)
-                pixels = column[Clockwise ? height - 1 - c : c];
+                pixels = column[c];
             block[63 - k] = pixels ^ above;
             any |= block[63 - k];
             above = pixels;
@@ -691,14 +689,16 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
     for (int32_t q = 0; result == 0 && q < chunks; q++) {
         int32_t w0 = chunkWords * (Clockwise ? q : chunks - 1 - q);
         int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
-        /* The chunk word by word: word w of every old row, top row first. */
+        /* The chunk word by word: word w of every old row, in the order of
+         * the new pixels (clockwise bottom row first). */
         for (int32_t r = 0; r < d->height; r++)
             ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, q + 1 == chunks, &flips,
-                                   chunk + r, (size_t)d->height);
+                                   chunk + (Clockwise ? d->height - 1 - r : r),
+                                   (size_t)d->height);
         for (int32_t n = 0; result == 0 && n < words; n++) {
             int32_t w = Clockwise ? n : words - 1 - n;
             const uint64_t *column = chunk + (size_t)w * (size_t)d->height;
-            TurnChunkWord<Clockwise>(column, d->height, rows, rowWords);
+            TurnChunkWord(column, d->height, rows, rowWords);
             int32_t x0 = 64 * (w0 + w);
             int32_t count = d->width - x0 < 64 ? d->width - x0 : 64;
             for (int32_t m = 0; m < count; m++) {
