@@ -163,31 +163,51 @@ static int ReportRows(int32_t count, int32_t total)
     return 0;
 }
 
-/* One step of Transpose64: in each pair of J x J blocks off the diagonal
- * (rows k .. k + J - 1, bits of `mask`, and rows k + J .. k + 2J - 1, the
- * bits J places higher) the two blocks trade places. */
-template <int J>
-static inline void TransposeStep(uint64_t a[64], uint64_t mask)
+/* One step of a 64 x 64 bit transposition on eight of its rows, x[0] ..
+ * x[7], rows that lie D apart in the matrix: in each pair of J x J blocks
+ * off the diagonal (rows J * D apart, bits of `mask` and the bits J places
+ * higher) the two blocks trade places.  With D = 8 and J = 32, 16, 8 on
+ * every eighth row, then D = 1 and J = 4, 2, 1 on eight neighbours, the
+ * steps of the transposition of Hacker's Delight (transpose32 widened) are
+ * done in two passes, each row in a register for three steps. */
+template <int J, int D>
+static inline void TransposeStep(uint64_t x[8], uint64_t mask)
 {
-    for (int k = 0; k < 64; k += 2 * J)
-        for (int l = k; l < k + J; l++) {
-            uint64_t t = (a[l] ^ (a[l + J] >> J)) & mask;
-            a[l] ^= t;
-            a[l + J] ^= t << J;
+    for (int k = 0; k < 8; k += 2 * (J / D))
+        for (int l = k; l < k + J / D; l++) {
+            uint64_t t = (x[l] ^ (x[l + J / D] >> J)) & mask;
+            x[l] ^= t;
+            x[l + J / D] ^= t << J;
         }
 }
 
-/* Transposes a 64 x 64 bit matrix by swapping ever smaller blocks (Hacker's
- * Delight, transpose32 widened): on entry bit 63 - i of a[k] is element
- * (k, i), on return bit 63 - k of a[i]. */
-static void Transpose64(uint64_t a[64])
+/* Transposes a 64 x 64 bit matrix whose row k is in(k): bit 63 - i of
+ * in(k) is element (k, i); out(i, word) receives the word whose bit 63 - k
+ * is that element. */
+template <class In, class Out>
+static inline void Transpose64(In in, Out out)
 {
-    TransposeStep<32>(a, 0x00000000FFFFFFFFull);
-    TransposeStep<16>(a, 0x0000FFFF0000FFFFull);
-    TransposeStep<8>(a, 0x00FF00FF00FF00FFull);
-    TransposeStep<4>(a, 0x0F0F0F0F0F0F0F0Full);
-    TransposeStep<2>(a, 0x3333333333333333ull);
-    TransposeStep<1>(a, 0x5555555555555555ull);
+    uint64_t half[64];
+    for (int l = 0; l < 8; l++) {
+        uint64_t x[8];
+        for (int k = 0; k < 8; k++)
+            x[k] = in(l + 8 * k);
+        TransposeStep<32, 8>(x, 0x00000000FFFFFFFFull);
+        TransposeStep<16, 8>(x, 0x0000FFFF0000FFFFull);
+        TransposeStep<8, 8>(x, 0x00FF00FF00FF00FFull);
+        for (int k = 0; k < 8; k++)
+            half[l + 8 * k] = x[k];
+    }
+    for (int g = 0; g < 64; g += 8) {
+        uint64_t x[8];
+        for (int k = 0; k < 8; k++)
+            x[k] = half[g + k];
+        TransposeStep<4, 1>(x, 0x0F0F0F0F0F0F0F0Full);
+        TransposeStep<2, 1>(x, 0x3333333333333333ull);
+        TransposeStep<1, 1>(x, 0x5555555555555555ull);
+        for (int k = 0; k < 8; k++)
+            out(g + k, x[k]);
+    }
 }
 
 /* Up to 8 bytes as a word, the first byte most significant; missing bytes
@@ -342,7 +362,7 @@ static void TurnBitBand(const PlainTurn &turn, const Raster *target, int32_t x0)
             block[k] = r0 + k < turn.height
                            ? LoadBits(turn.RowStart(r0 + k) + column, sourceBytes - column)
                            : 0;
-        Transpose64(block);
+        Transpose64([&](int k) { return block[k]; }, [&](int i, uint64_t word) { block[i] = word; });
         size_t at = (size_t)r0 / 8;
         for (int32_t i = 0; i < count; i++) {
             int32_t j = turn.clockwise ? turn.width - 1 - (x0 + i) : x0 + i;
@@ -621,27 +641,25 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
  * (`column`: that word of each old row in the order of the new pixels):
  * rows[i] of `rowWords` words is old column i of the word, bit c % 64 of
  * word c / 64 set where its pixel c differs from pixel c - 1 (pixel -1
- * white).  64 x 64 blocks are turned at a time, their rows put in from the
- * bottom so that pixel c lands in bit c % 64. */
+ * white).  64 x 64 blocks are turned at a time, their rows taken from the
+ * bottom so that pixel c lands in bit c % 64; the pixels of a block are
+ * read straight from the column, with the one before it, except at the
+ * column's ends, whose blocks are copied with white around them. */
 static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows, size_t rowWords)
 {
-    uint64_t above = ~0ull; /* the pixels of the row before, all white at first */
     for (int32_t c0 = 0; c0 < height; c0 += 64) {
-        uint64_t block[64];
-        uint64_t any = 0;
-        for (int k = 0; k < 64; k++) {
-            int32_t c = c0 + k;
-            uint64_t pixels = ~0ull;
-            if (c < height)
-                pixels = column[c];
-            block[63 - k] = pixels ^ above;
-            any |= block[63 - k];
-            above = pixels;
-        }
-        if (any) /* a block without changes is its own transpose */
-            Transpose64(block);
-        for (int i = 0; i < 64; i++)
-            rows[(size_t)i * rowWords + (size_t)c0 / 64] = block[i];
+        uint64_t edge[65];
+        const uint64_t *pixels = edge; /* pixels[k]: pixel c0 + k - 1 */
+        if (c0 > 0 && height - c0 >= 64)
+            pixels = column + c0 - 1;
+        else
+            for (int k = 0; k < 65; k++) {
+                int32_t c = c0 + k - 1;
+                edge[k] = c >= 0 && c < height ? column[c] : ~0ull;
+            }
+        size_t at = (size_t)c0 / 64;
+        Transpose64([&](int j) { return pixels[64 - j] ^ pixels[63 - j]; },
+                    [&](int i, uint64_t word) { rows[(size_t)i * rowWords + at] = word; });
     }
 }
 
