@@ -163,13 +163,13 @@ static int ReportRows(int32_t count, int32_t total)
     return 0;
 }
 
-/* One step of a 64 x 64 bit transposition on eight of its rows, x[0] ..
- * x[7], rows that lie D apart in the matrix: in each pair of J x J blocks
- * off the diagonal (rows J * D apart, bits of `mask` and the bits J places
- * higher) the two blocks trade places.  With D = 8 and J = 32, 16, 8 on
- * every eighth row, then D = 1 and J = 4, 2, 1 on eight neighbours, the
- * steps of the transposition of Hacker's Delight (transpose32 widened) are
- * done in two passes, each row in a register for three steps. */
+/* One step of a 64 x 64 bit transposition (Hacker's Delight, transpose32
+ * widened) on eight of its rows, x[0] .. x[7], rows D apart: in each pair
+ * of J x J blocks off the diagonal (rows J apart, J / D apart in x; bits of
+ * `mask` and the bits J places higher) the two blocks trade places.  The
+ * steps J = 32, 16, 8 pair only rows 8 apart and J = 4, 2, 1 only rows of
+ * one group of eight, so the transposition is done in two passes, three
+ * steps on eight rows held in registers at a time. */
 template <int J, int D>
 static inline void TransposeStep(uint64_t x[8], uint64_t mask)
 {
@@ -187,7 +187,7 @@ static inline void TransposeStep(uint64_t x[8], uint64_t mask)
 template <class In, class Out>
 static inline void Transpose64(In in, Out out)
 {
-    uint64_t half[64];
+    uint64_t between[64]; /* the matrix after the first pass */
     for (int l = 0; l < 8; l++) {
         uint64_t x[8];
         for (int k = 0; k < 8; k++)
@@ -196,12 +196,12 @@ static inline void Transpose64(In in, Out out)
         TransposeStep<16, 8>(x, 0x0000FFFF0000FFFFull);
         TransposeStep<8, 8>(x, 0x00FF00FF00FF00FFull);
         for (int k = 0; k < 8; k++)
-            half[l + 8 * k] = x[k];
+            between[l + 8 * k] = x[k];
     }
     for (int g = 0; g < 64; g += 8) {
         uint64_t x[8];
         for (int k = 0; k < 8; k++)
-            x[k] = half[g + k];
+            x[k] = between[g + k];
         TransposeStep<4, 1>(x, 0x0F0F0F0F0F0F0F0Full);
         TransposeStep<2, 1>(x, 0x3333333333333333ull);
         TransposeStep<1, 1>(x, 0x5555555555555555ull);
@@ -457,8 +457,9 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 /* ---- quarter turn of coded rows ---- */
 
 /* The pixels of a coded page are expanded a chunk of columns at a time, for
- * every row; a chunk's words stay within this budget (second-level cache),
- * at most CHUNK_WORDS words of 64 columns a row. */
+ * every row; a chunk's words stay within this budget (2 MiB, a fax page in
+ * one chunk, so that each row's changes are read in one go), at most
+ * CHUNK_WORDS words of 64 columns a row. */
 #define CHUNK_BUDGET_WORDS 262144
 #define CHUNK_WORDS 64
 
@@ -557,19 +558,19 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
 }
 
 /* The pixels a change at bit offset k of a word flips: k .. 63, the mask
- * ~0 >> k.  A word's pixels are the xor of its changes' masks with the
- * colour it starts with, and as every mask has bit 0 set, that bit of the
- * xor tells whether the colour ends flipped. */
+ * ~0 >> k.  A word's pixels are the colour it starts with xor the masks of
+ * its changes; as every mask has bit 0 set, bit 0 of a xor of masks tells
+ * whether their count is odd. */
 static inline uint64_t FlipsFrom(uint32_t offset)
 {
     return ~0ull >> (offset % 64);
 }
 
-/* The flips of a row's changes in a chunk, word by word, without reading a
- * word back for each change: the changes come in order, so a running xor
- * of their flips is stored into the word of each change, leaving in each
- * word the running xor up to its last change; `row` marks the words the
- * current row wrote (a serial number per row and chunk). */
+/* The flips of a row's changes in a chunk, word by word.  The changes come
+ * in order, so a running xor of their masks is stored into the word of each
+ * change (no word is read back, as a xor into it would), leaving in each
+ * word the running xor up to its last change; `row` tells which words the
+ * row at hand wrote (a serial number for each row of each chunk). */
 typedef struct ChunkFlips {
     uint64_t sum[CHUNK_WORDS];
     uint32_t row[CHUNK_WORDS];
@@ -585,7 +586,10 @@ static inline void AddFlips(ChunkFlips *flips, uint64_t *sum, uint32_t offset)
 
 /* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
  * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
- * left (FromLeft) or from the right. */
+ * left (FromLeft) or from the right; `last` when no chunk follows, so that
+ * every change not read yet lies in this one.  Word w starts with the
+ * colour after the changes left of x0, flipped once for each change in the
+ * chunk left of the word. */
 template <bool FromLeft>
 static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, ChunkFlips *flips,
                         uint64_t *out, size_t stride)
@@ -598,7 +602,7 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
         int32_t x1 = x0 + 64 * words;
         uint32_t i = row->cursor;
         before = i;
-        if (last) /* every change left is in the chunk */
+        if (last)
             for (; i < row->count; i++)
                 AddFlips(flips, &sum, (uint32_t)(at[i] - x0));
         else
@@ -617,22 +621,22 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
     if (FromLeft) {
-        /* S(w): the xor of the flips of the changes in words up to w. */
-        uint64_t left = 0;
+        uint64_t previous = 0; /* the running xor up to the word before w */
         for (int32_t w = 0; w < words; w++) {
-            uint64_t upTo = flips->row[w] == serial ? flips->sum[w] : left;
-            uint64_t t = black ^ (0 - (left & 1)) ^ upTo ^ left;
-            out[(size_t)w * stride] = ~t;
-            left = upTo;
+            uint64_t upTo = flips->row[w] == serial ? flips->sum[w] : previous;
+            uint64_t start = black ^ (0 - (previous & 1));
+            out[(size_t)w * stride] = ~(start ^ previous ^ upTo);
+            previous = upTo;
         }
     } else {
-        /* R(w): the xor of the flips of the changes in words from w on; sum is R(0). */
-        uint64_t right = 0;
+        /* From the right the running xor covers word w and the words right
+         * of it; `sum` covers the whole chunk. */
+        uint64_t following = 0; /* the running xor from the word after w */
         for (int32_t w = words - 1; w >= 0; w--) {
-            uint64_t from = flips->row[w] == serial ? flips->sum[w] : right;
-            uint64_t t = black ^ (0 - ((sum ^ from) & 1)) ^ from ^ right;
-            out[(size_t)w * stride] = ~t;
-            right = from;
+            uint64_t from = flips->row[w] == serial ? flips->sum[w] : following;
+            uint64_t start = black ^ (0 - ((sum ^ from) & 1));
+            out[(size_t)w * stride] = ~(start ^ from ^ following);
+            following = from;
         }
     }
 }
