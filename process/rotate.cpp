@@ -569,11 +569,11 @@ static inline uint64_t FlipsFrom(uint32_t offset)
 /* The flips of a row's changes in a chunk, word by word.  The changes come
  * in order, so a running xor of their masks is stored into the word of each
  * change (no word is read back, as a xor into it would), leaving in each
- * word the running xor up to its last change; `row` tells which words the
- * row at hand wrote (a serial number for each row of each chunk). */
+ * word the running xor up to its last change; `writtenBy` tells which words
+ * the row at hand wrote (a serial number for each row of each chunk). */
 typedef struct ChunkFlips {
     uint64_t sum[CHUNK_WORDS];
-    uint32_t row[CHUNK_WORDS];
+    uint32_t writtenBy[CHUNK_WORDS];
     uint32_t serial;
 } ChunkFlips;
 
@@ -581,7 +581,7 @@ static inline void AddFlips(ChunkFlips *flips, uint64_t *sum, uint32_t offset)
 {
     *sum ^= FlipsFrom(offset);
     flips->sum[offset / 64] = *sum;
-    flips->row[offset / 64] = flips->serial;
+    flips->writtenBy[offset / 64] = flips->serial;
 }
 
 /* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
@@ -623,7 +623,7 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
     if (FromLeft) {
         uint64_t previous = 0; /* the running xor up to the word before w */
         for (int32_t w = 0; w < words; w++) {
-            uint64_t upTo = flips->row[w] == serial ? flips->sum[w] : previous;
+            uint64_t upTo = flips->writtenBy[w] == serial ? flips->sum[w] : previous;
             uint64_t start = black ^ (0 - (previous & 1));
             out[(size_t)w * stride] = ~(start ^ previous ^ upTo);
             previous = upTo;
@@ -633,7 +633,7 @@ static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, C
          * of it; `sum` covers the whole chunk. */
         uint64_t following = 0; /* the running xor from the word after w */
         for (int32_t w = words - 1; w >= 0; w--) {
-            uint64_t from = flips->row[w] == serial ? flips->sum[w] : following;
+            uint64_t from = flips->writtenBy[w] == serial ? flips->sum[w] : following;
             uint64_t start = black ^ (0 - ((sum ^ from) & 1));
             out[(size_t)w * stride] = ~(start ^ from ^ following);
             following = from;
