@@ -98,36 +98,35 @@ done:
     return FinishRecord(record, out, width);
 }
 
-/* Writes base + k for each bit k set in `bits` (bits 0 .. 31 only), lowest
- * first, and returns the end.  Rows of a turned page have a few changes in
- * most words, so the first three steps take no branch: each writes a
- * position and moves on only if a bit was there (a step past the last bit
- * writes where the next position or terminator will go; bit 32 keeps the
- * count of trailing zeros defined). */
-static uint16_t *WriteChangeBits(uint16_t *out, uint64_t bits, uint32_t base)
+/* Writes base + k for each bit k set in `bits`, lowest first, at out[n],
+ * out[n + 1], ... and returns the new count n.  Rows of a turned page have
+ * a few changes in most words, so the first six steps take no branch: each
+ * writes a position and counts it only if a bit was there (a step past the
+ * last bit writes where the next position or terminator will go).  Bit 63
+ * is or-ed into the search so that it never meets an empty word (a word
+ * whose lowest bit is 63 gives 63 either way). */
+static size_t WriteChangeBits(uint16_t *out, size_t n, uint64_t bits, uint32_t base)
 {
-    for (int step = 0; step < 3; step++) {
-        *out = (uint16_t)(base + (uint32_t)std::countr_zero(bits | (uint64_t)1 << 32));
-        out += bits != 0;
+    for (int step = 0; step < 6; step++) {
+        out[n] = (uint16_t)(base + (uint32_t)std::countr_zero(bits | (uint64_t)1 << 63));
+        n += bits != 0;
         bits &= bits - 1;
     }
     for (; bits; bits &= bits - 1)
-        *out++ = (uint16_t)(base + (uint32_t)std::countr_zero(bits));
-    return out;
+        out[n++] = (uint16_t)(base + (uint32_t)std::countr_zero(bits));
+    return n;
 }
 
 int RunEncodeChanges(const uint64_t *changes, int32_t width, uint16_t *record)
 {
-    uint16_t *out = record + 1;
-    size_t count = ((size_t)width + 63) / 64;
+    size_t count = ((size_t)width + 63) / 64, n = 0;
     for (size_t i = 0; i < count; i++) {
         uint64_t word = changes[i];
         if (i + 1 == count && width % 64 != 0)
             word &= ((uint64_t)1 << (width % 64)) - 1; /* bits beyond the width */
-        out = WriteChangeBits(out, word & 0xFFFFFFFFu, (uint32_t)i * 64);
-        out = WriteChangeBits(out, word >> 32, (uint32_t)i * 64 + 32);
+        n = WriteChangeBits(record + 1, n, word, (uint32_t)i * 64);
     }
-    return FinishRecord(record, out, width);
+    return FinishRecord(record, record + 1 + n, width);
 }
 
 int RunWhiteRecord(int32_t width, uint16_t *record)

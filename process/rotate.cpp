@@ -163,31 +163,51 @@ static int ReportRows(int32_t count, int32_t total)
     return 0;
 }
 
-/* One step of Transpose64: in each pair of J x J blocks off the diagonal
- * (rows k .. k + J - 1, bits of `mask`, and rows k + J .. k + 2J - 1, the
- * bits J places higher) the two blocks trade places. */
-template <int J>
-static inline void TransposeStep(uint64_t a[64], uint64_t mask)
+/* One step of a 64 x 64 bit transposition (Hacker's Delight, transpose32
+ * widened) on eight of its rows, x[0] .. x[7], rows D apart: in each pair
+ * of J x J blocks off the diagonal (rows J apart, J / D apart in x; bits of
+ * `mask` and the bits J places higher) the two blocks trade places.  The
+ * steps J = 32, 16, 8 pair only rows 8 apart and J = 4, 2, 1 only rows of
+ * one group of eight, so the transposition is done in two passes, three
+ * steps on eight rows held in registers at a time. */
+template <int J, int D>
+static inline void TransposeStep(uint64_t x[8], uint64_t mask)
 {
-    for (int k = 0; k < 64; k += 2 * J)
-        for (int l = k; l < k + J; l++) {
-            uint64_t t = (a[l] ^ (a[l + J] >> J)) & mask;
-            a[l] ^= t;
-            a[l + J] ^= t << J;
+    for (int k = 0; k < 8; k += 2 * (J / D))
+        for (int l = k; l < k + J / D; l++) {
+            uint64_t t = (x[l] ^ (x[l + J / D] >> J)) & mask;
+            x[l] ^= t;
+            x[l + J / D] ^= t << J;
         }
 }
 
-/* Transposes a 64 x 64 bit matrix by swapping ever smaller blocks (Hacker's
- * Delight, transpose32 widened): on entry bit 63 - i of a[k] is element
- * (k, i), on return bit 63 - k of a[i]. */
-static void Transpose64(uint64_t a[64])
+/* Transposes a 64 x 64 bit matrix whose row k is in(k): bit 63 - i of
+ * in(k) is element (k, i); out(i, word) receives the word whose bit 63 - k
+ * is that element. */
+template <class In, class Out>
+static inline void Transpose64(In in, Out out)
 {
-    TransposeStep<32>(a, 0x00000000FFFFFFFFull);
-    TransposeStep<16>(a, 0x0000FFFF0000FFFFull);
-    TransposeStep<8>(a, 0x00FF00FF00FF00FFull);
-    TransposeStep<4>(a, 0x0F0F0F0F0F0F0F0Full);
-    TransposeStep<2>(a, 0x3333333333333333ull);
-    TransposeStep<1>(a, 0x5555555555555555ull);
+    uint64_t between[64]; /* the matrix after the first pass */
+    for (int l = 0; l < 8; l++) {
+        uint64_t x[8];
+        for (int k = 0; k < 8; k++)
+            x[k] = in(l + 8 * k);
+        TransposeStep<32, 8>(x, 0x00000000FFFFFFFFull);
+        TransposeStep<16, 8>(x, 0x0000FFFF0000FFFFull);
+        TransposeStep<8, 8>(x, 0x00FF00FF00FF00FFull);
+        for (int k = 0; k < 8; k++)
+            between[l + 8 * k] = x[k];
+    }
+    for (int g = 0; g < 64; g += 8) {
+        uint64_t x[8];
+        for (int k = 0; k < 8; k++)
+            x[k] = between[g + k];
+        TransposeStep<4, 1>(x, 0x0F0F0F0F0F0F0F0Full);
+        TransposeStep<2, 1>(x, 0x3333333333333333ull);
+        TransposeStep<1, 1>(x, 0x5555555555555555ull);
+        for (int k = 0; k < 8; k++)
+            out(g + k, x[k]);
+    }
 }
 
 /* Up to 8 bytes as a word, the first byte most significant; missing bytes
@@ -342,7 +362,7 @@ static void TurnBitBand(const PlainTurn &turn, const Raster *target, int32_t x0)
             block[k] = r0 + k < turn.height
                            ? LoadBits(turn.RowStart(r0 + k) + column, sourceBytes - column)
                            : 0;
-        Transpose64(block);
+        Transpose64([&](int k) { return block[k]; }, [&](int i, uint64_t word) { block[i] = word; });
         size_t at = (size_t)r0 / 8;
         for (int32_t i = 0; i < count; i++) {
             int32_t j = turn.clockwise ? turn.width - 1 - (x0 + i) : x0 + i;
@@ -437,9 +457,10 @@ static int QuarterTurnPlain(ImgDescriptor *d, int32_t angle)
 /* ---- quarter turn of coded rows ---- */
 
 /* The pixels of a coded page are expanded a chunk of columns at a time, for
- * every row; a chunk's words stay within this budget (second-level cache),
- * at most CHUNK_WORDS words of 64 columns a row. */
-#define CHUNK_BUDGET_WORDS 32768
+ * every row; a chunk's words stay within this budget (2 MiB, a fax page in
+ * one chunk, so that each row's changes are read in one go), at most
+ * CHUNK_WORDS words of 64 columns a row. */
+#define CHUNK_BUDGET_WORDS 262144
 #define CHUNK_WORDS 64
 
 /* The colour changes of one coded row below the width, in increasing
@@ -536,79 +557,132 @@ static int CollectChanges(const ImgDescriptor *d, RowChanges *rows, uint16_t **e
     return 0;
 }
 
+/* The pixels a change at bit offset k of a word flips: k .. 63, the mask
+ * ~0 >> k.  A word's pixels are the colour it starts with xor the masks of
+ * its changes; as every mask has bit 0 set, bit 0 of a xor of masks tells
+ * whether their count is odd. */
+static inline uint64_t FlipsFrom(uint32_t offset)
+{
+    return ~0ull >> (offset % 64);
+}
+
+/* The flips of a row's changes in a chunk, word by word.  The changes come
+ * in order, so a running xor of their masks is stored into the word of each
+ * change (no word is read back, as a xor into it would), leaving in each
+ * word the running xor up to its last change; `writtenBy` tells which words
+ * the row at hand wrote (a serial number for each row of each chunk). */
+typedef struct ChunkFlips {
+    uint64_t sum[CHUNK_WORDS];
+    uint32_t writtenBy[CHUNK_WORDS];
+    uint32_t serial;
+} ChunkFlips;
+
+static inline void AddFlips(ChunkFlips *flips, uint64_t *sum, uint32_t offset)
+{
+    *sum ^= FlipsFrom(offset);
+    flips->sum[offset / 64] = *sum;
+    flips->writtenBy[offset / 64] = flips->serial;
+}
+
 /* The pixels x0 .. x0 + 64 * words - 1 of a row into out[0], out[stride],
  * ... (64 pixels a word, bit 63 first, 1 white), the chunks read from the
- * left (FromLeft) or from the right.  The colour toggles at each change: the
- * toggles are set as bits in `toggles` (all 0 on entry and on return) and
- * summed from the left by xor, starting from the colour after the changes
- * left of x0. */
+ * left (FromLeft) or from the right; `last` when no chunk follows, so that
+ * every change not read yet lies in this one.  Word w starts with the
+ * colour after the changes left of x0, flipped once for each change in the
+ * chunk left of the word. */
 template <bool FromLeft>
-static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, uint64_t *toggles,
+static void ExpandChunk(RowChanges *row, int32_t x0, int32_t words, bool last, ChunkFlips *flips,
                         uint64_t *out, size_t stride)
 {
     const uint16_t *at = row->at;
+    uint32_t serial = ++flips->serial;
+    uint64_t sum = 0;
     uint32_t before; /* changes left of x0 */
     if (FromLeft) {
         int32_t x1 = x0 + 64 * words;
         uint32_t i = row->cursor;
         before = i;
-        for (; i < row->count && at[i] < x1; i++) {
-            uint32_t offset = (uint32_t)(at[i] - x0);
-            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
-        }
+        if (last)
+            for (; i < row->count; i++)
+                AddFlips(flips, &sum, (uint32_t)(at[i] - x0));
+        else
+            for (; i < row->count && at[i] < x1; i++)
+                AddFlips(flips, &sum, (uint32_t)(at[i] - x0));
         row->cursor = i;
     } else {
         uint32_t i = row->cursor;
-        for (; i > 0 && at[i - 1] >= x0; i--) {
-            uint32_t offset = (uint32_t)(at[i - 1] - x0);
-            toggles[offset / 64] ^= (1ull << 63) >> (offset % 64);
-        }
+        if (last)
+            for (; i > 0; i--)
+                AddFlips(flips, &sum, (uint32_t)(at[i - 1] - x0));
+        else
+            for (; i > 0 && at[i - 1] >= x0; i--)
+                AddFlips(flips, &sum, (uint32_t)(at[i - 1] - x0));
         row->cursor = before = i;
     }
     uint64_t black = (before & 1) ? ~0ull : 0; /* 1 bits where the colour is black */
-    for (int32_t w = 0; w < words; w++) {
-        uint64_t t = toggles[w];
-        toggles[w] = 0;
-        t ^= t >> 1;
-        t ^= t >> 2;
-        t ^= t >> 4;
-        t ^= t >> 8;
-        t ^= t >> 16;
-        t ^= t >> 32;
-        t ^= black;
-        out[(size_t)w * stride] = ~t;
-        black = (t & 1) ? ~0ull : 0;
+    if (FromLeft) {
+        uint64_t previous = 0; /* the running xor up to the word before w */
+        for (int32_t w = 0; w < words; w++) {
+            uint64_t upTo = flips->writtenBy[w] == serial ? flips->sum[w] : previous;
+            uint64_t start = black ^ (0 - (previous & 1));
+            out[(size_t)w * stride] = ~(start ^ previous ^ upTo);
+            previous = upTo;
+        }
+    } else {
+        /* From the right the running xor covers word w and the words right
+         * of it; `sum` covers the whole chunk. */
+        uint64_t following = 0; /* the running xor from the word after w */
+        for (int32_t w = words - 1; w >= 0; w--) {
+            uint64_t from = flips->writtenBy[w] == serial ? flips->sum[w] : following;
+            uint64_t start = black ^ (0 - ((sum ^ from) & 1));
+            out[(size_t)w * stride] = ~(start ^ from ^ following);
+            following = from;
+        }
     }
 }
 
 /* The changes of the 64 new rows of one word column of an expanded chunk
- * (`column`: that word of each old row, top row first): rows[i] of
- * `rowWords` words is old column i of the word, bit c % 64 of word c / 64
- * set where its pixel c differs from pixel c - 1 (pixel -1 white); pixel c
- * is the old row height - 1 - c (clockwise) or c.  64 x 64 blocks are
- * turned at a time, their rows put in from the bottom so that pixel c lands
- * in bit c % 64. */
-template <bool Clockwise>
+ * (`column`: that word of each old row in the order of the new pixels):
+ * rows[i] of `rowWords` words is old column i of the word, bit c % 64 of
+ * word c / 64 set where its pixel c differs from pixel c - 1 (pixel -1
+ * white).  64 x 64 blocks are turned at a time, their rows taken from the
+ * bottom so that pixel c lands in bit c % 64; the pixels of a block are
+ * read straight from the column, with the one before it, except at the
+ * column's ends, whose blocks are copied with white around them. */
 static void TurnChunkWord(const uint64_t *column, int32_t height, uint64_t *rows, size_t rowWords)
 {
-    uint64_t above = ~0ull; /* the pixels of the row before, all white at first */
     for (int32_t c0 = 0; c0 < height; c0 += 64) {
-        uint64_t block[64];
-        uint64_t any = 0;
-        for (int k = 0; k < 64; k++) {
-            int32_t c = c0 + k;
-            uint64_t pixels = ~0ull;
-            if (c < height)
-                pixels = column[Clockwise ? height - 1 - c : c];
-            block[63 - k] = pixels ^ above;
-            any |= block[63 - k];
-            above = pixels;
-        }
-        if (any) /* a block without changes is its own transpose */
-            Transpose64(block);
-        for (int i = 0; i < 64; i++)
-            rows[(size_t)i * rowWords + (size_t)c0 / 64] = block[i];
+        uint64_t edge[65];
+        const uint64_t *pixels = edge; /* pixels[k]: pixel c0 + k - 1 */
+        if (c0 > 0 && height - c0 >= 64)
+            pixels = column + c0 - 1;
+        else
+            for (int k = 0; k < 65; k++) {
+                int32_t c = c0 + k - 1;
+                edge[k] = c >= 0 && c < height ? column[c] : ~0ull;
+            }
+        size_t at = (size_t)c0 / 64;
+        Transpose64([&](int j) { return pixels[64 - j] ^ pixels[63 - j]; },
+                    [&](int i, uint64_t word) { rows[(size_t)i * rowWords + at] = word; });
     }
+}
+
+/* Codes new row t from its changes and appends it to the store.  While the
+ * store has room for the longest record the row could have, the record is
+ * coded in place, which is what RunStoreAppend would leave (it grows the
+ * store only for a record that passes its end); otherwise it goes through
+ * `record` and RunStoreAppend. */
+static int AppendTurnedRow(ImgDescriptor *store, uint32_t offset, int32_t t,
+                           const uint64_t *changes, uint16_t *record)
+{
+    uint32_t start = store->rowIndex[t];
+    if ((uint64_t)offset + start + RunRecordMaxBytes(store->width) <= store->dibSize) {
+        uint16_t *place = reinterpret_cast<uint16_t *>(store->dib + offset + start);
+        store->rowIndex[t + 1] = start + (uint32_t)RunEncodeChanges(changes, store->width, place);
+        return 0;
+    }
+    int bytes = RunEncodeChanges(changes, store->width, record);
+    return RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0);
 }
 
 /* Builds the turned rows from the change positions, a chunk of columns at a
@@ -628,7 +702,8 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
     uint64_t *chunk = static_cast<uint64_t *>(ImgAlloc(chunkBytes));
     uint64_t *rows = static_cast<uint64_t *>(ImgAlloc(rowWords * 64 * 8));
     uint16_t *record = static_cast<uint16_t *>(ImgAlloc(RunRecordMaxBytes(d->height)));
-    uint64_t toggles[CHUNK_WORDS] = {};
+    ChunkFlips flips = {};
+    uint32_t offset = ImgDescriptorBitsOffset(store);
     int result = chunk && rows && record ? 0 : IMG_ERR_MEMORY;
     for (int32_t r = 0; r < d->height; r++)
         changes[r].cursor = Clockwise ? 0 : changes[r].count;
@@ -636,14 +711,16 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
     for (int32_t q = 0; result == 0 && q < chunks; q++) {
         int32_t w0 = chunkWords * (Clockwise ? q : chunks - 1 - q);
         int32_t words = pageWords - w0 < chunkWords ? pageWords - w0 : chunkWords;
-        /* The chunk word by word: word w of every old row, top row first. */
+        /* The chunk word by word: word w of every old row, in the order of
+         * the new pixels (clockwise bottom row first). */
         for (int32_t r = 0; r < d->height; r++)
-            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, toggles, chunk + r,
+            ExpandChunk<Clockwise>(&changes[r], 64 * w0, words, q + 1 == chunks, &flips,
+                                   chunk + (Clockwise ? d->height - 1 - r : r),
                                    (size_t)d->height);
         for (int32_t n = 0; result == 0 && n < words; n++) {
             int32_t w = Clockwise ? n : words - 1 - n;
             const uint64_t *column = chunk + (size_t)w * (size_t)d->height;
-            TurnChunkWord<Clockwise>(column, d->height, rows, rowWords);
+            TurnChunkWord(column, d->height, rows, rowWords);
             int32_t x0 = 64 * (w0 + w);
             int32_t count = d->width - x0 < 64 ? d->width - x0 : 64;
             for (int32_t m = 0; m < count; m++) {
@@ -651,8 +728,8 @@ static int CodeTurnedRows(const ImgDescriptor *d, ImgDescriptor *store, RowChang
                 int32_t t = Clockwise ? x0 + i : d->width - 1 - (x0 + i);
                 if ((result = ImgReportProgress(d->width)) < 0)
                     break;
-                int bytes = RunEncodeChanges(rows + (size_t)i * rowWords, d->height, record);
-                if ((result = RunStoreAppend(store, t, record, (uint32_t)bytes, t + 10.0)) < 0)
+                result = AppendTurnedRow(store, offset, t, rows + (size_t)i * rowWords, record);
+                if (result < 0)
                     break;
             }
         }
